@@ -1,0 +1,32 @@
+#pragma once
+// The main executor of the command-line programs: an Asio event loop run on the thread
+// that calls run().
+#include <memory>
+#include <thread>
+
+#include "platform/executor.h"
+
+namespace vell {
+
+class AsioExecutor final : public Executor {
+public:
+    AsioExecutor();
+    ~AsioExecutor() override;
+    AsioExecutor(const AsioExecutor&) = delete;
+    AsioExecutor& operator=(const AsioExecutor&) = delete;
+
+    void post(Task task) override;
+    TimerHandle postAfter(double delaySeconds, Task task) override;
+    TimerHandle repeat(double intervalSeconds, Task task) override;
+    bool isCurrentThread() const override;
+
+    // Runs tasks on the calling thread until stop(); returns at once if already stopped.
+    void run();
+    void stop();
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace vell

@@ -1,0 +1,26 @@
+#pragma once
+// One process at a time owns the data directories (recordings, insurance buffer, pending
+// list): a second one would fight over the same files.
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include "platform/expected.h"
+
+namespace vell {
+
+class InstanceLock {
+public:
+    // Takes the lock file in <dataDirectory>; fails at once (never waits) when another
+    // process holds it, with a sentence in the interface language.
+    static Expected<std::shared_ptr<InstanceLock>, std::string> acquire(const std::filesystem::path& dataDirectory);
+    ~InstanceLock();
+    InstanceLock(const InstanceLock&) = delete;
+    InstanceLock& operator=(const InstanceLock&) = delete;
+
+private:
+    explicit InstanceLock(int fd) : fd_(fd) {}
+    int fd_;
+};
+
+}  // namespace vell
