@@ -3,6 +3,7 @@ find_package(Threads REQUIRED)
 find_package(nlohmann_json 3 REQUIRED)
 find_package(CLI11 REQUIRED)
 find_package(fmt REQUIRED)
+find_package(OpenSSL REQUIRED)
 
 function(vell_pkg alias)
   pkg_check_modules(${alias}_PC REQUIRED IMPORTED_TARGET ${ARGN})

@@ -10,14 +10,16 @@ function(vell_layer name)
   target_link_libraries(vell_${name} PUBLIC ${L_DEPS})
 endfunction()
 
-# vell_test_suite(NAME DIR): one GoogleTest binary from every *.cpp under tests/DIR,
-# linked with the shared test support.
+# vell_test_suite(NAME DIR [LIBS ...] [PROPERTIES ...]): one GoogleTest binary from every
+# *.cpp under tests/DIR, linked with the shared test support; PROPERTIES go to every test
+# of the suite (for example RESOURCE_LOCK for tests that need the fixed service port).
 function(vell_test_suite name dir)
+  cmake_parse_arguments(S "" "" "LIBS;PROPERTIES" ${ARGN})
   file(GLOB_RECURSE srcs CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/tests/${dir}/*.cpp)
   if(NOT srcs)
     return()
   endif()
   add_executable(${name} ${srcs} ${CMAKE_SOURCE_DIR}/tests/main.cpp)
-  target_link_libraries(${name} PRIVATE vell_test_support ${ARGN})
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
+  target_link_libraries(${name} PRIVATE vell_test_support ${S_LIBS})
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300 ${S_PROPERTIES})
 endfunction()
