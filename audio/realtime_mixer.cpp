@@ -1,0 +1,232 @@
+#include "audio/realtime_mixer.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+
+#include "audio/errors.h"
+#include "platform/runtime.h"
+
+namespace vell::audio {
+
+namespace {
+constexpr int kTargetChannels = 2;
+}
+
+RealtimeMixer::RealtimeMixer(std::filesystem::path file, double sampleRate, Options options)
+    : requestedFile_(std::move(file)),
+      sampleRate_(sampleRate),
+      clock_(options.clock ? *options.clock : runtime::clock()),
+      writerFactory_(options.writerFactory ? std::move(options.writerFactory) : media::AacWriterFactory(media::openAacWriter)),
+      automaticTicks_(options.automaticTicks),
+      queue_(std::make_unique<SerialQueue>(queues::kMixer)) {
+    mic_.gain = kMicGain;
+    system_.gain = kSystemGain;
+}
+
+RealtimeMixer::~RealtimeMixer() {
+    std::unique_ptr<SerialQueue> queue;
+    {
+        std::lock_guard lock(postLock_);
+        queue = std::move(queue_);
+    }
+    if (!queue) return;
+    queue->sync([this] { flushTimer_.cancel(); });
+    // Blocks already posted still run (the mixer is whole until the queue is gone); an
+    // unfinished file is closed by its writer, losing only what was not yet mixed.
+    queue.reset();
+}
+
+void RealtimeMixer::post(Task task) {
+    std::lock_guard lock(postLock_);
+    if (queue_) queue_->post(std::move(task));
+}
+
+void RealtimeMixer::open() {
+    std::string failure;
+    queue_->sync([&] {
+        if (file_) return;
+        const media::AacSettings adts{media::AacContainer::adts, static_cast<int>(sampleRate_), kTargetChannels, kBitRate};
+        auto opened = writerFactory_(requestedFile_, adts);
+        std::filesystem::path chosen = requestedFile_;
+        if (!opened) {
+            failure = opened.error();
+            chosen = std::filesystem::path(requestedFile_).replace_extension("m4a");
+            media::AacSettings mpeg4 = adts;
+            mpeg4.container = media::AacContainer::mpeg4;
+            opened = writerFactory_(chosen, mpeg4);
+            if (!opened) failure += "; " + opened.error();
+        }
+        if (!opened) return;
+        failure.clear();
+        file_ = std::move(*opened);
+        {
+            std::lock_guard lock(outputLock_);
+            outputFile_ = chosen;
+        }
+        if (automaticTicks_) {
+            flushTimer_ = queue_->repeat(kTickSeconds, [this] { mix(false); });
+        }
+    });
+    if (!failure.empty()) throw MixerOpenError(failure);
+}
+
+std::filesystem::path RealtimeMixer::outputFile() const {
+    std::lock_guard lock(outputLock_);
+    return outputFile_.empty() ? requestedFile_ : outputFile_;
+}
+
+void RealtimeMixer::setSystemEnabled(bool enabled) {
+    post([this, enabled] { systemEnabled_ = enabled; });
+}
+
+void RealtimeMixer::appendMicrophone(PcmBufferPtr buffer) {
+    if (!buffer) return;
+    post([this, buffer = std::move(buffer)] { take(mic_, false, buffer); });
+}
+
+void RealtimeMixer::appendSystem(PcmBufferPtr buffer) {
+    if (!buffer) return;
+    post([this, buffer = std::move(buffer)] { take(system_, true, buffer); });
+}
+
+void RealtimeMixer::take(Stream& stream, bool isSystem, const PcmBufferPtr& buffer) {
+    if (isSystem && !systemEnabled_) return;
+    const std::size_t frames = buffer->frames();
+    const int channels = buffer->channelCount();
+    if (frames == 0 || channels == 0 || buffer->sampleRate <= 0) return;
+
+    // Planes at the target rate: the block itself when only mono duplication is needed,
+    // else the stream's converter (kept while the input format stays the same).
+    const std::vector<float>* left = nullptr;
+    const std::vector<float>* right = nullptr;
+    if (buffer->sampleRate == sampleRate_ && channels <= kTargetChannels) {
+        left = &buffer->channels[0];
+        right = channels > 1 ? &buffer->channels[1] : left;
+    } else {
+        const int inRate = static_cast<int>(std::lround(buffer->sampleRate));
+        if (!stream.converter || stream.converter->inRate() != inRate || stream.converter->inChannels() != channels) {
+            auto made = media::Resampler::create(inRate, channels, static_cast<int>(sampleRate_), kTargetChannels);
+            if (!made) {
+                stream.converter.reset();
+                return;
+            }
+            stream.converter = std::move(*made);
+        }
+        std::vector<const float*> planes;
+        planes.reserve(static_cast<std::size_t>(channels));
+        for (const auto& plane : buffer->channels) planes.push_back(plane.data());
+        if (!stream.converter->convert(planes.data(), frames, scratch_)) return;
+        left = &scratch_[0];
+        right = &scratch_[1];
+    }
+
+    stream.lastArrival = clock_.uptime();
+
+    if (isSystem && onSystemBuffer) {
+        auto converted = std::make_shared<PcmBuffer>();
+        converted->sampleRate = sampleRate_;
+        converted->hostTime = buffer->hostTime;
+        converted->channels = {*left, *right};
+        onSystemBuffer(std::move(converted));
+    }
+
+    const std::array<const std::vector<float>*, 2> sides{left, right};
+    for (int c = 0; c < kTargetChannels; ++c) {
+        auto& list = stream.samples[c];
+        const auto& source = *sides[c];
+        const std::size_t start = list.size();
+        list.resize(start + source.size());
+        for (std::size_t i = 0; i < source.size(); ++i) list[start + i] = source[i] * stream.gain;
+    }
+}
+
+void RealtimeMixer::tick(bool force) {
+    std::unique_lock lock(postLock_);
+    if (!queue_) return;
+    SerialQueue& queue = *queue_;
+    lock.unlock();
+    queue.sync([this, force] { mix(force); });
+}
+
+void RealtimeMixer::drain() {
+    std::unique_lock lock(postLock_);
+    if (!queue_) return;
+    SerialQueue& queue = *queue_;
+    lock.unlock();
+    queue.sync([] {});
+}
+
+void RealtimeMixer::mix(bool force) {
+    if (!file_) return;
+    const std::size_t m = mic_.samples[0].size();
+    const std::size_t s = systemEnabled_ ? system_.samples[0].size() : 0;
+    const auto chunk = static_cast<std::size_t>(sampleRate_ * 0.05);
+    const double now = clock_.uptime();
+    const auto oneSecond = static_cast<std::size_t>(sampleRate_);
+
+    std::size_t n = 0;
+    if (!systemEnabled_) {
+        n = m;
+    } else if (force) {
+        n = std::max(m, s);
+    } else if (std::min(m, s) >= chunk) {
+        n = std::min(m, s);
+    } else if ((m > s ? m - s : s - m) > oneSecond) {
+        n = std::max(m, s);  // drifted apart: drain both, the shorter padded with silence
+    } else if (now - system_.lastArrival > kStallSeconds && m >= chunk) {
+        n = m;
+    } else if (now - mic_.lastArrival > kStallSeconds && s >= chunk) {
+        n = s;
+    } else {
+        return;
+    }
+    if (n == 0) return;
+
+    auto mixed = std::make_shared<PcmBuffer>();
+    mixed->sampleRate = sampleRate_;
+    mixed->channels.assign(kTargetChannels, std::vector<float>(n, 0.0f));
+    for (int c = 0; c < kTargetChannels; ++c) {
+        float* out = mixed->channels[c].data();
+        const auto& micList = mic_.samples[c];
+        const auto& sysList = system_.samples[c];
+        const std::size_t micCount = std::min(n, micList.size());
+        const std::size_t sysCount = systemEnabled_ ? std::min(n, sysList.size()) : 0;
+        for (std::size_t i = 0; i < micCount; ++i) out[i] = micList[i];
+        for (std::size_t i = 0; i < sysCount; ++i) out[i] += sysList[i];
+        for (std::size_t i = 0; i < n; ++i) out[i] = std::clamp(out[i], -1.0f, 1.0f);
+    }
+    for (Stream* stream : {&mic_, &system_}) {
+        for (auto& list : stream->samples) list.erase(list.begin(), list.begin() + static_cast<std::ptrdiff_t>(std::min(n, list.size())));
+    }
+
+    const float* planes[kTargetChannels] = {mixed->channels[0].data(), mixed->channels[1].data()};
+    auto written = file_->write(planes, kTargetChannels, n, static_cast<int>(sampleRate_));
+    if (written) written = file_->syncToDisk();
+    if (!written) reportWriteError(written.error());
+
+    if (onMixedBuffer) onMixedBuffer(std::move(mixed));
+}
+
+void RealtimeMixer::reportWriteError(const std::string& error) {
+    if (terminalWriteErrorReported_) return;
+    terminalWriteErrorReported_ = true;
+    if (onWriteError) onWriteError(error);
+}
+
+void RealtimeMixer::finish() {
+    std::unique_lock lock(postLock_);
+    if (!queue_) return;
+    SerialQueue& queue = *queue_;
+    lock.unlock();
+    queue.sync([this] {
+        flushTimer_.cancel();
+        mix(true);
+        if (file_) (void)file_->finish();  // closing problems at the end are not reported
+        file_.reset();
+        mic_ = Stream{nullptr, {}, 0, kMicGain};
+        system_ = Stream{nullptr, {}, 0, kSystemGain};
+    });
+}
+
+}  // namespace vell::audio

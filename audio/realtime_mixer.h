@@ -1,0 +1,90 @@
+#pragma once
+// Mixes the microphone and the system audio of a recording into one AAC file while the
+// recording runs: both streams are converted to the target format, summed with fixed gains
+// every 0.1 s, written and synced to disk, so a crash loses at most the last tick.
+#include <array>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "audio/ports.h"
+#include "platform/aac_writer.h"
+#include "platform/clock.h"
+#include "platform/executor.h"
+#include "platform/resampler.h"
+#include "platform/serial_queue.h"
+
+namespace vell::audio {
+
+class RealtimeMixer final : public RecordingMixer {
+public:
+    static constexpr float kMicGain = 1.0f;
+    static constexpr float kSystemGain = 0.85f;
+    static constexpr double kTickSeconds = 0.1;
+    static constexpr double kStallSeconds = 0.5;
+    static constexpr int kBitRate = 128'000;
+
+    struct Options {
+        const Clock* clock = nullptr;          // the runtime clock when absent
+        media::AacWriterFactory writerFactory;  // FFmpeg when absent
+        bool automaticTicks = true;            // false: the owner calls tick() (tests, offline mixing)
+    };
+
+    // The file is created by open(); `file` names the ".aac" to try first.
+    RealtimeMixer(std::filesystem::path file, double sampleRate, Options options);
+    RealtimeMixer(std::filesystem::path file, double sampleRate) : RealtimeMixer(std::move(file), sampleRate, Options{}) {}
+    ~RealtimeMixer() override;
+
+    void open() override;
+    std::filesystem::path outputFile() const override;
+    void setSystemEnabled(bool enabled) override;
+    void appendMicrophone(PcmBufferPtr buffer) override;
+    void appendSystem(PcmBufferPtr buffer) override;
+    void finish() override;
+
+    // One mixing step, run on the mixer's queue; returns once it is done.
+    void tick(bool force = false);
+    // Returns once every block appended so far has been taken in.
+    void drain();
+
+    double sampleRate() const { return sampleRate_; }
+
+private:
+    struct Stream {
+        std::unique_ptr<media::Resampler> converter;
+        std::array<std::vector<float>, 2> samples;
+        double lastArrival = 0;
+        float gain = 1.0f;
+    };
+
+    void post(Task task);
+    void take(Stream& stream, bool isSystem, const PcmBufferPtr& buffer);
+    void mix(bool force);
+    void reportWriteError(const std::string& error);
+
+    // Touched only on queue_ (after construction).
+    std::filesystem::path requestedFile_;
+    double sampleRate_;
+    const Clock& clock_;
+    media::AacWriterFactory writerFactory_;
+    bool automaticTicks_;
+    std::unique_ptr<media::AacWriter> file_;
+    Stream mic_;
+    Stream system_;
+    bool systemEnabled_ = false;
+    TimerHandle flushTimer_;
+    bool terminalWriteErrorReported_ = false;
+    std::vector<std::vector<float>> scratch_;
+
+    mutable std::mutex outputLock_;
+    std::filesystem::path outputFile_;
+
+    // Guards the queue pointer so that blocks arriving while the mixer is destroyed are
+    // dropped instead of reaching a dead queue.
+    std::mutex postLock_;
+    std::unique_ptr<SerialQueue> queue_;
+};
+
+}  // namespace vell::audio

@@ -1,0 +1,316 @@
+// The realtime mixer driven tick by tick with synthetic blocks and a virtual clock; the
+// file it writes is real and decoded back.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+
+#include "audio/errors.h"
+#include "audio/realtime_mixer.h"
+#include "tests/audio/aac_test_decoder.h"
+#include "tests/support/temp_home.h"
+
+namespace vell::audio {
+namespace {
+
+using test::constantBlock;
+using test::decodeAudioFile;
+using test::sineBlock;
+
+constexpr double kRate = 44100;
+
+// Collects what the mixer hands on (callbacks run on its queue).
+struct Collected {
+    std::mutex lock;
+    std::vector<PcmBufferPtr> mixed;
+    std::vector<PcmBufferPtr> system;
+    std::vector<std::string> errors;
+
+    std::size_t mixedFrames() {
+        std::lock_guard g(lock);
+        std::size_t n = 0;
+        for (auto& b : mixed) n += b->frames();
+        return n;
+    }
+    std::size_t mixedCount() {
+        std::lock_guard g(lock);
+        return mixed.size();
+    }
+    PcmBufferPtr lastMixed() {
+        std::lock_guard g(lock);
+        return mixed.empty() ? nullptr : mixed.back();
+    }
+};
+
+class MixerTest : public ::testing::Test {
+protected:
+    void SetUp() override { path = home.tmp() / "vell_rec_TEST.aac"; }
+
+    std::unique_ptr<RealtimeMixer> make(media::AacWriterFactory factory = {}) {
+        RealtimeMixer::Options options;
+        options.clock = &clock;
+        options.writerFactory = std::move(factory);
+        options.automaticTicks = false;
+        auto mixer = std::make_unique<RealtimeMixer>(path, kRate, std::move(options));
+        mixer->onMixedBuffer = [this](PcmBufferPtr b) {
+            std::lock_guard g(out.lock);
+            out.mixed.push_back(std::move(b));
+        };
+        mixer->onSystemBuffer = [this](PcmBufferPtr b) {
+            std::lock_guard g(out.lock);
+            out.system.push_back(std::move(b));
+        };
+        mixer->onWriteError = [this](const std::string& e) {
+            std::lock_guard g(out.lock);
+            out.errors.push_back(e);
+        };
+        return mixer;
+    }
+
+    static std::size_t frames(double seconds) { return std::size_t(seconds * kRate); }
+
+    test::TempHome home;
+    ManualClock clock;
+    std::filesystem::path path;
+    Collected out;
+};
+
+TEST_F(MixerTest, MicrophoneAloneIsWrittenEveryTickAndDecodesBack) {
+    auto mixer = make();
+    mixer->open();
+    EXPECT_EQ(mixer->outputFile(), path);
+    std::size_t at = 0;
+    for (int tick = 0; tick < 20; ++tick) {
+        mixer->appendMicrophone(sineBlock(48000, 1, 4800, 440, 0.5f, at));
+        at += 4800;
+        clock.advance(0.1);
+        mixer->tick();
+        EXPECT_EQ(out.mixedCount(), std::size_t(tick + 1)) << "system disabled: every tick writes what the mic has";
+    }
+    mixer->finish();
+    EXPECT_NEAR(double(out.mixedFrames()), 2.0 * kRate, 40);
+
+    auto decoded = decodeAudioFile(path);
+    ASSERT_TRUE(decoded.ok) << decoded.error;
+    EXPECT_EQ(decoded.container, "aac");
+    EXPECT_EQ(decoded.sampleRate, 44100);
+    EXPECT_EQ(decoded.channels, 2);
+    EXPECT_NEAR(decoded.seconds(), 2.0, 0.06);
+    EXPECT_NEAR(test::rms(decoded.samples[0], 4410, 44100), 0.5 / std::sqrt(2.0), 0.03);
+}
+
+TEST_F(MixerTest, MonoAt48kBecomesIdenticalLeftAndRightAt44k) {
+    auto mixer = make();
+    mixer->open();
+    mixer->appendMicrophone(sineBlock(48000, 1, 48000, 300, 0.8f));
+    mixer->tick();
+    auto mixed = out.lastMixed();
+    ASSERT_TRUE(mixed);
+    EXPECT_EQ(mixed->sampleRate, 44100);
+    ASSERT_EQ(mixed->channelCount(), 2);
+    EXPECT_NEAR(double(mixed->frames()), 44100, 40);
+    EXPECT_EQ(mixed->channels[0], mixed->channels[1]);
+    EXPECT_NEAR(test::rms(mixed->channels[0], 1000), 0.8 / std::sqrt(2.0), 0.01);
+}
+
+TEST_F(MixerTest, GainsSumAndClampAtFullScale) {
+    auto mixer = make();
+    mixer->open();
+    mixer->setSystemEnabled(true);
+    auto mixOne = [&](float mic, float system) {
+        mixer->appendMicrophone(constantBlock(kRate, 2, 4410, mic));
+        mixer->appendSystem(constantBlock(kRate, 2, 4410, system));
+        mixer->tick();
+        auto mixed = out.lastMixed();
+        EXPECT_EQ(mixed->frames(), 4410u);
+        return std::pair{mixed->channels[0][100], mixed->channels[1][4000]};
+    };
+    EXPECT_EQ(mixOne(1.0f, 1.0f), std::pair(1.0f, 1.0f));
+    EXPECT_EQ(mixOne(-1.0f, -1.0f), std::pair(-1.0f, -1.0f));
+    auto [l, r] = mixOne(0.5f, 0.5f);
+    EXPECT_FLOAT_EQ(l, 0.5f + 0.85f * 0.5f);
+    EXPECT_FLOAT_EQ(r, 0.5f + 0.85f * 0.5f);
+
+    // The digital-silence tracker sees system audio before its gain.
+    std::lock_guard g(out.lock);
+    ASSERT_EQ(out.system.size(), 3u);
+    EXPECT_EQ(out.system[2]->channels[0][0], 0.5f);
+}
+
+TEST_F(MixerTest, NormalTickWritesWhatBothStreamsHave) {
+    auto mixer = make();
+    mixer->open();
+    mixer->setSystemEnabled(true);
+    mixer->appendMicrophone(constantBlock(kRate, 1, frames(0.08), 0.1f));
+    mixer->appendSystem(constantBlock(48000, 2, 4800, 0.1f));  // 0.1 s, resampled
+    mixer->tick();
+    EXPECT_EQ(out.mixedFrames(), frames(0.08));
+    // Less than 50 ms left on the system side, both recently heard: wait.
+    clock.advance(0.1);
+    mixer->tick();
+    EXPECT_EQ(out.mixedCount(), 1u);
+    // The remainder comes out at finish, padded with silence on the mic side.
+    mixer->finish();
+    EXPECT_NEAR(double(out.mixedFrames()), 0.1 * kRate, 40);
+    auto last = out.lastMixed();
+    EXPECT_NEAR(last->channels[0].back(), 0.85f * 0.1f, 1e-3);
+}
+
+TEST_F(MixerTest, SilentButEnabledSystemStreamHoldsTheMicForHalfASecond) {
+    auto mixer = make();
+    mixer->open();
+    mixer->setSystemEnabled(true);
+    mixer->appendSystem(constantBlock(kRate, 2, 10, 0.0f));  // the tap started, then went quiet
+    mixer->appendMicrophone(constantBlock(kRate, 1, frames(0.3), 0.2f));
+    mixer->tick();
+    clock.advance(0.5);
+    mixer->tick();
+    EXPECT_EQ(out.mixedCount(), 0u) << "0.5 s without system audio is not yet a stall";
+    clock.advance(0.01);
+    mixer->tick();
+    ASSERT_EQ(out.mixedCount(), 1u);
+    EXPECT_EQ(out.mixedFrames(), frames(0.3));
+
+    // Less than 50 ms waiting: still nothing, even with the system stream stalled.
+    mixer->appendMicrophone(constantBlock(kRate, 1, frames(0.04), 0.2f));
+    clock.advance(0.1);
+    mixer->tick();
+    EXPECT_EQ(out.mixedCount(), 1u);
+}
+
+TEST_F(MixerTest, StalledMicrophoneLetsTheSystemStreamThrough) {
+    auto mixer = make();
+    mixer->open();
+    mixer->setSystemEnabled(true);
+    mixer->appendMicrophone(constantBlock(kRate, 1, 10, 0.0f));
+    mixer->drain();  // arrival is stamped when the queue takes the block
+    clock.advance(0.2);
+    mixer->appendSystem(constantBlock(kRate, 2, frames(0.2), 0.4f));
+    mixer->tick();
+    EXPECT_EQ(out.mixedCount(), 0u);
+    clock.advance(0.31);
+    mixer->tick();
+    ASSERT_EQ(out.mixedCount(), 1u);
+    EXPECT_EQ(out.mixedFrames(), frames(0.2));
+}
+
+TEST_F(MixerTest, DriftBeyondOneSecondDrainsBothStreams) {
+    auto mixer = make();
+    mixer->open();
+    mixer->setSystemEnabled(true);
+    mixer->appendSystem(constantBlock(kRate, 2, frames(0.02), 0.5f));
+    mixer->appendMicrophone(constantBlock(kRate, 1, frames(1.0) + frames(0.02), 0.25f));
+    mixer->tick();
+    EXPECT_EQ(out.mixedCount(), 0u) << "exactly one second apart is not yet drift";
+    mixer->appendMicrophone(constantBlock(kRate, 1, 1, 0.25f));
+    mixer->tick();
+    ASSERT_EQ(out.mixedCount(), 1u);
+    auto mixed = out.lastMixed();
+    EXPECT_EQ(mixed->frames(), frames(1.0) + frames(0.02) + 1);
+    EXPECT_FLOAT_EQ(mixed->channels[1][0], 0.25f + 0.85f * 0.5f);
+    EXPECT_FLOAT_EQ(mixed->channels[1][frames(0.02)], 0.25f) << "the shorter stream is padded with silence";
+    // Nothing is left behind on either side.
+    mixer->finish();
+    EXPECT_EQ(out.mixedCount(), 1u);
+}
+
+TEST_F(MixerTest, SystemBlocksAreIgnoredWhileDisabled) {
+    auto mixer = make();
+    mixer->open();
+    mixer->appendSystem(constantBlock(kRate, 2, frames(0.2), 0.9f));
+    mixer->appendMicrophone(constantBlock(kRate, 1, frames(0.1), 0.1f));
+    mixer->tick();
+    auto mixed = out.lastMixed();
+    ASSERT_TRUE(mixed);
+    EXPECT_EQ(mixed->frames(), frames(0.1));
+    EXPECT_FLOAT_EQ(mixed->channels[0][0], 0.1f);
+    std::lock_guard g(out.lock);
+    EXPECT_TRUE(out.system.empty());
+}
+
+// A writer whose disk is full: every write fails.
+class FailingWriter final : public media::AacWriter {
+public:
+    explicit FailingWriter(media::AacSettings s) : settings_(s) {}
+    Expected<Unit, std::string> write(const float* const*, int, std::size_t, int) override {
+        return unexpected(std::string("No space left on device"));
+    }
+    Expected<Unit, std::string> syncToDisk() override { return Unit{}; }
+    Expected<Unit, std::string> finish() override { return Unit{}; }
+    const media::AacSettings& settings() const override { return settings_; }
+    std::int64_t framesWritten() const override { return 0; }
+    const std::filesystem::path& path() const override { return path_; }
+
+private:
+    media::AacSettings settings_;
+    std::filesystem::path path_;
+};
+
+TEST_F(MixerTest, OnlyTheFirstWriteErrorIsReportedAndMixingGoesOn) {
+    auto mixer = make([](const std::filesystem::path&, const media::AacSettings& s)
+                          -> Expected<std::unique_ptr<media::AacWriter>, std::string> {
+        return std::unique_ptr<media::AacWriter>(std::make_unique<FailingWriter>(s));
+    });
+    mixer->open();
+    for (int i = 0; i < 3; ++i) {
+        mixer->appendMicrophone(constantBlock(kRate, 1, 4410, 0.1f));
+        mixer->tick();
+    }
+    mixer->finish();
+    std::lock_guard g(out.lock);
+    ASSERT_EQ(out.errors.size(), 1u);
+    EXPECT_EQ(out.errors[0], "No space left on device");
+    EXPECT_EQ(out.mixed.size(), 3u) << "speech detection and live segments keep their audio";
+}
+
+TEST_F(MixerTest, FallsBackToMpeg4WhenTheAdtsFileCannotBeCreated) {
+    std::filesystem::create_directories(path);  // something that is not a file holds the name
+    auto mixer = make();
+    mixer->open();
+    const auto m4a = std::filesystem::path(path).replace_extension("m4a");
+    EXPECT_EQ(mixer->outputFile(), m4a);
+    mixer->appendMicrophone(sineBlock(kRate, 2, frames(1.0), 440, 0.3f));
+    mixer->tick();
+    mixer->finish();
+    auto decoded = decodeAudioFile(m4a);
+    ASSERT_TRUE(decoded.ok) << decoded.error;
+    EXPECT_NE(decoded.container.find("mp4"), std::string::npos);
+    EXPECT_EQ(decoded.channels, 2);
+    EXPECT_NEAR(decoded.seconds(), 1.0, 0.03);
+}
+
+TEST_F(MixerTest, OpenThrowsWhenNeitherFileCanBeCreated) {
+    path = home.tmp() / "missing" / "vell_rec_X.aac";
+    auto mixer = make();
+    EXPECT_THROW(mixer->open(), MixerOpenError);
+    mixer->appendMicrophone(constantBlock(kRate, 1, 4410, 0.1f));
+    mixer->tick();
+    mixer->finish();
+    EXPECT_EQ(out.mixedCount(), 0u);
+    EXPECT_FALSE(std::filesystem::exists(home.tmp() / "missing"));
+}
+
+TEST_F(MixerTest, TimerMixesOnItsOwnAndFinishedMixerWritesNothingMore) {
+    RealtimeMixer::Options options;  // real clock, real 0.1 s timer
+    auto mixer = std::make_unique<RealtimeMixer>(path, kRate, std::move(options));
+    std::atomic<int> ticks{0};
+    mixer->onMixedBuffer = [&](PcmBufferPtr) { ++ticks; };
+    mixer->open();
+    for (int i = 0; i < 5; ++i) {
+        mixer->appendMicrophone(constantBlock(48000, 1, 4800, 0.1f));
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    mixer->finish();
+    EXPECT_GE(ticks.load(), 3);
+    const int after = ticks.load();
+    mixer->appendMicrophone(constantBlock(48000, 1, 4800, 0.1f));
+    mixer->tick(true);
+    EXPECT_EQ(ticks.load(), after);
+    mixer.reset();  // late blocks after destruction are dropped, not crashed on
+    auto decoded = decodeAudioFile(path);
+    ASSERT_TRUE(decoded.ok);
+    EXPECT_NEAR(decoded.seconds(), 0.5, 0.06);
+}
+
+}  // namespace
+}  // namespace vell::audio
