@@ -1,0 +1,54 @@
+#pragma once
+// The pending list on disk ("manifest.json" beside the audio files) and the rules that
+// read it: which entries survive a load, which ones the upload queue takes, how unowned
+// entries are adopted and how entries left mid-recording or mid-upload are settled.
+#include <filesystem>
+#include <optional>
+#include <set>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "recording/pending_recording.h"
+
+namespace vell::recording {
+
+class PendingListFile {
+public:
+    explicit PendingListFile(std::filesystem::path directory);
+
+    const std::filesystem::path& directory() const { return directory_; }
+    std::filesystem::path manifest() const { return directory_ / "manifest.json"; }
+
+    // The stored list with entries whose audio file is gone left out, or nothing when the
+    // file is missing, unreadable or does not decode. A file that does not decode is moved
+    // aside ("manifest.json.corrupt-<seconds>") so that its content is never lost by the
+    // next save; the audio files it named are found again by the recovery scan.
+    std::optional<std::vector<PendingRecording>> load() const;
+
+    // Compact JSON, written atomically: a failed write leaves the previous file intact.
+    bool save(const std::vector<PendingRecording>& list, std::error_code& error) const;
+
+private:
+    std::filesystem::path directory_;
+};
+
+// The entries whose audio file exists, in their order.
+std::vector<PendingRecording> keepingExistingFiles(std::vector<PendingRecording> list);
+
+// What the upload queue takes, in list order: entries of the signed-in account, not in
+// skip, that are ready or failed. Nothing without an account.
+std::vector<PendingRecording> uploadCandidates(const std::vector<PendingRecording>& list,
+                                               const std::optional<std::string>& accountID,
+                                               const std::set<std::string>& skip = {});
+
+// Gives entries without an owner to the account; returns how many changed.
+int adoptUnowned(std::vector<PendingRecording>& list, const std::string& accountID);
+
+// At start-up nothing is recording or uploading any more: an entry still "recording" was
+// cut off by a crash and becomes ready (finished now, with the recovery note), an entry
+// still "uploading" becomes ready so the upload resumes where the service stopped.
+// Returns how many changed.
+int settleInterrupted(std::vector<PendingRecording>& list, WallTime now, const std::string& recoveredNote);
+
+}  // namespace vell::recording
