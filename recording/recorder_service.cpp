@@ -1,0 +1,401 @@
+#include "recording/recorder_service.h"
+
+#include <algorithm>
+#include <mutex>
+
+#include "audio/errors.h"
+#include "platform/log.h"
+#include "platform/runtime.h"
+#include "platform/uuid.h"
+#include "recording/recorder_messages.h"
+#include "recording/recovery_scan.h"
+
+namespace vell::recording {
+
+namespace fs = std::filesystem;
+using Status = PendingRecording::Status;
+
+namespace {
+const log::Logger kLog("Recorder");
+
+std::mutex& providerLock() {
+    static std::mutex m;
+    return m;
+}
+std::function<RecorderParts()>& provider() {
+    static std::function<RecorderParts()> p;
+    return p;
+}
+
+double secondsBetween(WallTime from, WallTime to) { return std::chrono::duration<double>(to - from).count(); }
+}  // namespace
+
+// One recording's audio objects, shared with the microphone queue and the callbacks.
+// `closed` is read and written on the microphone queue only.
+struct RecorderService::Session {
+    std::string id;
+    std::shared_ptr<audio::RecordingMixer> mixer;
+    bool systemRunning = false;
+    bool closed = false;
+};
+
+RecorderService::RecorderService(RecorderParts parts, fs::path directory)
+    : parts_(std::move(parts)), listFile_(std::move(directory)), micQueue_(std::make_unique<SerialQueue>(queues::kMic)) {
+    loadAndRecover();
+}
+
+RecorderService::~RecorderService() {
+    ticker_.cancel();
+    if (auto session = session_) {
+        // Going away mid-recording (tests, process teardown): close the audio so the file
+        // is complete; the entry stays "recording" and is settled at the next start-up.
+        micQueue_->sync([&] {
+            session->closed = true;
+            if (parts_.microphone) parts_.microphone->stop();
+            if (parts_.systemAudio && session->systemRunning) parts_.systemAudio->stop();
+            session->mixer->finish();
+        });
+    }
+}
+
+RecorderService& RecorderService::shared() {
+    // Never destroyed: its queue and timers may still be referenced while the process ends.
+    static RecorderService* instance = [] {
+        std::function<RecorderParts()> make;
+        {
+            std::lock_guard lock(providerLock());
+            make = provider();
+        }
+        return new RecorderService(make ? make() : RecorderParts{});
+    }();
+    return *instance;
+}
+
+void RecorderService::setSharedPartsProvider(std::function<RecorderParts()> p) {
+    std::lock_guard lock(providerLock());
+    provider() = std::move(p);
+}
+
+// ---- pending list ----
+
+void RecorderService::loadAndRecover() {
+    if (auto loaded = listFile_.load()) list_ = std::move(*loaded);
+    const WallTime now = runtime::clock().now();
+    const std::string note = messages::kRecovered.str();
+    bool changed = settleInterrupted(list_, now, note) > 0;
+    auto orphans = findOrphanRecordings(listFile_.directory(), list_, now, note);
+    for (auto& r : orphans) {
+        kLog.info("recovered interrupted recording " + r.fileURL.filename().string());
+        list_.push_back(std::move(r));
+    }
+    if (changed || !orphans.empty()) {
+        commitList();
+    } else {
+        state.pending.set(list_);
+    }
+}
+
+void RecorderService::commitList() {
+    std::error_code error;
+    if (!listFile_.save(list_, error)) kLog.error("pending list save failed: " + error.message());
+    state.pending.set(list_);
+}
+
+bool RecorderService::update(const std::string& id, const std::function<void(PendingRecording&)>& change) {
+    auto it = std::find_if(list_.begin(), list_.end(), [&](const PendingRecording& r) { return r.id == id; });
+    if (it == list_.end()) return false;
+    change(*it);
+    commitList();
+    return true;
+}
+
+void RecorderService::add(PendingRecording recording) {
+    list_.push_back(std::move(recording));
+    commitList();
+}
+
+bool RecorderService::remove(const std::string& id) {
+    auto it = std::find_if(list_.begin(), list_.end(), [&](const PendingRecording& r) { return r.id == id; });
+    if (it == list_.end()) return false;
+    list_.erase(it);
+    commitList();
+    return true;
+}
+
+int RecorderService::assignAccountToUnowned(const std::string& accountID) {
+    int changed = adoptUnowned(list_, accountID);
+    if (changed > 0) {
+        kLog.info("assigned " + std::to_string(changed) + " earlier recordings to the signed-in account");
+        commitList();
+    }
+    return changed;
+}
+
+// ---- start ----
+
+void RecorderService::start(StartOptions options, std::function<void(bool)> done) {
+    if (state.isRecording.get() || starting_) {
+        if (done) done(false);
+        return;
+    }
+    starting_ = true;
+    auto finishWith = [&](const std::string& message) {
+        failStart(message);
+        if (done) done(false);
+    };
+    if (!parts_.canRecord()) return finishWith(messages::kNoAudioParts.str());
+
+    auto session = std::make_shared<Session>();
+    session->id = newUUIDString();
+    std::error_code dirError;
+    fs::create_directories(listFile_.directory(), dirError);
+    const fs::path file = listFile_.directory() / (std::string(kRecordingFilePrefix) + session->id + ".aac");
+    try {
+        if (dirError) throw audio::MixerOpenError("cannot create " + listFile_.directory().string() + ": " + dirError.message());
+        std::unique_ptr<audio::RecordingMixer> mixer = parts_.makeMixer(file, kSampleRate);
+        if (!mixer) throw audio::MixerOpenError("no mixer");
+        session->mixer = std::move(mixer);
+        installMixerCallbacks(session);
+        session->mixer->open();
+    } catch (const std::exception& e) {
+        kLog.error(std::string("mixer open failed: ") + e.what());
+        std::error_code ignored;
+        if (session->mixer) fs::remove(session->mixer->outputFile(), ignored);
+        return finishWith(messages::kMixerFailed.str());
+    }
+
+    std::optional<std::string> liveSessionID;
+    if (parts_.liveAdvisor.begin && parts_.hasServiceSession && parts_.hasServiceSession()) {
+        liveSessionID = parts_.liveAdvisor.begin(session->id);
+    }
+    startOnMicQueue(std::move(session), std::move(options), std::move(liveSessionID), std::move(done));
+}
+
+void RecorderService::startOnMicQueue(std::shared_ptr<Session> session, StartOptions options,
+                                      std::optional<std::string> liveSessionID, std::function<void(bool)> done) {
+    std::weak_ptr<int> alive = alive_;
+    micQueue_->post([this, alive, session, options = std::move(options), liveSessionID = std::move(liveSessionID),
+                     done = std::move(done)]() mutable {
+        std::optional<std::string> failure;
+        try {
+            startMic(session, false);
+        } catch (const audio::MicrophonePermissionError&) {
+            failure = messages::kMicrophonePermissionMissing.str();
+        } catch (const audio::MixerOpenError&) {
+            failure = messages::kMixerFailed.str();
+        } catch (const std::exception& e) {
+            failure = e.what();
+        }
+        if (!failure && parts_.systemAudio) {
+            auto mixer = session->mixer;
+            try {
+                parts_.systemAudio->start([mixer](audio::PcmBufferPtr b) { mixer->appendSystem(std::move(b)); });
+                mixer->setSystemEnabled(true);
+                session->systemRunning = true;
+            } catch (const std::exception& e) {
+                // The microphone alone still makes a useful recording.
+                kLog.error(std::string("system audio unavailable, recording the microphone only: ") + e.what());
+            }
+        }
+        if (failure) {
+            kLog.error("startMic(mixer:restart:) failed: " + *failure);
+            session->closed = true;
+            parts_.microphone->stop();
+            session->mixer->finish();
+            std::error_code ignored;
+            fs::remove(session->mixer->outputFile(), ignored);
+        }
+        runtime::runOnMain([this, alive, session, options, liveSessionID, failure, done] {
+            if (alive.expired()) return;
+            if (failure) {
+                failStart(*failure);
+            } else {
+                finishStart(session, options, liveSessionID);
+            }
+            if (done) done(!failure);
+        });
+    });
+}
+
+void RecorderService::startMic(const std::shared_ptr<Session>& session, bool restart) {
+    if (restart) parts_.microphone->stop();
+    audio::MicrophoneTarget target = parts_.chooser ? parts_.chooser->recordingTarget() : audio::MicrophoneTarget{};
+    auto mixer = session->mixer;
+    std::weak_ptr<Session> weak = session;
+    SerialQueue* queue = micQueue_.get();
+    parts_.microphone->start(
+        target, [mixer](audio::PcmBufferPtr b) { mixer->appendMicrophone(std::move(b)); },
+        [this, queue, weak] { queue->post([this, weak] { reopenMic(weak); }); });
+}
+
+void RecorderService::reopenMic(const std::weak_ptr<Session>& weak) {
+    auto session = weak.lock();
+    if (!session || session->closed) return;
+    kLog.info("microphone changed; reopening");
+    try {
+        startMic(session, true);
+    } catch (const std::exception& e) {
+        std::string detail = dynamic_cast<const audio::MicrophonePermissionError*>(&e)
+                                 ? messages::kMicrophonePermissionMissing.str()
+                                 : std::string(e.what());
+        kLog.error("startMic(mixer:restart:) failed: " + detail);
+        std::weak_ptr<int> alive = alive_;
+        std::string id = session->id;
+        runtime::runOnMain([this, alive, id, detail] {
+            if (alive.expired() || currentID_ != id) return;
+            state.lastError.set(messages::kMicrophoneReopenFailed.str() + detail);
+        });
+    }
+}
+
+void RecorderService::installMixerCallbacks(const std::shared_ptr<Session>& session) {
+    auto speech = parts_.speech;
+    auto sink = parts_.liveSegments;
+    auto liveActive = parts_.liveAdvisor.isActive;
+    session->mixer->onMixedBuffer = [speech, sink, liveActive](audio::PcmBufferPtr buffer) {
+        if (speech) speech->analyze(buffer);
+        if (sink && (!liveActive || liveActive())) sink->append(buffer);
+    };
+    auto tracker = systemTapSilence_;
+    std::weak_ptr<int> alive = alive_;
+    std::string id = session->id;
+    session->mixer->onSystemBuffer = [this, tracker, alive, id](audio::PcmBufferPtr buffer) {
+        bool silent = audio::isDigitalSilence(*buffer);
+        tracker->update(silent, runtime::clock().now());
+        if (silent) return;
+        runtime::runOnMain([this, alive, id] {
+            if (!alive.expired()) markMeaningfulAudio(id);
+        });
+    };
+    session->mixer->onWriteError = [this, alive, id](const std::string& error) {
+        kLog.error("recording file write failed: " + error);
+        runtime::runOnMain([this, alive, id] {
+            if (alive.expired() || currentID_ != id || !state.isRecording.get()) return;
+            state.lastError.set(messages::kStoppedOnWriteError.str());
+            stop(false, false);
+        });
+    };
+}
+
+void RecorderService::markMeaningfulAudio(const std::string& recordingID) {
+    if (currentID_ != recordingID) return;
+    lastMeaningfulAudioAt_ = runtime::clock().now();
+    heardMeaningfulAudio_ = true;
+}
+
+void RecorderService::finishStart(const std::shared_ptr<Session>& session, const StartOptions& options,
+                                  const std::optional<std::string>& liveSessionID) {
+    const WallTime now = runtime::clock().now();
+    session_ = session;
+    currentID_ = session->id;
+    startedAt_ = now;
+    isAutomaticRecording_ = options.automatic;
+    autoStopping_ = false;
+    rotatingAtLimit_ = false;
+    heardMeaningfulAudio_ = false;
+    lastMeaningfulAudioAt_ = now;
+    if (parts_.speech) parts_.speech->reset();
+    systemTapSilence_->reset();
+    state.calendarMeetingTitle.set(options.calendarMeetingTitle);
+    state.elapsed.set(0.0);
+    state.lastError.set(std::nullopt);
+    state.isRecording.set(true);
+
+    PendingRecording r;
+    r.id = session->id;
+    r.fileURL = session->mixer->outputFile();
+    r.startedAt = now;
+    r.status = Status::recording;
+    r.attempts = 0;
+    if (parts_.accountID) r.accountID = parts_.accountID();
+    r.liveSessionID = liveSessionID;
+    add(std::move(r));
+
+    std::weak_ptr<int> alive = alive_;
+    ticker_ = runtime::main().repeat(kTickSeconds, [this, alive] {
+        if (!alive.expired()) tick();
+    });
+    starting_ = false;
+    kLog.info("recording " + session->id + " started" + (session->systemRunning ? "" : " (microphone only)"));
+}
+
+void RecorderService::failStart(const std::string& message) {
+    kLog.error("recording did not start: " + message);
+    state.lastError.set(message);
+    starting_ = false;
+}
+
+// ---- ticker and automatic stops ----
+
+std::optional<WallTime> RecorderService::silenceReference() const {
+    if (parts_.speech && parts_.speech->usable()) {
+        if (auto heard = parts_.speech->lastSpeech()) return heard;
+        return startedAt_;
+    }
+    return lastMeaningfulAudioAt_;
+}
+
+void RecorderService::tick() {
+    if (!state.isRecording.get() || !startedAt_) return;
+    const WallTime now = runtime::clock().now();
+    const double elapsed = secondsBetween(*startedAt_, now);
+    state.elapsed.set(elapsed);
+    if (autoStopping_) return;
+    if (elapsed >= kMaximumSeconds) {
+        rotatingAtLimit_ = true;
+        return stopAutomatically(messages::kStoppedAfterFiveHours.str());
+    }
+    auto reference = silenceReference();
+    if (!reference) return;
+    if (secondsBetween(*reference, now) >= kSilenceLimitSeconds) stopAutomatically(messages::kStoppedAfterSilence.str());
+}
+
+void RecorderService::stopAutomatically(const std::string& message) {
+    autoStopping_ = true;
+    kLog.info("automatic stop: " + message);
+    // The reason stays visible after the stop.
+    state.lastError.set(message);
+    stop(false, false);
+}
+
+// ---- stop ----
+
+void RecorderService::stop(bool userInitiated, bool discard) {
+    if (!state.isRecording.get() || !currentID_) return;
+    ticker_.cancel();
+    ticker_ = {};
+    const WallTime now = runtime::clock().now();
+    const double duration = startedAt_ ? secondsBetween(*startedAt_, now) : state.elapsed.get();
+
+    // Closing waits for the mixer to write what it holds, so the entry below only becomes
+    // ready for upload once the file is complete.
+    if (auto session = session_) {
+        micQueue_->sync([&] {
+            session->closed = true;
+            parts_.microphone->stop();
+            if (parts_.systemAudio && session->systemRunning) parts_.systemAudio->stop();
+            session->mixer->finish();
+        });
+        if (parts_.liveSegments && (!parts_.liveAdvisor.isActive || parts_.liveAdvisor.isActive())) {
+            parts_.liveSegments->finish();
+        }
+    }
+    session_.reset();
+    state.isRecording.set(false);
+    state.calendarMeetingTitle.set(std::nullopt);
+
+    const std::string id = *currentID_;
+    if (userInitiated && parts_.liveAdvisor.recordingEnded) parts_.liveAdvisor.recordingEnded(id);
+
+    update(id, [&](PendingRecording& r) {
+        r.status = discard ? Status::discarded : Status::ready;
+        r.finishedAt = now;
+        r.discardedAt = discard ? std::optional<WallTime>(now) : std::nullopt;
+    });
+    kLog.info("recording " + id + (discard ? " discarded" : " stopped") + " after " + std::to_string(duration) + " s");
+    currentID_.reset();
+    startedAt_.reset();
+    state.elapsed.set(0.0);
+}
+
+}  // namespace vell::recording

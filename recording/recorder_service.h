@@ -1,0 +1,120 @@
+#pragma once
+// Owns a user recording from the start request until the file is a ready pending entry:
+// opens the microphone and the system audio into the mixer, runs the 0.5 s ticker with
+// the two automatic stops (5 hours, 10 minutes without speech), stops on a write error,
+// reopens a microphone that went away, and keeps the pending list (it is the
+// PendingRecordingStore). Creating it loads the list and adopts recordings an
+// interrupted run left behind. Lives on the main executor.
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "audio/digital_silence_tracker.h"
+#include "platform/executor.h"
+#include "platform/paths.h"
+#include "platform/published.h"
+#include "platform/serial_queue.h"
+#include "recording/pending_list.h"
+#include "recording/pending_recording.h"
+#include "recording/recorder_parts.h"
+
+namespace vell::recording {
+
+struct RecordingStartOptions {
+    bool automatic = false;                           // started by an automatic recorder
+    std::optional<std::string> calendarMeetingTitle;  // the meeting that started it
+};
+
+class RecorderService final : public PendingRecordingStore {
+public:
+    static constexpr double kSampleRate = 44'100;
+    static constexpr double kTickSeconds = 0.5;
+    static constexpr double kMaximumSeconds = 18'000;   // 5 hours
+    static constexpr double kSilenceLimitSeconds = 600;  // 10 minutes
+
+    using StartOptions = RecordingStartOptions;
+
+    // What the interface observes; changed on the main executor only.
+    struct State {
+        Published<bool> isRecording{false};
+        Published<double> elapsed{0.0};
+        Published<std::optional<std::string>> lastError;
+        Published<std::vector<PendingRecording>> pending;
+        Published<std::optional<std::string>> calendarMeetingTitle;
+    };
+
+    explicit RecorderService(RecorderParts parts, std::filesystem::path directory = paths::recordingsDirectory());
+    ~RecorderService() override;
+    RecorderService(const RecorderService&) = delete;
+    RecorderService& operator=(const RecorderService&) = delete;
+
+    // The process's recorder, made on first use from the installed parts provider.
+    static RecorderService& shared();
+    static void setSharedPartsProvider(std::function<RecorderParts()> provider);
+
+    State state;
+
+    // Asynchronous: the microphone opens on its own queue. `done` runs on the main
+    // executor with whether the recording started (false also when a start was ignored).
+    void start(StartOptions options = {}, std::function<void(bool started)> done = {});
+    void stop(bool userInitiated = true, bool discard = false);
+
+    // One-time adoption of recordings made before accounts were tracked.
+    int assignAccountToUnowned(const std::string& accountID);
+
+    bool isStarting() const { return starting_; }
+    bool isAutomaticRecording() const { return isAutomaticRecording_; }
+    const std::optional<std::string>& currentID() const { return currentID_; }
+    bool heardMeaningfulAudio() const { return heardMeaningfulAudio_; }
+    std::optional<WallTime> lastMeaningfulAudioAt() const { return lastMeaningfulAudioAt_; }
+    std::optional<WallTime> systemSilentSince() const { return systemTapSilence_->silentSince(); }
+    const std::filesystem::path& directory() const { return listFile_.directory(); }
+
+    // PendingRecordingStore
+    std::vector<PendingRecording> pending() const override { return list_; }
+    bool update(const std::string& id, const std::function<void(PendingRecording&)>& change) override;
+    void add(PendingRecording recording) override;
+    bool remove(const std::string& id) override;
+
+private:
+    struct Session;
+
+    void loadAndRecover();
+    void commitList();
+    void startOnMicQueue(std::shared_ptr<Session> session, StartOptions options, std::optional<std::string> liveSessionID,
+                         std::function<void(bool)> done);
+    void startMic(const std::shared_ptr<Session>& session, bool restart);
+    void reopenMic(const std::weak_ptr<Session>& weak);
+    void installMixerCallbacks(const std::shared_ptr<Session>& session);
+    void finishStart(const std::shared_ptr<Session>& session, const StartOptions& options,
+                     const std::optional<std::string>& liveSessionID);
+    void failStart(const std::string& message);
+    void tick();
+    std::optional<WallTime> silenceReference() const;
+    void markMeaningfulAudio(const std::string& recordingID);
+    void stopAutomatically(const std::string& message);
+
+    RecorderParts parts_;
+    PendingListFile listFile_;
+    std::vector<PendingRecording> list_;
+
+    bool starting_ = false;
+    bool isAutomaticRecording_ = false;
+    bool autoStopping_ = false;
+    bool rotatingAtLimit_ = false;
+    bool heardMeaningfulAudio_ = false;
+    std::optional<std::string> currentID_;
+    std::optional<WallTime> startedAt_;
+    std::optional<WallTime> lastMeaningfulAudioAt_;
+    std::shared_ptr<Session> session_;
+    TimerHandle ticker_;
+    std::shared_ptr<audio::DigitalSilenceTracker> systemTapSilence_ = std::make_shared<audio::DigitalSilenceTracker>();
+    // Tasks posted to the main executor check it, so none touches a destroyed service.
+    std::shared_ptr<int> alive_ = std::make_shared<int>(0);
+    // Last member: destroyed first, so its thread finishes while everything else exists.
+    std::unique_ptr<SerialQueue> micQueue_;
+};
+
+}  // namespace vell::recording

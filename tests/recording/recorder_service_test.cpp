@@ -1,0 +1,366 @@
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "platform/files.h"
+#include "platform/language.h"
+#include "platform/log.h"
+#include "platform/manual_executor.h"
+#include "platform/runtime.h"
+#include "recording/pending_recording_coding.h"
+#include "recording/recorder_service.h"
+#include "tests/recording/recorder_fakes.h"
+#include "tests/support/temp_home.h"
+
+namespace vell::recording {
+namespace {
+
+namespace fs = std::filesystem;
+using Status = PendingRecording::Status;
+
+class RecorderTest : public ::testing::Test {
+protected:
+    RecorderTest() : exec(clock) {
+        runtime::install(&exec, &clock);
+        setInterfaceLanguage(Language::English);
+        log::setSink([this](log::Level, const std::string& category, const std::string& line) {
+            std::lock_guard lock(logMutex);
+            logLines.push_back(category + ": " + line);
+        });
+    }
+    ~RecorderTest() override {
+        recorder.reset();
+        log::setSink({});
+        runtime::install(nullptr, nullptr);
+    }
+
+    RecorderService& make() {
+        recorder = std::make_unique<RecorderService>(rig.parts(), dir());
+        return *recorder;
+    }
+    fs::path dir() const { return home.dataHome() / "Vell" / "Recordings"; }
+
+    // Starts and waits for the microphone queue to answer.
+    bool startAndWait(RecordingStartOptions options = {}) {
+        std::optional<bool> result;
+        recorder->start(options, [&](bool ok) { result = ok; });
+        EXPECT_TRUE(exec.runUntil([&] { return result.has_value(); }));
+        return result.value_or(false);
+    }
+    bool logged(const std::string& fragment) {
+        std::lock_guard lock(logMutex);
+        for (auto& l : logLines)
+            if (l.find(fragment) != std::string::npos) return true;
+        return false;
+    }
+    std::vector<PendingRecording> onDisk() {
+        std::error_code ec;
+        auto text = files::read(dir() / "manifest.json", ec);
+        return text ? coding::decodeList(*text).value_or(std::vector<PendingRecording>{}) : std::vector<PendingRecording>{};
+    }
+
+    test::TempHome home;
+    ManualClock clock;
+    ManualExecutor exec;
+    fakes::Rig rig;
+    std::unique_ptr<RecorderService> recorder;
+    std::mutex logMutex;
+    std::vector<std::string> logLines;
+};
+
+TEST_F(RecorderTest, StartRecordsIntoTheMixersRealFileAndStopMakesItReady) {
+    rig.mixerUsesM4a = true;  // the mixer fell back to MPEG-4
+    auto& r = make();
+    WallTime startedAt = clock.now();
+    ASSERT_TRUE(startAndWait({.automatic = true, .calendarMeetingTitle = "Standup"}));
+
+    EXPECT_TRUE(r.state.isRecording.get());
+    EXPECT_TRUE(r.isAutomaticRecording());
+    EXPECT_EQ(r.state.calendarMeetingTitle.get(), "Standup");
+    EXPECT_EQ(rig.mic->lastTarget, (audio::MicrophoneTarget{std::string("usb-mic"), 7u}));
+    EXPECT_TRUE(rig.probe().systemEnabled);
+    ASSERT_TRUE(r.currentID());
+    const std::string id = *r.currentID();
+    EXPECT_EQ(id.size(), 36u);  // an upper-case UUID
+    for (char c : id) EXPECT_FALSE(std::islower(static_cast<unsigned char>(c)));
+
+    auto list = onDisk();
+    ASSERT_EQ(list.size(), 1u);
+    EXPECT_EQ(list[0].id, id);
+    EXPECT_EQ(list[0].fileURL, dir() / ("vell_rec_" + id + ".m4a"));
+    EXPECT_EQ(list[0].status, Status::recording);
+    EXPECT_EQ(list[0].startedAt, startedAt);
+    EXPECT_FALSE(list[0].finishedAt);
+    EXPECT_EQ(list[0].accountID, "acct-1");
+    EXPECT_EQ(list[0].liveSessionID, "live-9");
+
+    // Microphone buffers reach the mixer.
+    rig.mic->handler(audio::PcmBuffer::make(48'000, 1, 480));
+    EXPECT_EQ(rig.probe().micBuffers, 1);
+
+    exec.advance(3);
+    EXPECT_DOUBLE_EQ(r.state.elapsed.get(), 3.0);
+    r.stop();
+    EXPECT_FALSE(r.state.isRecording.get());
+    EXPECT_FALSE(rig.mic->running);
+    EXPECT_FALSE(rig.system->running);
+    EXPECT_EQ(rig.probe().finishes, 1);
+    EXPECT_EQ(rig.ended, std::vector<std::string>{id});
+    EXPECT_EQ(r.state.elapsed.get(), 0.0);
+    EXPECT_FALSE(r.currentID());
+    list = onDisk();
+    ASSERT_EQ(list.size(), 1u);
+    EXPECT_EQ(list[0].status, Status::ready);
+    EXPECT_EQ(list[0].finishedAt, clock.now());
+    EXPECT_FALSE(list[0].discardedAt);
+    EXPECT_EQ(r.pending(), list);
+    EXPECT_EQ(r.state.pending.get(), list);
+
+    // Stopping again does nothing; a discard of the next recording marks it discarded.
+    r.stop();
+    ASSERT_TRUE(startAndWait());
+    r.stop(false, true);
+    list = onDisk();
+    ASSERT_EQ(list.size(), 2u);
+    EXPECT_EQ(list[1].status, Status::discarded);
+    EXPECT_EQ(list[1].discardedAt, clock.now());
+    EXPECT_EQ(rig.ended.size(), 1u);  // not user-initiated: the live advisor is not told
+}
+
+TEST_F(RecorderTest, SecondStartWhileStartingOrRecordingIsIgnored) {
+    auto& r = make();
+    std::vector<bool> results;
+    r.start({}, [&](bool ok) { results.push_back(ok); });
+    EXPECT_TRUE(r.isStarting());
+    r.start({}, [&](bool ok) { results.push_back(ok); });
+    ASSERT_TRUE(exec.runUntil([&] { return results.size() == 2; }));
+    EXPECT_EQ(results, (std::vector<bool>{false, true}));
+    EXPECT_FALSE(startAndWait());
+    EXPECT_EQ(rig.mic->starts, 1);
+    EXPECT_EQ(r.pending().size(), 1u);
+}
+
+TEST_F(RecorderTest, FailedStartsLeaveNoRecordAndSayWhy) {
+    auto& r = make();
+    struct Case {
+        std::function<void()> arrange;
+        std::string message;
+    };
+    std::vector<Case> cases = {
+        {[&] { rig.mic->failNext = [] { throw audio::MicrophonePermissionError(); }; }, "Microphone permission is missing."},
+        {[&] { rig.mic->failNext = [] { throw audio::MicCaptureError::deviceRejected(-10851); }; },
+         "Microphone selection failed (Core Audio -10851)"},
+        {[&] { rig.mic->failNext = [] { throw audio::CoreAudioError(-3, "pa_context_connect"); }; },
+         "Core Audio error -3 (pa_context_connect)"},
+        {[&] { rig.mixerFailsOpen = true; }, "Could not start the audio mixer."},
+    };
+    for (auto& c : cases) {
+        c.arrange();
+        EXPECT_FALSE(startAndWait());
+        rig.mixerFailsOpen = false;
+        EXPECT_EQ(r.state.lastError.get(), c.message);
+        EXPECT_FALSE(r.state.isRecording.get());
+        EXPECT_FALSE(r.isStarting());
+        EXPECT_TRUE(r.pending().empty());
+        EXPECT_FALSE(rig.mic->running);
+        // The half-made file is gone, so the next launch does not "recover" it.
+        EXPECT_FALSE(fs::exists(rig.probe().file)) << c.message;
+    }
+    EXPECT_TRUE(onDisk().empty());
+    // And the next start works, clearing the message.
+    ASSERT_TRUE(startAndWait());
+    EXPECT_FALSE(r.state.lastError.get());
+}
+
+TEST_F(RecorderTest, WithoutAudioPartsStartFailsClearly) {
+    recorder = std::make_unique<RecorderService>(RecorderParts{}, dir());
+    EXPECT_FALSE(startAndWait());
+    EXPECT_EQ(recorder->state.lastError.get(), "This build of Vell cannot capture audio (no audio backend).");
+    EXPECT_TRUE(recorder->pending().empty());
+}
+
+TEST_F(RecorderTest, SystemAudioThatCannotStartLeavesAMicrophoneOnlyRecording) {
+    rig.system->fail = true;
+    auto& r = make();
+    ASSERT_TRUE(startAndWait());
+    EXPECT_TRUE(r.state.isRecording.get());
+    EXPECT_FALSE(rig.probe().systemEnabled);
+    EXPECT_TRUE(logged("recording the microphone only: Core Audio error -1 (pa_stream_connect_record)"));
+    r.stop();
+    EXPECT_EQ(rig.system->stops, 0);
+}
+
+TEST_F(RecorderTest, FiveHourLimitStopsAtExactlyEighteenThousandSeconds) {
+    rig.speech->speaking = [this] { return std::optional<WallTime>(clock.now()); };
+    auto& r = make();
+    ASSERT_TRUE(startAndWait());
+    exec.advance(17'999.5);
+    EXPECT_TRUE(r.state.isRecording.get());
+    exec.advance(0.5);
+    EXPECT_FALSE(r.state.isRecording.get());
+    EXPECT_EQ(r.state.lastError.get(), "Recording stopped automatically after 5 hours.");
+    EXPECT_EQ(onDisk().at(0).status, Status::ready);
+}
+
+TEST_F(RecorderTest, SilenceLimitStopsAtExactlySixHundredSecondsAfterTheLastSpeech) {
+    auto& r = make();
+    ASSERT_TRUE(startAndWait());
+    WallTime start = clock.now();
+    exec.advance(100);
+    rig.speech->heard = clock.now();  // somebody spoke at 100 s
+    exec.advance(599.5);
+    EXPECT_TRUE(r.state.isRecording.get());
+    exec.advance(0.5);
+    EXPECT_FALSE(r.state.isRecording.get());
+    EXPECT_EQ(clock.now() - start, std::chrono::seconds(700));
+    EXPECT_EQ(r.state.lastError.get(), "Recording stopped after 10 minutes without speech.");
+}
+
+TEST_F(RecorderTest, UnusableSpeechDetectorFallsBackToMeaningfulSystemAudio) {
+    rig.speech->isUsable = false;
+    auto& r = make();
+    ASSERT_TRUE(startAndWait());
+    auto silent = audio::PcmBuffer::make(44'100, 2, 441);
+    auto sound = audio::PcmBuffer::make(44'100, 2, 441);
+    sound->channels[1][5] = 0.001f;
+
+    exec.advance(300);
+    rig.mixer().onSystemBuffer(silent);  // digital silence is not meaningful
+    exec.runPending();
+    EXPECT_FALSE(r.heardMeaningfulAudio());
+    EXPECT_EQ(r.systemSilentSince(), clock.now());
+    exec.advance(100);
+    rig.mixer().onSystemBuffer(sound);  // at 400 s
+    exec.runPending();
+    EXPECT_TRUE(r.heardMeaningfulAudio());
+    EXPECT_EQ(r.lastMeaningfulAudioAt(), clock.now());
+    EXPECT_FALSE(r.systemSilentSince());
+
+    exec.advance(599.5);
+    EXPECT_TRUE(r.state.isRecording.get());
+    exec.advance(0.5);
+    EXPECT_FALSE(r.state.isRecording.get());
+    EXPECT_EQ(r.state.lastError.get(), "Recording stopped after 10 minutes without speech.");
+}
+
+TEST_F(RecorderTest, MixedAudioFeedsTheSpeechDetectorAndActiveLiveSegments) {
+    struct Sink final : audio::LiveSegmentSink {
+        void begin(const std::string&) override {}
+        void append(audio::PcmBufferPtr) override { ++appended; }
+        void finish() override { ++finished; }
+        int appended = 0, finished = 0;
+    };
+    auto sink = std::make_shared<Sink>();
+    bool live = false;
+    auto parts = rig.parts();
+    parts.liveSegments = sink;
+    parts.liveAdvisor.isActive = [&] { return live; };
+    recorder = std::make_unique<RecorderService>(parts, dir());
+    ASSERT_TRUE(startAndWait());
+    auto block = audio::PcmBuffer::make(44'100, 1, 4410);
+    rig.mixer().onMixedBuffer(block);
+    live = true;
+    rig.mixer().onMixedBuffer(block);
+    EXPECT_EQ(rig.speech->analyzed, 2);
+    EXPECT_EQ(sink->appended, 1);
+    recorder->stop();
+    EXPECT_EQ(sink->finished, 1);
+}
+
+TEST_F(RecorderTest, WriteErrorStopsAndKeepsTheSavedPart) {
+    auto& r = make();
+    ASSERT_TRUE(startAndWait());
+    rig.mixer().onWriteError("No space left on device");
+    exec.runPending();
+    EXPECT_FALSE(r.state.isRecording.get());
+    EXPECT_EQ(r.state.lastError.get(),
+              "Recording stopped because Vell could no longer save audio. The saved part will be uploaded.");
+    auto list = onDisk();
+    ASSERT_EQ(list.size(), 1u);
+    EXPECT_EQ(list[0].status, Status::ready);
+    EXPECT_TRUE(fs::exists(list[0].fileURL));
+}
+
+TEST_F(RecorderTest, MicrophoneIsReopenedOnDeviceChangeAndAFailedReopenIsReported) {
+    auto& r = make();
+    ASSERT_TRUE(startAndWait());
+    rig.mic->onDeviceChange();
+    ASSERT_TRUE(exec.runUntil([&] { return rig.mic->starts == 2; }));
+    EXPECT_TRUE(rig.mic->running);
+
+    setInterfaceLanguage(Language::Spanish);
+    rig.mic->failNext = [] { throw audio::CoreAudioError(-7, "pa_stream_connect_record"); };
+    rig.mic->onDeviceChange();
+    ASSERT_TRUE(exec.runUntil([&] { return r.state.lastError.get().has_value(); }));
+    EXPECT_EQ(r.state.lastError.get(), "No se pudo reabrir el micrófono: Core Audio error -7 (pa_stream_connect_record)");
+    EXPECT_TRUE(r.state.isRecording.get());  // a failed reopen does not stop by itself
+    EXPECT_TRUE(logged("startMic(mixer:restart:)"));
+
+    // After the stop, a late device change opens nothing.
+    auto change = rig.mic->onDeviceChange;
+    r.stop();
+    change();
+    exec.runUntil([] { return false; }, 0.05);
+    EXPECT_EQ(rig.mic->starts, 3);
+}
+
+TEST_F(RecorderTest, CreationSettlesInterruptedEntriesAndRecoversOrphansInTheInterfaceLanguage) {
+    setInterfaceLanguage(Language::Spanish);
+    fs::create_directories(dir());
+    auto writeAudio = [&](const std::string& name) { std::ofstream(dir() / name) << "audio"; };
+    writeAudio("vell_rec_CRASHED.aac");
+    writeAudio("vell_rec_ORPHAN.aac");
+    PendingRecording crashed;
+    crashed.id = "CRASHED";
+    crashed.fileURL = dir() / "vell_rec_CRASHED.aac";
+    crashed.startedAt = fromSecondsSinceReferenceDate(5);
+    crashed.status = Status::recording;
+    crashed.accountID = "acct-1";
+    {
+        std::error_code ec;
+        ASSERT_TRUE(PendingListFile(dir()).save({crashed}, ec));
+    }
+    auto& r = make();
+    auto list = r.pending();
+    ASSERT_EQ(list.size(), 2u);
+    EXPECT_EQ(list[0].id, "CRASHED");
+    EXPECT_EQ(list[0].status, Status::ready);
+    EXPECT_EQ(list[0].lastError, "Recuperada después de una grabación interrumpida.");
+    EXPECT_EQ(list[0].accountID, "acct-1");
+    EXPECT_EQ(list[1].id, "ORPHAN");
+    EXPECT_EQ(list[1].status, Status::ready);
+    EXPECT_EQ(onDisk(), list);
+
+    // Ownership adoption gives the unowned orphan to the account and saves.
+    EXPECT_EQ(r.assignAccountToUnowned("acct-2"), 1);
+    EXPECT_EQ(onDisk()[1].accountID, "acct-2");
+    EXPECT_EQ(onDisk()[0].accountID, "acct-1");
+
+    // A second launch finds nothing new.
+    recorder.reset();
+    EXPECT_EQ(make().pending(), onDisk());
+    EXPECT_EQ(recorder->pending().size(), 2u);
+}
+
+TEST_F(RecorderTest, StoreOperationsSaveEveryChange) {
+    auto& r = make();
+    PendingRecording extra;
+    extra.id = "EXTRA";
+    extra.fileURL = dir() / "x.aac";
+    extra.status = Status::ready;
+    r.add(extra);
+    EXPECT_TRUE(r.update("EXTRA", [](PendingRecording& p) {
+        p.status = Status::failed;
+        p.attempts += 1;
+        p.lastErrorIsNetwork = true;
+    }));
+    EXPECT_FALSE(r.update("NOPE", [](PendingRecording&) {}));
+    EXPECT_EQ(onDisk().at(0).attempts, 1);
+    EXPECT_EQ(onDisk().at(0).status, Status::failed);
+    EXPECT_TRUE(r.remove("EXTRA"));
+    EXPECT_TRUE(onDisk().empty());
+    EXPECT_FALSE(r.remove("EXTRA"));
+}
+
+}  // namespace
+}  // namespace vell::recording
