@@ -105,7 +105,7 @@ inline double toneEnergy(const std::vector<float>& x, double rate, double hz, st
     return power / (n * n);
 }
 
-inline double rms(const std::vector<float>& x, std::size_t from = 0, std::size_t count = SIZE_MAX) {
+inline double rmsOf(const std::vector<float>& x, std::size_t from = 0, std::size_t count = SIZE_MAX) {
     const std::size_t end = std::min(x.size(), count == SIZE_MAX ? x.size() : from + count);
     double sum = 0;
     for (std::size_t i = from; i < end; ++i) sum += double(x[i]) * x[i];

@@ -50,7 +50,7 @@ TEST(AacWriter, AdtsFromMonoAt48kDecodesAsStereoAt44k) {
     EXPECT_NEAR(decoded.seconds(), 2.0, 0.06);
     const auto& left = decoded.samples[0];
     EXPECT_GT(toneEnergy(left, 44100, 440, 4410, 44100), 100 * toneEnergy(left, 44100, 1000, 4410, 44100));
-    EXPECT_NEAR(test::rms(left, 4410, 44100), 0.5 / std::sqrt(2.0), 0.03);
+    EXPECT_NEAR(test::rmsOf(left, 4410, 44100), 0.5 / std::sqrt(2.0), 0.03);
     // A mono source is the same on both sides, at full level (within coding noise).
     double worst = 0;
     for (std::size_t i = 0; i < decoded.frames(); ++i) worst = std::max(worst, double(std::abs(left[i] - decoded.samples[1][i])));
@@ -141,7 +141,7 @@ TEST(AacWriter, AdtsFileSurvivesSigkillMidWrite) {
     ASSERT_TRUE(decoded.ok) << decoded.error;
     EXPECT_EQ(decoded.sampleRate, 44100);
     EXPECT_GE(decoded.seconds(), double(synced) / 44100 - 0.25);
-    EXPECT_NEAR(test::rms(decoded.samples[0], 44100, 44100), 0.5 / std::sqrt(2.0), 0.03);
+    EXPECT_NEAR(test::rmsOf(decoded.samples[0], 44100, 44100), 0.5 / std::sqrt(2.0), 0.03);
 }
 
 }  // namespace

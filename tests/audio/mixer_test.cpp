@@ -96,7 +96,7 @@ TEST_F(MixerTest, MicrophoneAloneIsWrittenEveryTickAndDecodesBack) {
     EXPECT_EQ(decoded.sampleRate, 44100);
     EXPECT_EQ(decoded.channels, 2);
     EXPECT_NEAR(decoded.seconds(), 2.0, 0.06);
-    EXPECT_NEAR(test::rms(decoded.samples[0], 4410, 44100), 0.5 / std::sqrt(2.0), 0.03);
+    EXPECT_NEAR(test::rmsOf(decoded.samples[0], 4410, 44100), 0.5 / std::sqrt(2.0), 0.03);
 }
 
 TEST_F(MixerTest, MonoAt48kBecomesIdenticalLeftAndRightAt44k) {
@@ -110,7 +110,7 @@ TEST_F(MixerTest, MonoAt48kBecomesIdenticalLeftAndRightAt44k) {
     ASSERT_EQ(mixed->channelCount(), 2);
     EXPECT_NEAR(double(mixed->frames()), 44100, 40);
     EXPECT_EQ(mixed->channels[0], mixed->channels[1]);
-    EXPECT_NEAR(test::rms(mixed->channels[0], 1000), 0.8 / std::sqrt(2.0), 0.01);
+    EXPECT_NEAR(test::rmsOf(mixed->channels[0], 1000), 0.8 / std::sqrt(2.0), 0.01);
 }
 
 TEST_F(MixerTest, GainsSumAndClampAtFullScale) {
