@@ -1,0 +1,82 @@
+#include "service/account_client.h"
+
+namespace vell::service {
+
+Expected<Me, APIError> AccountClient::decodeMe(const Json& value) {
+    if (!value.is_object()) return unexpected(APIError::decoding("user: not an object"));
+    Me me;
+    auto id = value.find("id");
+    if (id != value.end() && id->is_string()) {
+        me.id = id->get<std::string>();
+    } else if (id != value.end() && id->is_number_integer()) {
+        me.id = std::to_string(id->get<long long>());
+    } else {
+        return unexpected(APIError::decoding("user: missing id"));
+    }
+    auto email = stringField(value, "email");
+    if (!email) return unexpected(APIError::decoding("user: missing email"));
+    me.email = *email;
+    me.role = stringField(value, "role").value_or("");
+    auto admin = value.find("isAdmin");
+    me.isAdmin = admin != value.end() && admin->is_boolean() && admin->get<bool>();
+    return me;
+}
+
+Expected<Me, APIError> AccountClient::fetchMeNow() const {
+    auto reply = client_.send({.method = "GET", .path = "api/me"});
+    if (!reply) return unexpected(reply.error());
+    return decodeMe(*reply);
+}
+
+Expected<SignInStep, APIError> AccountClient::signInNow(const std::string& email, const std::string& password) const {
+    auto reply = client_.send(
+        {.method = "POST", .path = "api/auth/login", .json = Json{{"email", email}, {"password", password}}});
+    if (!reply) return unexpected(reply.error());
+    if (!reply->is_object()) return unexpected(APIError::decoding("sign-in: not an object"));
+    auto mfa = reply->find("mfaRequired");
+    bool mfaRequired = mfa != reply->end() && mfa->is_boolean() && mfa->get<bool>();
+    return mfaRequired ? SignInStep::mfaRequired : SignInStep::signedIn;
+}
+
+Expected<Unit, APIError> AccountClient::verifyMfaNow(const MfaAnswer& answer) const {
+    Json body = Json::object();
+    if (answer.code) body["code"] = *answer.code;
+    if (answer.backupCode) body["backupCode"] = *answer.backupCode;
+    auto reply = client_.send({.method = "POST", .path = "api/auth/mfa", .json = body});
+    if (!reply) return unexpected(reply.error());
+    return Unit{};
+}
+
+Expected<Unit, APIError> AccountClient::logoutNow() const {
+    auto reply = client_.send({.method = "POST", .path = "api/logout"});
+    if (!reply) return unexpected(reply.error());
+    return Unit{};
+}
+
+void AccountClient::fetchMe(Done<Me> done) {
+    client_.async<Me>([this] { return fetchMeNow(); }, std::move(done));
+}
+
+void AccountClient::signIn(const std::string& email, const std::string& password, Done<SignInStep> done) {
+    client_.async<SignInStep>([this, email, password] { return signInNow(email, password); }, std::move(done));
+}
+
+void AccountClient::verifyMfa(const MfaAnswer& answer, Done<Unit> done) {
+    client_.async<Unit>([this, answer] { return verifyMfaNow(answer); }, std::move(done));
+}
+
+void AccountClient::logout(Done<Unit> done) {
+    client_.async<Unit>([this] { return logoutNow(); }, std::move(done));
+}
+
+void AccountClient::setIdentity(const std::optional<Me>& me) {
+    std::lock_guard lock(mutex_);
+    identity_ = me;
+}
+
+std::optional<Me> AccountClient::identity() const {
+    std::lock_guard lock(mutex_);
+    return identity_;
+}
+
+}  // namespace vell::service

@@ -1,0 +1,172 @@
+#include "service/api_client.h"
+
+#include <chrono>
+
+#include "platform/http_user_agent.h"
+#include "platform/log.h"
+#include "platform/plist_cookies.h"
+#include "session/session_file_store.h"
+
+namespace vell::service {
+
+namespace {
+
+const log::Logger& logger() {
+    static const log::Logger l("APIClient");
+    return l;
+}
+
+std::string joinPath(const std::string& base, const std::string& path) {
+    std::string url = base;
+    if (url.empty() || url.back() != '/') url += '/';
+    size_t start = 0;
+    bool first = true;
+    while (start <= path.size()) {
+        size_t slash = path.find('/', start);
+        std::string component = path.substr(start, slash == std::string::npos ? std::string::npos : slash - start);
+        if (!component.empty()) {
+            if (!first) url += '/';
+            url += http::percentEncode(component);
+            first = false;
+        }
+        if (slash == std::string::npos) break;
+        start = slash + 1;
+    }
+    return url;
+}
+
+}  // namespace
+
+APIClient::APIClient(std::string apiBaseURL) : baseURL_(std::move(apiBaseURL)), host_(http::hostOf(baseURL_)) {
+    restoreSession();
+}
+
+APIClient::~APIClient() {
+    cancel_ = true;
+    std::list<std::future<void>> workers;
+    {
+        std::lock_guard lock(workersMutex_);
+        workers.swap(workers_);
+    }
+    for (auto& w : workers) w.wait();
+}
+
+void APIClient::spawn(std::function<void()> task) const {
+    std::lock_guard lock(workersMutex_);
+    workers_.remove_if([](std::future<void>& f) { return f.wait_for(std::chrono::seconds(0)) == std::future_status::ready; });
+    workers_.push_back(std::async(std::launch::async, std::move(task)));
+}
+
+Expected<http::Request, APIError> APIClient::build(ApiRequest request) const {
+    http::Request out;
+    out.method = request.method;
+    out.url = joinPath(baseURL_, request.path);
+    if (!request.query.empty()) {
+        char separator = '?';
+        for (const auto& [name, value] : request.query) {
+            out.url += separator + http::percentEncode(name) + "=" + http::percentEncode(value);
+            separator = '&';
+        }
+    }
+    out.timeoutSeconds = request.timeoutSeconds;
+    out.cancel = &cancel_;
+    out.headers.emplace_back("Accept", "application/json");
+    out.headers.emplace_back("User-Agent", http::userAgent());
+    if (request.json) {
+        try {
+            out.body = request.json->dump();
+        } catch (const Json::exception& e) {
+            return unexpected(APIError::decoding(std::string("request body could not be encoded: ") + e.what()));
+        }
+        out.headers.emplace_back("Content-Type", "application/json");
+    } else if (request.body) {
+        out.body = std::move(request.body);
+    } else if (request.bodyFile) {
+        out.bodyFile = std::move(request.bodyFile);
+    }
+    for (auto& header : request.headers) out.headers.push_back(std::move(header));
+    return out;
+}
+
+Expected<http::Response, APIError> APIClient::perform(ApiRequest request) const {
+    std::string method = request.method, path = request.path;
+    auto built = build(std::move(request));
+    if (!built) return unexpected(built.error());
+    auto result = session_.perform(*built);
+    if (!result) {
+        const auto& e = result.error();
+        logger().info(method + " " + path + " failed: " + e.description);
+        return unexpected(APIError::transport(e.code, e.description, e.noConnection));
+    }
+    if (result->status == 0) return unexpected(APIError::decoding("no response"));
+    logger().debug(method + " " + path + " -> " + std::to_string(result->status));
+    return std::move(*result);
+}
+
+Expected<Json, APIError> APIClient::validate(const http::Response& response) {
+    long status = response.status;
+    if (status >= 300 && status <= 399) return unexpected(APIError::unauthenticated());
+    if (status >= 200 && status <= 299) {
+        if (response.body.empty()) return Json();
+        Json value = Json::parse(response.body, nullptr, false);
+        if (value.is_discarded()) return unexpected(APIError::decoding("the reply is not JSON"));
+        return value;
+    }
+    if (status == 401) return unexpected(APIError::unauthenticated());
+    std::optional<std::string> code, message;
+    Json body = Json::parse(response.body, nullptr, false);
+    if (body.is_object()) {
+        code = stringField(body, "error");
+        message = stringField(body, "message");
+    }
+    return unexpected(APIError::http(static_cast<int>(status), code, message));
+}
+
+Expected<Json, APIError> APIClient::send(ApiRequest request) const {
+    auto response = perform(std::move(request));
+    if (!response) return unexpected(response.error());
+    return validate(*response);
+}
+
+bool APIClient::hasSessionCookie() const {
+    for (const auto& c : session_.cookiesForHost(host_)) {
+        if (c.name == kSessionCookieName) return true;
+    }
+    return false;
+}
+
+void APIClient::saveSession() const {
+    session::SessionFileStore::write(kCookieSnapshotKey, plist::encodeCookies(session_.cookiesForHost(host_)));
+}
+
+void APIClient::restoreSession() const {
+    auto bytes = session::SessionFileStore::read(kCookieSnapshotKey);
+    if (!bytes) return;
+    auto cookies = plist::decodeCookies(*bytes);
+    if (!cookies) {
+        logger().error("the stored session could not be read; signed out");
+        return;
+    }
+    for (const auto& c : *cookies) session_.addCookie(c);
+}
+
+void APIClient::clearSession() const {
+    session_.removeCookiesForHost(host_);
+    session::SessionFileStore::remove(kCookieSnapshotKey);
+}
+
+std::optional<std::string> stringField(const Json& object, const char* key) {
+    if (!object.is_object()) return std::nullopt;
+    auto it = object.find(key);
+    if (it == object.end() || !it->is_string()) return std::nullopt;
+    return it->get<std::string>();
+}
+
+std::optional<long long> integerField(const Json& object, const char* key) {
+    if (!object.is_object()) return std::nullopt;
+    auto it = object.find(key);
+    if (it == object.end() || !it->is_number_integer()) return std::nullopt;
+    return it->get<long long>();
+}
+
+}  // namespace vell::service

@@ -1,0 +1,32 @@
+#pragma once
+// When each recording was confirmed by the service, kept beside the pending list so that
+// the local copy is deleted only a retention period after the upload, across restarts.
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "platform/clock.h"
+
+namespace vell::service {
+
+struct UploadReceipt {
+    WallTime uploadedAt;
+    std::string recordingID;  // the service's identifier
+};
+
+class UploadReceipts {
+public:
+    explicit UploadReceipts(std::filesystem::path file);
+    std::optional<UploadReceipt> find(const std::string& id) const;
+    void record(const std::string& id, UploadReceipt receipt);
+    void forget(const std::string& id);
+    const std::map<std::string, UploadReceipt>& all() const { return receipts_; }
+
+private:
+    void save() const;
+    std::filesystem::path file_;
+    std::map<std::string, UploadReceipt> receipts_;
+};
+
+}  // namespace vell::service
