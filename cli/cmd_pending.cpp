@@ -1,0 +1,88 @@
+// vell pending [--json]: the pending list, after the recorder's start-up recovery.
+#include <fmt/format.h>
+
+#include <ctime>
+#include <iostream>
+#include <nlohmann/json.hpp>
+
+#include "cli/command.h"
+#include "cli/pending_messages.h"
+#include "cli/runtime_scope.h"
+#include "recording/pending_recording_coding.h"
+#include "recording/recorder_service.h"
+
+namespace vell::cli {
+
+namespace {
+namespace msg = pending_messages;
+
+std::string humanSize(const std::filesystem::path& file) {
+    std::error_code ec;
+    auto bytes = std::filesystem::file_size(file, ec);
+    if (ec) return msg::kMissingFile.str();
+    if (bytes < 1024) return fmt::format("{} B", bytes);
+    if (bytes < 1024 * 1024) return fmt::format("{:.1f} KB", static_cast<double>(bytes) / 1024);
+    return fmt::format("{:.1f} MB", static_cast<double>(bytes) / (1024 * 1024));
+}
+
+std::string localTime(WallTime t) {
+    std::time_t seconds = std::chrono::system_clock::to_time_t(t);
+    std::tm tm{};
+    ::localtime_r(&seconds, &tm);
+    char buffer[32];
+    std::strftime(buffer, sizeof buffer, "%Y-%m-%d %H:%M", &tm);
+    return buffer;
+}
+
+// Column widths count characters, not bytes, so Spanish headers line up.
+size_t displayWidth(const std::string& s) {
+    size_t n = 0;
+    for (unsigned char c : s) n += (c & 0xC0) != 0x80;
+    return n;
+}
+
+void printTable(const std::vector<recording::PendingRecording>& list) {
+    std::vector<std::array<std::string, 5>> rows;
+    rows.push_back({msg::kColumnID.str(), msg::kColumnStatus.str(), msg::kColumnStarted.str(), msg::kColumnSize.str(),
+                    msg::kColumnLastError.str()});
+    for (const auto& r : list) {
+        rows.push_back({r.id, recording::toString(r.status), localTime(r.startedAt), humanSize(r.fileURL),
+                        r.lastError.value_or("")});
+    }
+    std::array<size_t, 5> widths{};
+    for (const auto& row : rows)
+        for (size_t i = 0; i < 4; ++i) widths[i] = std::max(widths[i], displayWidth(row[i]));
+    for (const auto& row : rows) {
+        std::string line;
+        for (size_t i = 0; i < 4; ++i) line += row[i] + std::string(widths[i] - displayWidth(row[i]) + 2, ' ');
+        line += row[4];
+        while (!line.empty() && line.back() == ' ') line.pop_back();
+        std::cout << line << "\n";
+    }
+}
+
+void setup(CLI::App& app, Context& context) {
+    auto* cmd = app.add_subcommand("pending", msg::kDescription.str());
+    auto json = std::make_shared<bool>(false);
+    cmd->add_flag("--json", *json, msg::kJsonOption.str());
+    cmd->callback([&context, json] {
+        auto scope = RuntimeScope::enter(context);
+        if (!scope) return;
+        auto list = recording::RecorderService::shared().pending();
+        if (*json) {
+            nlohmann::ordered_json array = nlohmann::ordered_json::array();
+            for (const auto& r : list) array.push_back(recording::coding::encode(r));
+            std::cout << array.dump(2) << "\n";
+        } else if (list.empty()) {
+            std::cout << msg::kEmpty.str() << "\n";
+        } else {
+            printTable(list);
+        }
+        context.exitCode = kExitOK;
+    });
+}
+}  // namespace
+
+VELL_COMMAND(30, setup);
+
+}  // namespace vell::cli

@@ -1,0 +1,40 @@
+#pragma once
+// What every command sets up first: an Asio main executor and the system clock, the
+// program's composition, and (for commands that touch recordings, the pending list or the
+// insurance buffer) the lock that makes this process the only owner of the data folder.
+#include <memory>
+
+#include "cli/command.h"
+#include "platform/asio_executor.h"
+#include "platform/clock.h"
+#include "platform/instance_lock.h"
+
+namespace vell::cli {
+
+class RuntimeScope {
+public:
+    struct Options {
+        bool ownsDataDirectories = true;
+    };
+
+    // Nothing when another process owns the data folder: the reason is printed on
+    // standard error and context.exitCode is set to kExitBusy.
+    static std::unique_ptr<RuntimeScope> enter(Context& context, Options options);
+    static std::unique_ptr<RuntimeScope> enter(Context& context) { return enter(context, Options{}); }
+    ~RuntimeScope();
+    RuntimeScope(const RuntimeScope&) = delete;
+    RuntimeScope& operator=(const RuntimeScope&) = delete;
+
+    AsioExecutor& executor() { return executor_; }
+    // Runs the main loop until stop() (for commands that wait on asynchronous work).
+    void run() { executor_.run(); }
+    void stop() { executor_.stop(); }
+
+private:
+    RuntimeScope() = default;
+    AsioExecutor executor_;
+    SystemClock clock_;
+    std::shared_ptr<InstanceLock> lock_;
+};
+
+}  // namespace vell::cli

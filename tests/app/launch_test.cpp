@@ -1,0 +1,141 @@
+#include <gtest/gtest.h>
+
+#include "app/dock_policy.h"
+#include "app/launch_sequence.h"
+#include "app/notification_categories.h"
+#include "app/preference_keys.h"
+#include "app/quit_decision.h"
+#include "platform/manual_executor.h"
+#include "platform/runtime.h"
+#include "recording/recorder_service.h"
+#include "tests/recording/recorder_fakes.h"
+#include "tests/support/temp_home.h"
+
+namespace vell::app {
+namespace {
+
+TEST(LaunchSequence, StartsServicesInOrderThenShowsTheTipAfterTwoAndAHalfSeconds) {
+    test::TempHome home;
+    ManualClock clock;
+    ManualExecutor exec(clock);
+    std::vector<std::string> order;
+    auto step = [&](std::string name) { return [&order, name] { order.push_back(name); }; };
+    LaunchSteps steps{step("frame"),
+                      [&](const std::vector<NotificationCategory>& c) { order.push_back("categories" + std::to_string(c.size())); },
+                      step("insurance"),
+                      step("agent"),
+                      step("calls"),
+                      step("purge"),
+                      step("calendar"),
+                      step("tip")};
+    {
+        LaunchSequence launch(steps, home.defaults(), exec);
+        launch.run();
+        EXPECT_EQ(order, std::vector<std::string>{"frame"});
+        exec.runPending();
+        EXPECT_EQ(order, (std::vector<std::string>{"frame", "categories3", "insurance", "agent", "calls", "purge", "calendar"}));
+        exec.advance(2.4);
+        EXPECT_EQ(order.size(), 7u);
+        exec.advance(0.1);
+        EXPECT_EQ(order.back(), "tip");
+    }
+    EXPECT_EQ(home.defaults().boolValue(prefs::kMainWindowFrameReset), true);
+
+    // Second launch: the frame is kept; a cancelled launch shows no tip.
+    order.clear();
+    LaunchSequence again(steps, home.defaults(), exec);
+    again.run();
+    exec.runPending();
+    again.cancel();
+    exec.advance(5);
+    EXPECT_EQ(order.front(), "categories3");
+    EXPECT_EQ(order.back(), "calendar");
+
+    // A tip that was shown once is not shown again.
+    order.clear();
+    home.defaults().set(prefs::kMenuBarTipShown, true);
+    LaunchSequence third(steps, home.defaults(), exec);
+    third.run();
+    exec.advance(5);
+    EXPECT_EQ(order.back(), "calendar");
+}
+
+TEST(NotificationCategories, TableHoldsTheThreeCategoriesWithTheirActions) {
+    const auto& c = notificationCategories();
+    ASSERT_EQ(c.size(), 3u);
+    EXPECT_EQ(c[0].identifier, "app.quillon.mac.autoRecordingActive");
+    ASSERT_EQ(c[0].actions.size(), 1u);
+    EXPECT_EQ(c[0].actions[0].identifier, "app.quillon.mac.stopAutoRecording");
+    EXPECT_TRUE(c[0].actions[0].bringsToFront);
+    EXPECT_EQ(c[1].identifier, "app.quillon.mac.callEnded");
+    ASSERT_EQ(c[1].actions.size(), 2u);
+    EXPECT_EQ(c[1].actions[0].identifier, "app.quillon.mac.finishRecording");
+    EXPECT_EQ(c[1].actions[0].title.in(Language::Spanish), "Terminar grabación");
+    EXPECT_EQ(c[1].actions[1].identifier, "app.quillon.mac.keepRecording");
+    EXPECT_EQ(c[1].actions[1].title.in(Language::English), "Keep recording");
+    EXPECT_EQ(c[2].identifier, "app.quillon.mac.meetingRecording");
+    EXPECT_EQ(c[2].actions[0].identifier, "app.quillon.mac.deleteRecording");
+    EXPECT_TRUE(c[2].actions[0].destructive);
+    EXPECT_FALSE(c[2].actions[0].bringsToFront);
+    EXPECT_EQ(c[2].actions[0].title.in(Language::Spanish), "Borrar");
+}
+
+TEST(DockPolicy, OwnWindowsShowTheIconWhenThePreferenceIsOff) {
+    EXPECT_EQ(dockPolicy(true, {}), ActivationPolicy::regular);
+    EXPECT_EQ(dockPolicy(false, {}), ActivationPolicy::accessory);
+    EXPECT_EQ(dockPolicy(false, {"settings"}), ActivationPolicy::regular);
+    EXPECT_EQ(dockPolicy(false, {"main-AppWindow-1"}), ActivationPolicy::regular);
+    EXPECT_EQ(dockPolicy(false, {"recover-2", "tooltip"}), ActivationPolicy::regular);
+    EXPECT_EQ(dockPolicy(false, {"tooltip", "menubar-panel"}), ActivationPolicy::accessory);
+    for (const char* id : {"onboarding", "login", "main", "settings", "recover"}) EXPECT_TRUE(isApplicationWindow(id));
+    EXPECT_FALSE(isApplicationWindow("xmain"));
+}
+
+TEST(QuitDecision, QuitsAtOnceWithoutARecordingAndAsksWithOne) {
+    EXPECT_FALSE(quitAlert(false));
+    auto now = quitSteps(false);
+    EXPECT_TRUE(now.runCleanUp && now.terminate && !now.stopRecording);
+
+    setInterfaceLanguage(Language::Spanish);
+    auto alert = quitAlert(true);
+    ASSERT_TRUE(alert);
+    EXPECT_EQ(alert->message, "La grabación se detendrá. ¿Salir de Vell?");
+    EXPECT_EQ(alert->informativeText, "La parte guardada quedará en esta Mac y se subirá cuando Vell pueda conectarse.");
+    EXPECT_EQ(alert->stopButton, "Detener y salir");
+    EXPECT_EQ(alert->keepButton, "Seguir grabando");
+    setInterfaceLanguage(Language::English);
+    alert = quitAlert(true);
+    EXPECT_EQ(alert->message, "The recording will stop. Quit Vell?");
+    EXPECT_EQ(alert->informativeText, "The saved part will remain on this Mac and upload when Vell can connect.");
+    EXPECT_EQ(alert->stopButton, "Stop and quit");
+    EXPECT_EQ(alert->keepButton, "Keep recording");
+}
+
+TEST(QuitDecision, StopAndQuitLeavesAReadyRecordKeepRecordingLeavesItRunning) {
+    test::TempHome home;
+    ManualClock clock;
+    ManualExecutor exec(clock);
+    runtime::install(&exec, &clock);
+    recording::fakes::Rig rig;
+    {
+        recording::RecorderService recorder(rig.parts(), home.dataHome() / "rec");
+        std::optional<bool> started;
+        recorder.start({}, [&](bool ok) { started = ok; });
+        ASSERT_TRUE(exec.runUntil([&] { return started.has_value(); }));
+
+        auto perform = [&](QuitSteps steps) {
+            if (steps.stopRecording) recorder.stop(/*userInitiated=*/true, /*discard=*/false);
+            return steps.terminate;
+        };
+        EXPECT_FALSE(perform(quitSteps(true, QuitChoice::keepRecording)));
+        EXPECT_TRUE(recorder.state.isRecording.get());
+        EXPECT_TRUE(perform(quitSteps(true, QuitChoice::stopAndQuit)));
+        EXPECT_FALSE(recorder.state.isRecording.get());
+        ASSERT_EQ(recorder.pending().size(), 1u);
+        EXPECT_EQ(recorder.pending()[0].status, recording::PendingRecording::Status::ready);
+    }
+    runtime::install(nullptr, nullptr);
+}
+
+}  // namespace
+}  // namespace vell::app
