@@ -2,6 +2,8 @@
 
 #include <mutex>
 
+#include "audio/realtime_mixer.h"
+#include "audio/speech_activity_detector.h"
 #include "recording/recorder_service.h"
 
 namespace vell::app {
@@ -18,8 +20,12 @@ void setAccountSource(std::function<std::optional<std::string>()> source) {
 
 recording::RecorderParts recorderParts() {
     recording::RecorderParts parts;
-    // No audio backend is wired in yet: starts fail with a clear message, the pending list
+    // Until a microphone is wired in, starts fail with a clear message; the pending list
     // and the recovery of interrupted recordings work.
+    parts.makeMixer = [](const std::filesystem::path& file, double sampleRate) -> std::unique_ptr<audio::RecordingMixer> {
+        return std::make_unique<audio::RealtimeMixer>(file, sampleRate);
+    };
+    parts.speech = std::make_shared<audio::SpeechActivityDetector>();
     parts.accountID = []() -> std::optional<std::string> {
         std::function<std::optional<std::string>()> source;
         {

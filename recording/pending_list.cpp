@@ -1,6 +1,8 @@
 #include "recording/pending_list.h"
 
 #include <chrono>
+#include <map>
+#include <unordered_set>
 
 #include "platform/files.h"
 #include "platform/log.h"
@@ -44,11 +46,27 @@ bool PendingListFile::save(const std::vector<PendingRecording>& list, std::error
 }
 
 std::vector<PendingRecording> keepingExistingFiles(std::vector<PendingRecording> list) {
+    // The audio files normally all sit in one folder: one listing of it answers for every
+    // entry there, instead of one stat call per entry.
+    std::map<fs::path, std::optional<std::unordered_set<std::string>>> listings;
+    auto exists = [&](const fs::path& file) {
+        auto [it, inserted] = listings.try_emplace(file.parent_path());
+        if (inserted) {
+            std::error_code ec;
+            std::unordered_set<std::string> names;
+            for (fs::directory_iterator d(it->first, ec), end; !ec && d != end; d.increment(ec)) {
+                names.insert(d->path().filename().string());
+            }
+            if (!ec) it->second = std::move(names);
+        }
+        std::error_code ec;
+        if (!it->second) return fs::exists(file, ec);
+        return it->second->count(file.filename().string()) > 0;
+    };
     std::vector<PendingRecording> kept;
     kept.reserve(list.size());
     for (auto& r : list) {
-        std::error_code ec;
-        if (!r.fileURL.empty() && fs::exists(r.fileURL, ec)) kept.push_back(std::move(r));
+        if (r.fileURL.is_absolute() && r.fileURL.has_filename() && exists(r.fileURL)) kept.push_back(std::move(r));
     }
     return kept;
 }
