@@ -1,0 +1,95 @@
+#include "audio/mic_capture.h"
+
+#include "audio/microphone_settings.h"
+#include "platform/alsa_mic_engine.h"
+#include "platform/log.h"
+#include "platform/pulse_mic_engine.h"
+
+namespace vell::audio {
+
+namespace {
+const log::Logger& logger() {
+    static const log::Logger instance("MicCapture");
+    return instance;
+}
+}  // namespace
+
+MicCapture::MicCapture(MicCaptureEngineFactory makeEngine, MicCaptureEngineFactory makeFallbackEngine)
+    : makeEngine_(std::move(makeEngine)), makeFallbackEngine_(std::move(makeFallbackEngine)) {}
+
+std::unique_ptr<MicCapture> MicCapture::makeDefault() {
+    auto capture = std::make_unique<MicCapture>([] { return platform::makePulseMicEngine(); },
+                                                [] { return platform::makeAlsaMicEngine(); });
+    capture->setHealthReporter([](const std::string& uid, bool failed) { MicrophoneSettings::reportDeviceHealth(uid, failed); });
+    return capture;
+}
+
+MicCapture::~MicCapture() { stop(); }
+
+void MicCapture::setHealthReporter(std::function<void(const std::string&, bool)> reporter) {
+    std::lock_guard lock(mutex_);
+    healthReporter_ = std::move(reporter);
+}
+
+void MicCapture::start(const MicrophoneTarget& target, BufferHandler handler, std::function<void()> onDeviceChange) {
+    std::lock_guard lock(mutex_);
+    close();
+    const bool deviceRequested = target.uid.has_value() || target.deviceID.has_value();
+    try {
+        open(makeEngine_(), target, handler, onDeviceChange);
+        usingFallback_ = false;
+    } catch (const std::exception& primaryError) {
+        if (!makeFallbackEngine_) {
+            if (deviceRequested && target.uid && healthReporter_) healthReporter_(*target.uid, true);
+            throw;
+        }
+        logger().info(std::string("primary microphone engine failed, trying the fallback: ") + primaryError.what());
+        try {
+            open(makeFallbackEngine_(), target, handler, onDeviceChange);
+            usingFallback_ = true;
+        } catch (const std::exception& fallbackError) {
+            logger().error(std::string("fallback microphone engine failed too: ") + fallbackError.what());
+            if (deviceRequested && target.uid && healthReporter_) healthReporter_(*target.uid, true);
+            throw;
+        }
+    }
+    fellBackToDefault_ = deviceRequested && engine_ && engine_->runsOnDefault();
+    if (target.uid && healthReporter_) healthReporter_(*target.uid, fellBackToDefault_);
+}
+
+void MicCapture::open(std::unique_ptr<MicCaptureEngine> engine, const MicrophoneTarget& target, const BufferHandler& handler,
+                      const std::function<void()>& onDeviceChange) {
+    engine_ = std::move(engine);
+    if (onDeviceChange) engine_->setDeviceChangeHandler(onDeviceChange);
+    try {
+        if (target.uid || target.deviceID) engine_->selectDevice(target);
+        engine_->installTap(handler);
+        tapInstalled_ = true;
+        engine_->prepare();
+        engine_->start();
+    } catch (...) {
+        close();
+        throw;
+    }
+    running_ = true;
+}
+
+void MicCapture::stop() {
+    std::lock_guard lock(mutex_);
+    close();
+}
+
+void MicCapture::close() {
+    if (engine_) {
+        // No reopen requests from an engine that is going away.
+        engine_->setDeviceChangeHandler({});
+        if (tapInstalled_) engine_->removeTap();
+        engine_->stop();
+    }
+    engine_.reset();
+    tapInstalled_ = false;
+    running_ = false;
+    fellBackToDefault_ = false;
+}
+
+}  // namespace vell::audio

@@ -1,0 +1,114 @@
+#include "audio/system_audio_tap.h"
+
+#include "audio/errors.h"
+#include "platform/pulse_connection.h"
+#include "platform/pulse_record_stream.h"
+#include "platform/serial_queue.h"
+
+namespace vell::audio {
+
+SystemAudioTap::SystemAudioTap()
+    : queue_(std::make_unique<SerialQueue>(queues::kSystemTap)), generation_(std::make_shared<std::atomic<uint64_t>>(0)) {}
+
+SystemAudioTap::~SystemAudioTap() {
+    stop();
+    // Runs what is still queued while every member is alive; it sees a stale generation.
+    queue_.reset();
+}
+
+void SystemAudioTap::start(BufferHandler handler) {
+    std::lock_guard lock(mutex_);
+    if (running_) return;
+    uint64_t generation = ++*generation_;
+    auto connection = std::make_unique<pulse::Connection>("Vell system audio", queues::kSystemTap);
+    try {
+        connection->connect();
+        connection_ = std::move(connection);
+        handler_ = std::move(handler);
+        openOn(connection_->defaultSinkMonitor());
+        // Events arrive on the connection's thread; the work happens on the tap's queue.
+        auto follow = [this, generation] { queue_->post([this, generation] { followDefault(generation); }); };
+        connection_->subscribe({pulse::Change::Server, pulse::Change::Sinks}, [follow](pulse::Change) { follow(); });
+        connection_->onLost(follow);
+    } catch (const CoreAudioError& e) {
+        logger_.error(std::string("cannot start: ") + e.what());
+        stream_.reset();
+        connection_.reset();
+        handler_ = nullptr;
+        monitor_.clear();
+        throw;
+    }
+    running_ = true;
+}
+
+void SystemAudioTap::openOn(const std::string& monitor) {
+    auto stream = std::make_unique<pulse::RecordStream>(*connection_, pulse::RecordOptions{monitor, true, 0.02, "System audio"});
+    stream->setDataHandler(handler_);
+    uint64_t generation = *generation_;
+    stream->setEventHandler([this, generation](pulse::StreamEvent event) {
+        if (event == pulse::StreamEvent::Failed || event == pulse::StreamEvent::Moved) {
+            queue_->post([this, generation] { followDefault(generation); });
+        }
+    });
+    stream->start();
+    stream_ = std::move(stream);
+    monitor_ = monitor;
+    logger_.info("recording system audio from " + monitor + " (" + std::to_string(static_cast<int>(stream_->rate())) + " Hz, " +
+                 std::to_string(stream_->channels()) + " channels)");
+}
+
+void SystemAudioTap::followDefault(uint64_t generation) {
+    std::lock_guard lock(mutex_);
+    if (!running_ || generation != *generation_ || !connection_) return;
+    std::string monitor;
+    try {
+        monitor = connection_->defaultSinkMonitor();
+    } catch (const CoreAudioError& e) {
+        logger_.error(std::string("no output to follow: ") + e.what());
+        return;
+    }
+    if (monitor == monitor_ && stream_ && stream_->running()) return;
+    logger_.info("default output changed; reopening on " + monitor);
+    if (stream_) {
+        stream_->setEventHandler(nullptr);
+        stream_->stop();
+        stream_.reset();
+    }
+    try {
+        openOn(monitor);
+    } catch (const CoreAudioError& e) {
+        logger_.error(std::string("cannot reopen: ") + e.what());
+        monitor_.clear();
+    }
+}
+
+void SystemAudioTap::stop() {
+    std::lock_guard lock(mutex_);
+    ++*generation_;
+    if (stream_) {
+        stream_->setEventHandler(nullptr);
+        stream_->stop();
+        stream_.reset();
+    }
+    connection_.reset();
+    handler_ = nullptr;
+    monitor_.clear();
+    running_ = false;
+}
+
+std::string SystemAudioTap::monitorName() const {
+    std::lock_guard lock(mutex_);
+    return monitor_;
+}
+
+double SystemAudioTap::sampleRate() const {
+    std::lock_guard lock(mutex_);
+    return stream_ ? stream_->rate() : 0;
+}
+
+int SystemAudioTap::channelCount() const {
+    std::lock_guard lock(mutex_);
+    return stream_ ? stream_->channels() : 0;
+}
+
+}  // namespace vell::audio

@@ -1,0 +1,14 @@
+#pragma once
+// The fallback microphone engine: ALSA capture, used when the sound server refuses the
+// device or is absent. A chosen source is opened on its ALSA device (the source's
+// "device.string") when the server can tell it; otherwise the ALSA "default" device is
+// used and the engine reports that it runs on the default.
+#include <memory>
+
+#include "audio/mic_capture.h"
+
+namespace vell::platform {
+
+std::unique_ptr<audio::MicCaptureEngine> makeAlsaMicEngine();
+
+}  // namespace vell::platform
