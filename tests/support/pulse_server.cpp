@@ -88,6 +88,8 @@ PulseServer::PulseServer() {
     if (!::mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
     dir_ = pattern;
     ::chmod(dir_.c_str(), 0700);
+    // A FIFO or socket whose reader died must give an error, not end the test process.
+    ::signal(SIGPIPE, SIG_IGN);
 
     saveEnv("PULSE_SERVER", savedServer_, hadServer_);
     saveEnv("XDG_RUNTIME_DIR", savedRuntime_, hadRuntime_);
@@ -164,6 +166,11 @@ void PulseServer::waitUntilReady() {
 }
 
 void PulseServer::kill() {
+    {
+        std::lock_guard lock(mutex_);
+        if (fifo_ >= 0) ::close(fifo_);
+        fifo_ = -1;
+    }
     if (pid_ <= 0) return;
     ::kill(pid_, SIGTERM);
     reap(pid_, 3000ms);

@@ -1,0 +1,140 @@
+// The system-audio tap on a real (private) PulseAudio server: the idle output is digital
+// silence, played sound ends the silent run, the tap follows a new default output, and a
+// failed start leaves nothing behind.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include "audio/digital_silence_tracker.h"
+#include "audio/errors.h"
+#include "audio/system_audio_tap.h"
+#include "tests/support/pulse_server.h"
+
+namespace vell::audio {
+namespace {
+
+using namespace std::chrono_literals;
+
+struct Watcher {
+    DigitalSilenceTracker tracker;
+    std::mutex mutex;
+    std::condition_variable cv;
+    int blocks = 0;
+    int silentBlocks = 0;
+    int loudBlocks = 0;
+    double rate = 0;
+    std::vector<float> loud;  // first channel of the non-silent blocks
+
+    BufferHandler handler() {
+        return [this](PcmBufferPtr b) {
+            bool silent = isDigitalSilence(*b);
+            tracker.update(silent, std::chrono::system_clock::now());
+            std::lock_guard lock(mutex);
+            ++blocks;
+            rate = b->sampleRate;
+            if (silent) {
+                ++silentBlocks;
+            } else {
+                ++loudBlocks;
+                loud.insert(loud.end(), b->channels[0].begin(), b->channels[0].end());
+            }
+            cv.notify_all();
+        };
+    }
+    bool waitFor(const std::function<bool()>& pred, std::chrono::milliseconds limit = 5000ms) {
+        std::unique_lock lock(mutex);
+        return cv.wait_for(lock, limit, pred);
+    }
+};
+
+TEST(SystemAudioTapTest, TheIdleOutputIsDigitalSilenceUntilSomethingPlays) {
+    test::PulseServer pulse;
+    SystemAudioTap tap;
+    Watcher w;
+    tap.start(w.handler());
+    ASSERT_TRUE(tap.isRunning());
+    EXPECT_EQ(tap.monitorName(), "speakers.monitor");
+
+    ASSERT_TRUE(w.waitFor([&] { return w.blocks >= 10; }));
+    auto since = w.tracker.silentSince();
+    ASSERT_TRUE(since.has_value());
+    ASSERT_TRUE(w.waitFor([&] { return w.blocks >= 20; }));
+    EXPECT_EQ(w.tracker.silentSince(), since);  // the run keeps its first time
+    EXPECT_EQ(w.loudBlocks, 0);
+
+    pulse.playTone(1000, 0.5, false);
+    ASSERT_TRUE(w.waitFor([&] { return w.loud.size() >= static_cast<size_t>(w.rate * 0.3); }));
+    EXPECT_NEAR(test::zeroCrossingFrequency(w.loud, static_cast<int>(w.rate)), 1000, 30);
+    // After the tone the output is idle again: a new run starts.
+    ASSERT_TRUE(w.waitFor([&] {
+        auto s = w.tracker.silentSince();
+        return s && *s > *since;
+    }));
+    tap.stop();
+    EXPECT_FALSE(tap.isRunning());
+}
+
+TEST(SystemAudioTapTest, FollowsTheDefaultOutputToItsNewMonitor) {
+    test::PulseServer pulse;
+    ASSERT_TRUE(pulse.loadModule("module-null-sink sink_name=headphones"));
+    SystemAudioTap tap;
+    Watcher w;
+    tap.start(w.handler());
+    ASSERT_EQ(tap.monitorName(), "speakers.monitor");
+    pulse.pactl("set-default-sink headphones");
+    auto deadline = std::chrono::steady_clock::now() + 3s;
+    while (tap.monitorName() != "headphones.monitor" && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(10ms);
+    }
+    EXPECT_EQ(tap.monitorName(), "headphones.monitor");
+    int before = 0;
+    {
+        std::lock_guard lock(w.mutex);
+        before = w.blocks;
+    }
+    EXPECT_TRUE(w.waitFor([&] { return w.blocks >= before + 5; }));
+    tap.stop();
+}
+
+TEST(SystemAudioTapTest, AFailedStartNamesTheCallAndLeavesNothingBehind) {
+    test::PulseServer pulse;
+    pulse.kill();
+    SystemAudioTap tap;
+    Watcher w;
+    try {
+        tap.start(w.handler());
+        FAIL() << "started without a server";
+    } catch (const CoreAudioError& e) {
+        EXPECT_EQ(e.operation(), "pa_context_connect");
+        EXPECT_NE(e.status(), 0);
+        EXPECT_EQ(std::string(e.what()), "Core Audio error " + std::to_string(e.status()) + " (pa_context_connect)");
+    }
+    EXPECT_FALSE(tap.isRunning());
+    EXPECT_TRUE(tap.monitorName().empty());
+    tap.stop();
+    tap.stop();
+    EXPECT_FALSE(tap.isRunning());
+}
+
+TEST(SystemAudioTapTest, StartWhileRunningAndStopTwiceAreHarmless) {
+    test::PulseServer pulse;
+    SystemAudioTap tap;
+    Watcher w, other;
+    tap.start(w.handler());
+    tap.start(other.handler());  // ignored: the first handler keeps receiving
+    ASSERT_TRUE(w.waitFor([&] { return w.blocks >= 3; }));
+    EXPECT_EQ(other.blocks, 0);
+    tap.stop();
+    tap.stop();
+    EXPECT_FALSE(tap.isRunning());
+    // And it can start again.
+    Watcher again;
+    tap.start(again.handler());
+    EXPECT_TRUE(again.waitFor([&] { return again.blocks >= 3; }));
+}
+
+}  // namespace
+}  // namespace vell::audio
