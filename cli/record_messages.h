@@ -1,0 +1,24 @@
+#pragma once
+// The sentences of `vell record`.
+#include "platform/language.h"
+
+namespace vell::cli::record_messages {
+
+inline constexpr Text kDescription{"Record the microphone and the system audio into a new recording",
+                                   "Graba el micrófono y el audio del sistema en una grabación nueva"};
+inline constexpr Text kSecondsOption{"Stop by itself after this many seconds",
+                                     "Se detiene sola después de esta cantidad de segundos"};
+inline constexpr Text kBadSeconds{"must be a number of seconds above 0",
+                                  "tiene que ser una cantidad de segundos mayor que 0"};
+// Followed by the recording's id / the file's path.
+inline constexpr Text kRecording{"Recording: ", "Grabación: "};
+inline constexpr Text kFile{"File: ", "Archivo: "};
+inline constexpr Text kStopHint{"Press Ctrl-C to stop.", "Apretá Ctrl-C para detener."};
+inline constexpr Text kMicLabel{"mic", "mic"};
+inline constexpr Text kSystemLabel{"system", "sistema"};
+// Followed by the reason.
+inline constexpr Text kDidNotStart{"The recording did not start: ", "La grabación no empezó: "};
+// Followed by the length in seconds and " s".
+inline constexpr Text kSaved{"Saved, ready to upload. Length: ", "Guardada, lista para subir. Duración: "};
+
+}  // namespace vell::cli::record_messages
