@@ -22,6 +22,7 @@ vell_pkg(systemd libsystemd)
 vell_pkg(uuid uuid)
 vell_pkg(sdbus sdbus-c++)
 vell_pkg(sodium libsodium)
+vell_pkg(httplib cpp-httplib)
 vell_pkg(ical libical)
 
 add_library(asio_headers INTERFACE)
