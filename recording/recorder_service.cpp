@@ -208,6 +208,8 @@ void RecorderService::startOnMicQueue(std::shared_ptr<Session> session, StartOpt
         runtime::runOnMain([this, alive, session, options, liveSessionID, failure, done] {
             if (alive.expired()) return;
             if (failure) {
+                // A live session opened for this recording has nothing to follow.
+                if (liveSessionID && parts_.liveAdvisor.recordingEnded) parts_.liveAdvisor.recordingEnded(session->id);
                 failStart(*failure);
             } else {
                 finishStart(session, options, liveSessionID);

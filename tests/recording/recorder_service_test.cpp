@@ -167,6 +167,8 @@ TEST_F(RecorderTest, FailedStartsLeaveNoRecordAndSayWhy) {
         EXPECT_FALSE(fs::exists(rig.probe().file)) << c.message;
     }
     EXPECT_TRUE(onDisk().empty());
+    // The live sessions opened for the three starts that got past the mixer were ended.
+    EXPECT_EQ(rig.ended.size(), 3u);
     // And the next start works, clearing the message.
     ASSERT_TRUE(startAndWait());
     EXPECT_FALSE(r.state.lastError.get());
