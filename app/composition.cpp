@@ -2,8 +2,11 @@
 
 #include <mutex>
 
+#include "audio/mic_capture.h"
+#include "audio/microphone_settings.h"
 #include "audio/realtime_mixer.h"
 #include "audio/speech_activity_detector.h"
+#include "audio/system_audio_tap.h"
 #include "recording/recorder_service.h"
 
 namespace vell::app {
@@ -11,6 +14,14 @@ namespace vell::app {
 namespace {
 std::mutex gLock;
 std::function<std::optional<std::string>()> gAccountSource;
+
+// The user's microphone choice, read on the main executor when a recording opens; the
+// device list is enumerated only then, not by commands that never record.
+class SharedMicrophoneChooser final : public audio::MicrophoneChooser {
+public:
+    audio::MicrophoneTarget recordingTarget() override { return audio::MicrophoneSettings::shared().recordingTarget(); }
+    audio::MicrophoneTarget insuranceTarget() override { return audio::MicrophoneSettings::shared().insuranceTarget(); }
+};
 }  // namespace
 
 void setAccountSource(std::function<std::optional<std::string>()> source) {
@@ -20,8 +31,9 @@ void setAccountSource(std::function<std::optional<std::string>()> source) {
 
 recording::RecorderParts recorderParts() {
     recording::RecorderParts parts;
-    // Until a microphone is wired in, starts fail with a clear message; the pending list
-    // and the recovery of interrupted recordings work.
+    parts.microphone = audio::MicCapture::makeDefault();
+    parts.chooser = std::make_shared<SharedMicrophoneChooser>();
+    parts.systemAudio = std::make_shared<audio::SystemAudioTap>();
     parts.makeMixer = [](const std::filesystem::path& file, double sampleRate) -> std::unique_ptr<audio::RecordingMixer> {
         return std::make_unique<audio::RealtimeMixer>(file, sampleRate);
     };

@@ -168,17 +168,22 @@ void RecorderService::start(StartOptions options, std::function<void(bool)> done
     if (parts_.liveAdvisor.begin && parts_.hasServiceSession && parts_.hasServiceSession()) {
         liveSessionID = parts_.liveAdvisor.begin(session->id);
     }
-    startOnMicQueue(std::move(session), std::move(options), std::move(liveSessionID), std::move(done));
+    startOnMicQueue(std::move(session), chooseTarget(), std::move(options), std::move(liveSessionID), std::move(done));
 }
 
-void RecorderService::startOnMicQueue(std::shared_ptr<Session> session, StartOptions options,
+audio::MicrophoneTarget RecorderService::chooseTarget() {
+    // The selection lives on the main executor; the queue only gets its answer.
+    return parts_.chooser ? parts_.chooser->recordingTarget() : audio::MicrophoneTarget{};
+}
+
+void RecorderService::startOnMicQueue(std::shared_ptr<Session> session, audio::MicrophoneTarget target, StartOptions options,
                                       std::optional<std::string> liveSessionID, std::function<void(bool)> done) {
     std::weak_ptr<int> alive = alive_;
-    micQueue_->post([this, alive, session, options = std::move(options), liveSessionID = std::move(liveSessionID),
+    micQueue_->post([this, alive, session, target, options = std::move(options), liveSessionID = std::move(liveSessionID),
                      done = std::move(done)]() mutable {
         std::optional<std::string> failure;
         try {
-            startMic(session, false);
+            startMic(session, target, false);
         } catch (const audio::MicrophonePermissionError&) {
             failure = messages::kMicrophonePermissionMissing.str();
         } catch (const audio::MixerOpenError&) {
@@ -219,23 +224,29 @@ void RecorderService::startOnMicQueue(std::shared_ptr<Session> session, StartOpt
     });
 }
 
-void RecorderService::startMic(const std::shared_ptr<Session>& session, bool restart) {
+void RecorderService::startMic(const std::shared_ptr<Session>& session, const audio::MicrophoneTarget& target, bool restart) {
     if (restart) parts_.microphone->stop();
-    audio::MicrophoneTarget target = parts_.chooser ? parts_.chooser->recordingTarget() : audio::MicrophoneTarget{};
     auto mixer = session->mixer;
     std::weak_ptr<Session> weak = session;
-    SerialQueue* queue = micQueue_.get();
+    std::weak_ptr<int> alive = alive_;
     parts_.microphone->start(
         target, [mixer](audio::PcmBufferPtr b) { mixer->appendMicrophone(std::move(b)); },
-        [this, queue, weak] { queue->post([this, weak] { reopenMic(weak); }); });
+        // From any thread: choose the device again on main (the default may have changed),
+        // then reopen on the microphone queue.
+        [this, alive, weak] {
+            runtime::runOnMain([this, alive, weak] {
+                if (alive.expired() || weak.expired()) return;
+                micQueue_->post([this, weak, target = chooseTarget()] { reopenMic(weak, target); });
+            });
+        });
 }
 
-void RecorderService::reopenMic(const std::weak_ptr<Session>& weak) {
+void RecorderService::reopenMic(const std::weak_ptr<Session>& weak, const audio::MicrophoneTarget& target) {
     auto session = weak.lock();
     if (!session || session->closed) return;
     kLog.info("microphone changed; reopening");
     try {
-        startMic(session, true);
+        startMic(session, target, true);
     } catch (const std::exception& e) {
         std::string detail = dynamic_cast<const audio::MicrophonePermissionError*>(&e)
                                  ? messages::kMicrophonePermissionMissing.str()

@@ -83,10 +83,11 @@ private:
 
     void loadAndRecover();
     void commitList();
-    void startOnMicQueue(std::shared_ptr<Session> session, StartOptions options, std::optional<std::string> liveSessionID,
-                         std::function<void(bool)> done);
-    void startMic(const std::shared_ptr<Session>& session, bool restart);
-    void reopenMic(const std::weak_ptr<Session>& weak);
+    audio::MicrophoneTarget chooseTarget();
+    void startOnMicQueue(std::shared_ptr<Session> session, audio::MicrophoneTarget target, StartOptions options,
+                         std::optional<std::string> liveSessionID, std::function<void(bool)> done);
+    void startMic(const std::shared_ptr<Session>& session, const audio::MicrophoneTarget& target, bool restart);
+    void reopenMic(const std::weak_ptr<Session>& weak, const audio::MicrophoneTarget& target);
     void installMixerCallbacks(const std::shared_ptr<Session>& session);
     void finishStart(const std::shared_ptr<Session>& session, const StartOptions& options,
                      const std::optional<std::string>& liveSessionID);
