@@ -2,12 +2,17 @@
 
 #include <mutex>
 
+#include "app/app_state.h"
 #include "audio/mic_capture.h"
 #include "audio/microphone_settings.h"
 #include "audio/realtime_mixer.h"
 #include "audio/speech_activity_detector.h"
 #include "audio/system_audio_tap.h"
+#include "platform/runtime.h"
+#include "platform/user_defaults.h"
 #include "recording/recorder_service.h"
+#include "service/account_client.h"
+#include "service/api_client.h"
 
 namespace vell::app {
 
@@ -51,5 +56,28 @@ recording::RecorderParts recorderParts() {
 }
 
 void installComposition() { recording::RecorderService::setSharedPartsProvider(&recorderParts); }
+
+}  // namespace vell::app
+
+namespace vell::app {
+
+service::APIClient& apiClient() {
+    // Never destroyed: transfers may still complete while the process ends.
+    static auto* client = new service::APIClient();
+    return *client;
+}
+
+AppState& appState() {
+    static AppState* state = [] {
+        static auto* account = new service::AccountClient(apiClient());
+        auto* made = new AppState(
+            *account, UserDefaults::standard(),
+            [](const std::string& accountID) { recording::RecorderService::shared().assignAccountToUnowned(accountID); },
+            runtime::main());
+        setAccountSource([made] { return made->accountID(); });
+        return made;
+    }();
+    return *state;
+}
 
 }  // namespace vell::app

@@ -7,6 +7,10 @@
 
 #include "recording/recorder_parts.h"
 
+namespace vell::service {
+class APIClient;
+}
+
 namespace vell::app {
 
 // The parts of the process's recorder.
@@ -18,5 +22,13 @@ void installComposition();
 
 // Who new recordings belong to (the signed-in account), once an AppState exists.
 void setAccountSource(std::function<std::optional<std::string>()> source);
+
+class AppState;
+// The process's client of the service (its cookie jar restored from session storage).
+service::APIClient& apiClient();
+// The process's application state over apiClient(): made on first use on the main
+// executor; new recordings are stamped with its account, and its one-time adoption of
+// unowned recordings goes through RecorderService::shared().
+AppState& appState();
 
 }  // namespace vell::app

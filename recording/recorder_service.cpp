@@ -56,6 +56,11 @@ RecorderService::~RecorderService() {
             session->mixer->finish();
         });
     }
+    // A start still under way when the recorder goes may have opened the devices.
+    micQueue_->sync([&] {
+        if (parts_.microphone) parts_.microphone->stop();
+        if (parts_.systemAudio) parts_.systemAudio->stop();
+    });
 }
 
 RecorderService& RecorderService::shared() {
