@@ -94,6 +94,8 @@ void RecorderService::loadAndRecover() {
         list_.push_back(std::move(r));
     }
     if (changed || !orphans.empty()) {
+        // Tell the user that something cut a recording short.
+        state.lastError.set(note);
         commitList();
     } else {
         state.pending.set(list_);

@@ -332,6 +332,7 @@ TEST_F(RecorderTest, CreationSettlesInterruptedEntriesAndRecoversOrphansInTheInt
     EXPECT_EQ(list[1].id, "ORPHAN");
     EXPECT_EQ(list[1].status, Status::ready);
     EXPECT_EQ(onDisk(), list);
+    EXPECT_EQ(r.state.lastError.get(), "Recuperada después de una grabación interrumpida.");
 
     // Ownership adoption gives the unowned orphan to the account and saves.
     EXPECT_EQ(r.assignAccountToUnowned("acct-2"), 1);
@@ -342,6 +343,7 @@ TEST_F(RecorderTest, CreationSettlesInterruptedEntriesAndRecoversOrphansInTheInt
     recorder.reset();
     EXPECT_EQ(make().pending(), onDisk());
     EXPECT_EQ(recorder->pending().size(), 2u);
+    EXPECT_FALSE(recorder->state.lastError.get());
 }
 
 TEST_F(RecorderTest, StoreOperationsSaveEveryChange) {
