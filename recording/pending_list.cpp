@@ -1,5 +1,7 @@
 #include "recording/pending_list.h"
 
+#include <dirent.h>
+
 #include <chrono>
 #include <map>
 #include <unordered_set>
@@ -48,25 +50,44 @@ bool PendingListFile::save(const std::vector<PendingRecording>& list, std::error
 std::vector<PendingRecording> keepingExistingFiles(std::vector<PendingRecording> list) {
     // The audio files normally all sit in one folder: one listing of it answers for every
     // entry there, instead of one stat call per entry.
-    std::map<fs::path, std::optional<std::unordered_set<std::string>>> listings;
-    auto exists = [&](const fs::path& file) {
-        auto [it, inserted] = listings.try_emplace(file.parent_path());
-        if (inserted) {
-            std::error_code ec;
-            std::unordered_set<std::string> names;
-            for (fs::directory_iterator d(it->first, ec), end; !ec && d != end; d.increment(ec)) {
-                names.insert(d->path().filename().string());
+    using Names = std::unordered_set<std::string_view>;
+    struct Listing {
+        std::vector<std::string> storage;
+        std::optional<Names> names;  // none when the folder cannot be listed
+    };
+    std::map<std::string, Listing, std::less<>> listings;
+    std::string_view lastFolder;
+    Listing* last = nullptr;
+    auto listingOf = [&](std::string_view folder) -> Listing& {
+        if (last && folder == lastFolder) return *last;
+        auto it = listings.find(folder);
+        if (it == listings.end()) {
+            it = listings.emplace(std::string(folder), Listing{}).first;
+            if (DIR* dir = ::opendir(it->first.empty() ? "/" : it->first.c_str())) {
+                while (const dirent* entry = ::readdir(dir)) it->second.storage.emplace_back(entry->d_name);
+                ::closedir(dir);
+                Names names;
+                names.reserve(it->second.storage.size());
+                for (const auto& name : it->second.storage) names.insert(name);
+                it->second.names = std::move(names);
             }
-            if (!ec) it->second = std::move(names);
         }
-        std::error_code ec;
-        if (!it->second) return fs::exists(file, ec);
-        return it->second->count(file.filename().string()) > 0;
+        lastFolder = it->first;
+        last = &it->second;
+        return it->second;
     };
     std::vector<PendingRecording> kept;
     kept.reserve(list.size());
     for (auto& r : list) {
-        if (r.fileURL.is_absolute() && r.fileURL.has_filename() && exists(r.fileURL)) kept.push_back(std::move(r));
+        const std::string& path = r.fileURL.native();
+        auto slash = path.rfind('/');
+        if (path.empty() || path.front() != '/' || slash == path.size() - 1) continue;
+        std::string_view folder(path.data(), slash);
+        std::string_view name(path.data() + slash + 1, path.size() - slash - 1);
+        Listing& listing = listingOf(folder);
+        std::error_code ec;
+        bool exists = listing.names ? listing.names->count(name) > 0 : fs::exists(r.fileURL, ec);
+        if (exists) kept.push_back(std::move(r));
     }
     return kept;
 }
