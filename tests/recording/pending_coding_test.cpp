@@ -96,5 +96,30 @@ TEST(PendingCoding, OneBadEntryFailsTheWholeDocument) {
     EXPECT_FALSE(nulls->front().accountID);
 }
 
+TEST(PendingCoding, UnknownKeysAreSkippedAndTextIsEscapedBothWays) {
+    auto list = coding::decodeList(
+        R"([{"id":"A","note":{"nested":[1,{"x":null}]},"fileURL":"file:///a.aac","startedAt":1,"status":"ready",)"
+        R"("tags":["a","b"],"attempts":0}])");
+    ASSERT_TRUE(list);
+    EXPECT_EQ(list->front().id, "A");
+    // A known key holding an object is a type error, not something to skip.
+    EXPECT_FALSE(coding::decodeList(
+        R"([{"id":{"v":1},"fileURL":"file:///a.aac","startedAt":1,"status":"ready","attempts":0}])"));
+    EXPECT_FALSE(coding::decodeList(R"([{"id":"A","fileURL":"file:///a.aac","startedAt":1,"status":"ready","attempts":1.5}])"));
+    EXPECT_FALSE(coding::decodeList(R"([{"id":"A","fileURL":"file:///a.aac","startedAt":1,"status":"ready","attempts":0}] x)"));
+
+    PendingRecording r;
+    r.id = "quote\"back\\slash\nline\ttab\x01-ctl";
+    r.fileURL = "/data/Grabaciones de reunión/vell_rec_ñ.aac";
+    r.lastError = "Sin conexión — reintentá \"pronto\"";
+    r.status = Status::failed;
+    std::string text = coding::encodeList({r});
+    EXPECT_NE(text.find(R"(\u0001)"), std::string::npos);
+    EXPECT_TRUE(nlohmann::json::accept(text));
+    auto back = coding::decodeList(text);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->front(), r);
+}
+
 }  // namespace
 }  // namespace vell::recording
