@@ -53,14 +53,18 @@ UploadQueue::~UploadQueue() {
     sweepTimer_.cancel();
 }
 
-void UploadQueue::start() {
-    started_ = true;
+void UploadQueue::settleInterrupted() {
     for (const auto& r : store_.pending()) {
         if (r.status != Status::uploading) continue;
         // Interrupted mid-upload: the resumable protocol continues where the service stopped.
         store_.update(r.id, [](PendingRecording& e) { e.status = Status::ready; });
         logger().info("upload of " + r.id + " was interrupted; queued again");
     }
+}
+
+void UploadQueue::start() {
+    started_ = true;
+    settleInterrupted();
     sweepRetention();
     std::weak_ptr<bool> alive = alive_;
     sweepTimer_ = main_.repeat(kSweepIntervalSeconds, [this, alive] {
@@ -87,6 +91,7 @@ void UploadQueue::retryNow() {
 }
 
 void UploadQueue::runOnce(std::function<void(PassSummary)> done) {
+    if (!started_ && !running_) settleInterrupted();
     started_ = true;
     startPass(true, std::move(done));
 }

@@ -84,17 +84,20 @@ public:
     void wake();
     // Forget the backoff and run a pass now.
     void retryNow();
-    // One pass over every candidate now, ignoring backoff (the command line).
+    // One pass over every candidate now, ignoring backoff (the command line); entries an
+    // earlier run left in `uploading` are queued again first.
     void runOnce(std::function<void(PassSummary)> done);
 
     bool running() const { return running_; }
     const Published<UploadActivity>& activity() const { return activity_; }
+    Published<UploadActivity>& activity() { return activity_; }  // to subscribe
     // Seconds (uptime) when the entry may be retried, if it waits.
     std::optional<double> retryAt(const std::string& id) const;
     // Deletes local copies whose retention has passed (also run at start and after passes).
     void sweepRetention();
 
 private:
+    void settleInterrupted();
     void startPass(bool ignoreBackoff, std::function<void(PassSummary)> done);
     void next();
     void finished(const recording::PendingRecording& recording, Expected<std::string, UploadError> result);

@@ -1,0 +1,98 @@
+// vell login: signs in with email and password (and the two-step code when the account
+// asks for one) and keeps the session for later runs.
+#include <termios.h>
+#include <unistd.h>
+
+#include <iostream>
+#include <regex>
+
+#include "cli/account_messages.h"
+#include "cli/command.h"
+#include "service/account_client.h"
+
+namespace vell::cli {
+
+namespace {
+
+std::optional<std::string> readLine() {
+    std::string line;
+    if (!std::getline(std::cin, line)) return std::nullopt;
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    return line;
+}
+
+// From the terminal without echo; from standard input as it comes when that is no terminal.
+std::optional<std::string> readSecret(const std::string& prompt) {
+    if (!::isatty(STDIN_FILENO)) return readLine();
+    std::cerr << prompt << std::flush;
+    termios saved{};
+    ::tcgetattr(STDIN_FILENO, &saved);
+    termios quiet = saved;
+    quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    quiet.c_lflag |= ECHONL;
+    ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
+    auto line = readLine();
+    ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved);
+    return line;
+}
+
+std::optional<std::string> ask(const std::string& prompt) {
+    if (::isatty(STDIN_FILENO)) std::cerr << prompt << std::flush;
+    return readLine();
+}
+
+int login(std::string email) {
+    if (email.empty()) email = ask(messages::kEmailPrompt).value_or("");
+    if (email.empty()) {
+        std::cerr << messages::kMissingEmail.str() << "\n";
+        return kExitUsage;
+    }
+    auto password = readSecret(messages::kPasswordPrompt);
+    if (!password || password->empty()) {
+        std::cerr << messages::kMissingPassword.str() << "\n";
+        return kExitUsage;
+    }
+    service::APIClient client;
+    service::AccountClient account(client);
+    auto step = account.signInNow(email, *password);
+    if (!step) {
+        std::cerr << step.error().description() << "\n";
+        return kExitFailure;
+    }
+    if (*step == service::SignInStep::mfaRequired) {
+        auto code = ask(messages::kCodePrompt);
+        if (!code || code->empty()) {
+            std::cerr << messages::kMissingCode.str() << "\n";
+            return kExitUsage;
+        }
+        service::MfaAnswer answer;
+        // Six digits are a time-based code; anything else is a backup code.
+        if (std::regex_match(*code, std::regex(R"(\s*\d{6}\s*)"))) {
+            answer.code = std::regex_replace(*code, std::regex(R"(\s)"), "");
+        } else {
+            answer.backupCode = *code;
+        }
+        auto verified = account.verifyMfaNow(answer);
+        if (!verified) {
+            std::cerr << verified.error().description() << "\n";
+            return kExitFailure;
+        }
+    }
+    account.saveSession();
+    auto me = account.fetchMeNow();
+    std::cout << messages::kSignedInAs.str() << (me ? me->email : email) << ".\n";
+    return kExitOK;
+}
+
+void setup(CLI::App& app, Context& context) {
+    auto* cmd = app.add_subcommand("login", "Sign in to the Vell service (password from the terminal or standard input)");
+    auto email = std::make_shared<std::string>();
+    cmd->add_option("--email", *email, "Account email (asked when missing)");
+    cmd->callback([email, &context] { context.exitCode = login(*email); });
+}
+
+}  // namespace
+
+VELL_COMMAND(60, setup);
+
+}  // namespace vell::cli

@@ -1,0 +1,43 @@
+// vell whoami: the signed-in account, or a non-zero exit when signed out.
+#include <iostream>
+
+#include "cli/account_messages.h"
+#include "cli/command.h"
+#include "service/account_client.h"
+
+namespace vell::cli {
+
+namespace {
+
+int whoami() {
+    service::APIClient client;
+    service::AccountClient account(client);
+    if (!account.hasSession()) {
+        std::cerr << messages::kNotSignedIn.str() << "\n";
+        return kExitSignedOut;
+    }
+    auto me = account.fetchMeNow();
+    if (!me) {
+        if (me.error().isSessionRejection()) {
+            account.clearSession();
+            std::cerr << me.error().description() << "\n";
+            return kExitSignedOut;
+        }
+        std::cerr << me.error().description() << "\n";
+        return kExitFailure;
+    }
+    std::cout << me->email << " (id " << me->id << (me->role.empty() ? "" : ", " + me->role)
+              << (me->isAdmin ? ", admin" : "") << ")\n";
+    return kExitOK;
+}
+
+void setup(CLI::App& app, Context& context) {
+    auto* cmd = app.add_subcommand("whoami", "Show the signed-in account (exit status 3 when signed out)");
+    cmd->callback([&context] { context.exitCode = whoami(); });
+}
+
+}  // namespace
+
+VELL_COMMAND(62, setup);
+
+}  // namespace vell::cli

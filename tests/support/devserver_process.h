@@ -1,0 +1,62 @@
+#pragma once
+// A running vell-devserver for one test: started on a free port (or a fixed one for the
+// programs that talk to the built-in URL), with a private data folder and the admin API.
+#include <sys/types.h>
+
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vell::test {
+
+class DevServer {
+public:
+    struct Options {
+        int port = 0;  // 0: a free port chosen by the server
+        std::vector<std::string> users;  // "EMAIL:PASSWORD[:TOTP]"; none: the demo account
+        std::string adminToken = "t";
+    };
+
+    // Starts the server and waits for its "listening on" line; throws when it does not come.
+    DevServer() : DevServer(Options{}) {}
+    explicit DevServer(Options options);
+    ~DevServer();
+    DevServer(const DevServer&) = delete;
+    DevServer& operator=(const DevServer&) = delete;
+
+    const std::string& url() const { return url_; }  // "http://127.0.0.1:<port>/"
+    int port() const { return port_; }
+    const std::filesystem::path& dataDirectory() const { return data_; }
+
+    // SIGKILL, as a crash would; start() brings it back on the same port and data.
+    void kill();
+    void start();
+    bool running() const { return pid_ > 0; }
+
+    // The admin API (X-Admin-Token). Throws on a transport failure or a status >= 400.
+    nlohmann::json admin(const std::string& method, const std::string& path,
+                         const std::optional<nlohmann::json>& body = std::nullopt) const;
+    std::string addFault(const nlohmann::json& fault) const;
+    void clearFaults() const;
+    nlohmann::json uploads() const;
+    nlohmann::json recordings() const;
+    void expireSessions(const std::string& email) const;
+
+    // The server's request log so far (for failure messages).
+    std::string log() const;
+
+private:
+    Options options_;
+    std::filesystem::path data_;
+    std::filesystem::path logFile_;
+    std::string url_;
+    int port_ = 0;
+    pid_t pid_ = -1;
+};
+
+// Hex SHA-256 of a file (what /admin/recordings reports).
+std::string sha256File(const std::filesystem::path& file);
+
+}  // namespace vell::test
