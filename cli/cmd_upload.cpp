@@ -8,8 +8,7 @@
 
 #include "cli/account_messages.h"
 #include "cli/command.h"
-#include "platform/asio_executor.h"
-#include "platform/instance_lock.h"
+#include "cli/runtime_scope.h"
 #include "platform/paths.h"
 #include "platform/runtime.h"
 #include "recording/pending_list.h"
@@ -81,18 +80,10 @@ private:
     int percent_ = -1;
 };
 
-int upload() {
-    auto lock = InstanceLock::acquire(paths::vellDataDirectory());
-    if (!lock) {
-        std::cerr << lock.error() << "\n";
-        return kExitBusy;
-    }
-    AsioExecutor main;
-    SystemClock clock;
-    runtime::install(&main, &clock);
-    struct Uninstall {
-        ~Uninstall() { runtime::install(nullptr, nullptr); }
-    } uninstall;
+int upload(Context& context) {
+    auto scope = RuntimeScope::enter(context);
+    if (!scope) return context.exitCode;
+    auto& main = scope->executor();
 
     service::APIClient client;
     service::AccountClient account(client);
@@ -113,7 +104,7 @@ int upload() {
     ManifestStore store(paths::recordingsDirectory());
     service::ApiRecordingUploader uploader(client);
     std::mt19937_64 random{std::random_device{}()};
-    service::UploadQueue queue(store, uploader, main, clock,
+    service::UploadQueue queue(store, uploader, main, runtime::clock(),
                                [&random] { return std::uniform_real_distribution<double>(0, 1)(random); });
     queue.setAccount(me->id);
 
@@ -153,7 +144,7 @@ int upload() {
 
 void setup(CLI::App& app, Context& context) {
     auto* cmd = app.add_subcommand("upload", "Upload the pending recordings of the signed-in account now");
-    cmd->callback([&context] { context.exitCode = upload(); });
+    cmd->callback([&context] { context.exitCode = upload(context); });
 }
 
 }  // namespace

@@ -28,9 +28,26 @@ Expected<Me, APIError> AccountClient::fetchMeNow() const {
     return decodeMe(*reply);
 }
 
+namespace {
+// Signing in has no session to lose: a 401 that names its reason (wrong password, wrong
+// code) is that reason, not an expired session.
+Expected<Json, APIError> sendCredentials(const APIClient& client, ApiRequest request) {
+    auto response = client.perform(std::move(request));
+    if (!response) return unexpected(response.error());
+    if (response->status == 401) {
+        Json body = Json::parse(response->body, nullptr, false);
+        auto code = stringField(body, "error");
+        if (code && !code->empty() && *code != "unauthorized") {
+            return unexpected(APIError::http(401, code, stringField(body, "message")));
+        }
+    }
+    return APIClient::validate(*response);
+}
+}  // namespace
+
 Expected<SignInStep, APIError> AccountClient::signInNow(const std::string& email, const std::string& password) const {
-    auto reply = client_.send(
-        {.method = "POST", .path = "api/auth/login", .json = Json{{"email", email}, {"password", password}}});
+    auto reply = sendCredentials(
+        client_, {.method = "POST", .path = "api/auth/login", .json = Json{{"email", email}, {"password", password}}});
     if (!reply) return unexpected(reply.error());
     if (!reply->is_object()) return unexpected(APIError::decoding("sign-in: not an object"));
     auto mfa = reply->find("mfaRequired");
@@ -42,7 +59,7 @@ Expected<Unit, APIError> AccountClient::verifyMfaNow(const MfaAnswer& answer) co
     Json body = Json::object();
     if (answer.code) body["code"] = *answer.code;
     if (answer.backupCode) body["backupCode"] = *answer.backupCode;
-    auto reply = client_.send({.method = "POST", .path = "api/auth/mfa", .json = body});
+    auto reply = sendCredentials(client_, {.method = "POST", .path = "api/auth/mfa", .json = body});
     if (!reply) return unexpected(reply.error());
     return Unit{};
 }

@@ -5,6 +5,7 @@
 
 #include "platform/http_user_agent.h"
 #include "service/api_client.h"
+#include "tests/service/no_secret_service.h"
 #include "tests/support/temp_home.h"
 
 namespace vell::service {
@@ -47,6 +48,7 @@ TEST(APIClientValidation, SuccessBodiesMustBeJSON) {
 
 TEST(APIClientRequests, BuildsURLHeadersAndJSONBody) {
     test::TempHome home;
+    testing::NoSecretService noKeyring;
     APIClient client("http://127.0.0.1:9/base");
     auto built = client.build({.method = "POST",
                                .path = "api/recordings/upload/a b?/part",
@@ -70,6 +72,7 @@ TEST(APIClientRequests, BuildsURLHeadersAndJSONBody) {
 
 TEST(APIClientRequests, UnencodableJSONFailsBeforeSending) {
     test::TempHome home;
+    testing::NoSecretService noKeyring;
     APIClient client("http://127.0.0.1:9/");
     auto built = client.build({.method = "POST", .path = "x", .json = Json{{"name", std::string("\xff\xfe")}}});
     ASSERT_FALSE(built);
@@ -78,6 +81,7 @@ TEST(APIClientRequests, UnencodableJSONFailsBeforeSending) {
 
 TEST(APIClientRequests, RefusedConnectionIsNoConnection) {
     test::TempHome home;
+    testing::NoSecretService noKeyring;
     APIClient client("http://127.0.0.1:9/");  // discard port: nothing listens
     auto result = client.send({.path = "api/me"});
     ASSERT_FALSE(result);

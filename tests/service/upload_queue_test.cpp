@@ -78,7 +78,10 @@ struct QueueTest : ::testing::Test {
     std::unique_ptr<UploadQueue> queue;
     int signOuts = 0;
 
-    void SetUp() override { runtime::install(&main, &clock); }
+    void SetUp() override {
+        runtime::install(&main, &clock);
+        setInterfaceLanguage(Language::English);
+    }
     void TearDown() override {
         queue.reset();
         runtime::install(nullptr, nullptr);

@@ -140,6 +140,11 @@ std::string DevServer::log() const {
     return text.size() > 4000 ? text.substr(text.size() - 4000) : text;
 }
 
+bool devServerBuilt() {
+    std::error_code ec;
+    return fs::exists(binaryPath("vell-devserver"), ec);
+}
+
 std::string sha256File(const fs::path& file) {
     std::ifstream in(file, std::ios::binary);
     EVP_MD_CTX* ctx = EVP_MD_CTX_new();

@@ -56,6 +56,13 @@ private:
     pid_t pid_ = -1;
 };
 
+// Whether the reference service was built (tests that need it skip visibly otherwise).
+bool devServerBuilt();
+#define VELL_REQUIRE_DEVSERVER()                                                   \
+    do {                                                                           \
+        if (!::vell::test::devServerBuilt()) GTEST_SKIP() << "vell-devserver is not built"; \
+    } while (0)
+
 // Hex SHA-256 of a file (what /admin/recordings reports).
 std::string sha256File(const std::filesystem::path& file);
 

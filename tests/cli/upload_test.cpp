@@ -1,0 +1,77 @@
+// vell upload: one pass over the pending list left by earlier runs.
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "platform/paths.h"
+#include "recording/pending_list.h"
+#include "tests/cli/cli_env.h"
+#include "tests/support/devserver_process.h"
+
+namespace vell::test {
+namespace {
+
+namespace fs = std::filesystem;
+using recording::PendingRecording;
+
+std::string accountIdOf(const TempHome& home) {
+    auto who = runVell(home, "whoami");
+    auto open = who.output.find("(id ");
+    auto close = who.output.find_first_of(",)", open);
+    return open == std::string::npos ? "" : who.output.substr(open + 4, close - open - 4);
+}
+
+TEST(CliUpload, UploadsPendingRecordingsAndReportsFailures) {
+    VELL_REQUIRE_DEVSERVER();
+    TempHome home;
+    DevServer server({.port = 8787, .users = {"up@vell.test:pw"}});
+    ASSERT_EQ(runVell(home, "login --email up@vell.test", "pw").status, 0);
+    std::string account = accountIdOf(home);
+    ASSERT_FALSE(account.empty());
+
+    auto nothing = runVell(home, "upload");
+    EXPECT_EQ(nothing.status, 0) << nothing.output;
+    EXPECT_NE(nothing.output.find("Nothing to upload."), std::string::npos) << nothing.output;
+
+    fs::create_directories(paths::recordingsDirectory());
+    std::vector<PendingRecording> list;
+    for (std::string id : {"one", "two"}) {
+        PendingRecording r;
+        r.id = id;
+        r.fileURL = paths::recordingsDirectory() / ("vell_rec_" + id + ".aac");
+        std::ofstream(r.fileURL, std::ios::binary) << std::string(100'000, id[0]);
+        r.startedAt = std::chrono::system_clock::now() - std::chrono::minutes(5);
+        r.finishedAt = std::chrono::system_clock::now();
+        r.status = PendingRecording::Status::ready;
+        r.accountID = account;
+        list.push_back(r);
+    }
+    recording::PendingListFile manifest(paths::recordingsDirectory());
+    std::error_code ec;
+    ASSERT_TRUE(manifest.save(list, ec)) << ec.message();
+
+    server.addFault({{"method", "POST"}, {"path", "upload/start"}, {"action", "status"}, {"status", 503}});
+    auto partly = runVell(home, "upload");
+    EXPECT_EQ(partly.status, 1) << partly.output;
+    EXPECT_NE(partly.output.find("vell_rec_one.aac"), std::string::npos) << partly.output;
+    EXPECT_NE(partly.output.find("Server error (503)."), std::string::npos) << partly.output;
+    auto stored = manifest.load();
+    ASSERT_TRUE(stored);
+    EXPECT_EQ((*stored)[0].status, PendingRecording::Status::failed);
+    EXPECT_EQ((*stored)[0].attempts, 1);
+    EXPECT_EQ((*stored)[1].status, PendingRecording::Status::uploaded);
+
+    auto rest = runVell(home, "upload");
+    EXPECT_EQ(rest.status, 0) << rest.output;
+    EXPECT_NE(rest.output.find("100%"), std::string::npos) << rest.output;
+    stored = manifest.load();
+    EXPECT_EQ((*stored)[0].status, PendingRecording::Status::uploaded);
+    EXPECT_EQ(server.recordings().size(), 2u);
+    for (const auto& r : server.recordings()) {
+        auto file = paths::recordingsDirectory() / r.value("filename", "");
+        EXPECT_EQ(r.value("sha256", ""), sha256File(file));
+    }
+}
+
+}  // namespace
+}  // namespace vell::test
