@@ -28,4 +28,22 @@ inline constexpr Text kNotAvailable{"not available: ", "no disponible: "};
 inline constexpr Text kFellBack{"(the chosen microphone is missing; using the system default)",
                                 "(falta el micrófono elegido; se usa el predeterminado del sistema)"};
 
+inline constexpr Text kDevicesDescription{"List the microphones and what each stored choice opens",
+                                          "Lista los micrófonos y qué abre cada elección guardada"};
+inline constexpr Text kDevicesJsonOption{"Print the list as JSON", "Muestra la lista en JSON"};
+inline constexpr Text kNoMicrophones{"No microphones found.", "No se encontraron micrófonos."};
+inline constexpr Text kOpens{"opens", "abre"};
+inline constexpr Text kSystemDefaultDevice{"the system default", "el predeterminado del sistema"};
+inline constexpr Text kMicDescription{"Choose the microphone for recordings or for insurance mode",
+                                      "Elige el micrófono para las grabaciones o para el modo seguro"};
+inline constexpr Text kMicUseOption{"recording or insurance", "recording o insurance"};
+inline constexpr Text kMicChoiceOption{"default, builtin or uid:<device UID> (see vell devices)",
+                                       "default, builtin o uid:<UID del dispositivo> (ver vell devices)"};
+inline constexpr Text kCannotSave{"The choice could not be saved to ", "No se pudo guardar la elección en "};
+inline constexpr Text kCaptureTestDescription{"Open the recording microphone and the system audio and show their levels",
+                                              "Abre el micrófono de grabación y el audio del sistema y muestra sus niveles"};
+inline constexpr Text kSecondsOption{"How long to measure, in seconds", "Cuánto medir, en segundos"};
+inline constexpr Text kNoAudio{"(no audio)", "(sin audio)"};
+inline constexpr Text kMicrophoneFailed{"The microphone could not be opened: ", "No se pudo abrir el micrófono: "};
+
 }  // namespace vell::audio::messages

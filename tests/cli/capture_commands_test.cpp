@@ -1,0 +1,88 @@
+// vell devices, vell mic and vell capture-test against a private PulseAudio server.
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "app/preference_keys.h"
+#include "platform/user_defaults.h"
+#include "tests/support/pulse_server.h"
+#include "tests/support/temp_home.h"
+
+namespace vell::test {
+namespace {
+
+CommandResult vell(const std::string& arguments) {
+    return runCommand(binaryPath("vell").string() + " --lang en " + arguments + " 2>&1");
+}
+
+TEST(CaptureCommandsTest, DevicesListsTheMicrophonesAndWhatEachChoiceOpens) {
+    PulseServer pulse;
+    TempHome home;
+    auto r = vell("devices --json");
+    ASSERT_EQ(r.status, 0) << r.output;
+    auto json = nlohmann::json::parse(r.output);
+    ASSERT_EQ(json["devices"].size(), 1u) << r.output;  // the speakers' monitor is no microphone
+    EXPECT_EQ(json["devices"][0]["uid"], "fakemic");
+    EXPECT_EQ(json["devices"][0]["transport"], "other");
+    EXPECT_EQ(json["devices"][0]["default"], true);
+    EXPECT_EQ(json["systemDefault"], "fakemic");
+    EXPECT_EQ(json["recording"]["selection"], "default");
+    EXPECT_TRUE(json["recording"]["opens"].is_null());
+    EXPECT_EQ(json["recording"]["device"], "fakemic");
+
+    auto text = vell("devices");
+    EXPECT_EQ(text.status, 0);
+    EXPECT_NE(text.output.find("* fakemic"), std::string::npos) << text.output;
+}
+
+TEST(CaptureCommandsTest, MicStoresAValidChoiceAndRefusesABadOne) {
+    PulseServer pulse;
+    TempHome home;
+    auto empty = vell("mic recording uid:");
+    EXPECT_EQ(empty.status, 2);
+    EXPECT_NE(empty.output.find("The device UID after \"uid:\" is empty."), std::string::npos) << empty.output;
+    auto bad = vell("mic insurance usb");
+    EXPECT_EQ(bad.status, 2);
+    EXPECT_NE(bad.output.find("Choose default, builtin or uid:<device UID>."), std::string::npos) << bad.output;
+    EXPECT_NE(vell("mic camera default").status, 0);
+
+    auto ok = vell("mic recording uid:fakemic");
+    EXPECT_EQ(ok.status, 0) << ok.output;
+    auto gone = vell("mic insurance uid:headset");
+    EXPECT_EQ(gone.status, 0) << gone.output;
+    EXPECT_NE(gone.output.find("not connected now"), std::string::npos) << gone.output;
+
+    home.reloadDefaults();
+    EXPECT_EQ(home.defaults().stringValue(prefs::kMicrophoneRecording), "uid:fakemic");
+    EXPECT_EQ(home.defaults().stringValue(prefs::kMicrophoneInsurance), "uid:headset");
+    auto json = nlohmann::json::parse(vell("devices --json").output);
+    EXPECT_EQ(json["recording"]["opens"], "fakemic");
+    EXPECT_EQ(json["insurance"]["fellBackToDefault"], true);
+    EXPECT_EQ(json["insurance"]["label"], "Disconnected microphone");
+}
+
+TEST(CaptureCommandsTest, CaptureTestPrintsTheLevelsOnceASecond) {
+    PulseServer pulse;
+    TempHome home;
+    // A loud tone for the whole run: about -9 dBFS RMS and -6 dBFS peak.
+    pulse.writeMic(sineWave(440, PulseServer::kMicRate, 4.0, 0.5));
+    auto r = vell("capture-test --seconds 2");
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_NE(r.output.find("System audio: speakers.monitor"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("  2s  Microphone:"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("-6.0 dBFS peak"), std::string::npos) << r.output;
+}
+
+TEST(CaptureCommandsTest, WithoutASoundServerTheCommandsSaySo) {
+    PulseServer pulse;
+    TempHome home;
+    pulse.kill();
+    auto r = vell("devices");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.output.find("The sound server is not reachable"), std::string::npos) << r.output;
+    EXPECT_EQ(vell("capture-test --seconds 1").status, 1);
+    EXPECT_EQ(vell("mic recording builtin").status, 0);  // storing a choice needs no server
+}
+
+}  // namespace
+}  // namespace vell::test
