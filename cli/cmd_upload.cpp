@@ -6,6 +6,7 @@
 #include <iostream>
 #include <random>
 
+#include "app/legacy_adoption_window.h"
 #include "cli/account_messages.h"
 #include "cli/command.h"
 #include "cli/runtime_scope.h"
@@ -40,6 +41,13 @@ public:
     void add(PendingRecording r) override {
         list_.push_back(std::move(r));
         save();
+    }
+    // Recordings made before accounts were recorded go to this account (once per
+    // installation, as when the application signs in).
+    int adopt(const std::string& accountID) {
+        int changed = recording::adoptUnowned(list_, accountID);
+        if (changed > 0) save();
+        return changed;
     }
     bool remove(const std::string& id) override {
         if (std::erase_if(list_, [&](const PendingRecording& r) { return r.id == id; }) == 0) return false;
@@ -102,6 +110,11 @@ int upload(Context& context) {
     }
 
     ManifestStore store(paths::recordingsDirectory());
+    app::LegacyAdoptionWindow adoption(UserDefaults::standard());
+    if (adoption.isOpen()) {
+        store.adopt(me->id);
+        adoption.close();
+    }
     service::ApiRecordingUploader uploader(client);
     std::mt19937_64 random{std::random_device{}()};
     service::UploadQueue queue(store, uploader, main, runtime::clock(),
