@@ -1,0 +1,191 @@
+// `vell record` end to end on a private PulseAudio server: speech goes into the fake
+// microphone, a tone plays on the speakers, and the file is decoded back.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "cli/command.h"
+#include "tests/audio/aac_test_decoder.h"
+#include "tests/support/pulse_server.h"
+#include "tests/support/temp_home.h"
+
+extern char** environ;
+
+namespace vell {
+namespace {
+
+namespace fs = std::filesystem;
+constexpr double kToneHz = 1000;
+
+// Several seconds of synthetic speech at the fake microphone's format.
+std::vector<int16_t> speechSamples(const fs::path& dir) {
+    const auto raw = dir / "speech.s16";
+    const std::string command =
+        "espeak-ng -v en -s 140 --stdout \"Thank you all for joining. The first point on the agenda is the budget, "
+        "and the second one is the launch date.\" | sox -q -t wav - -t raw -r 16000 -e signed -b 16 -c 1 " +
+        raw.string() + " norm -3";
+    if (std::system(command.c_str()) != 0) return {};
+    std::ifstream in(raw, std::ios::binary);
+    std::vector<int16_t> samples;
+    int16_t v;
+    while (in.read(reinterpret_cast<char*>(&v), sizeof v)) samples.push_back(v);
+    return samples;
+}
+
+// Removes one frequency (a narrow IIR notch) and returns the RMS of what is left.
+double rmsWithout(const std::vector<float>& x, double rate, double hz, std::size_t from, std::size_t count) {
+    const double w = 2 * std::numbers::pi * hz / rate, r = 0.995, c = std::cos(w);
+    double x1 = 0, x2 = 0, y1 = 0, y2 = 0, sum = 0;
+    std::size_t n = 0;
+    for (std::size_t i = 0; i < std::min(x.size(), from + count); ++i) {
+        const double y = x[i] - 2 * c * x1 + x2 + 2 * r * c * y1 - r * r * y2;
+        x2 = x1, x1 = x[i], y2 = y1, y1 = y;
+        if (i >= from) sum += y * y, ++n;
+    }
+    return n ? std::sqrt(sum / double(n)) : 0;
+}
+
+std::string lineAfter(const std::string& output, const std::string& label) {
+    const auto at = output.find(label);
+    if (at == std::string::npos) return {};
+    const auto end = output.find('\n', at);
+    return output.substr(at + label.size(), end - at - label.size());
+}
+
+pid_t spawn(std::vector<std::string> args, const fs::path& stdoutFile) {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, stdoutFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    pid_t pid = -1;
+    if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+class RecordCommand : public ::testing::Test {
+protected:
+    void SetUp() override {
+        // The fake microphone's pipe holds two seconds that pile up while nobody records
+        // (a real microphone has no such backlog): keep it drained, as a running device is.
+        drainer = spawn({"parec", "--device=fakemic", "--raw"}, "/dev/null");
+        ASSERT_GT(drainer, 0);
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    }
+    void TearDown() override {
+        if (drainer > 0) {
+            ::kill(drainer, SIGKILL);
+            waitpid(drainer, nullptr, 0);
+        }
+    }
+    std::string vell() const { return test::binaryPath("vell").string(); }
+    fs::path recordings() const { return home.dataHome() / "Vell" / "Recordings"; }
+
+    test::TempHome home;
+    test::PulseServer pulse;
+    pid_t drainer = -1;
+};
+
+TEST_F(RecordCommand, FiveSecondsOfSpeechAndSystemAudioBecomeOneStereoAacFile) {
+    auto speech = speechSamples(home.tmp());
+    ASSERT_GT(speech.size(), std::size_t(16000 * 4)) << "espeak-ng and sox are needed";
+    pulse.playTone(kToneHz, 12, false, 0.3);
+    std::this_thread::sleep_for(std::chrono::seconds(1));  // the player is up and playing
+    pulse.writeMic(speech);
+
+    auto run = test::runCommand(vell() + " --lang en record --seconds 5 2>/dev/null");
+    ASSERT_EQ(run.status, cli::kExitOK) << run.output;
+    const std::string id = lineAfter(run.output, "Recording: ");
+    const fs::path file = lineAfter(run.output, "File: ");
+    EXPECT_EQ(file, recordings() / ("vell_rec_" + id + ".aac"));
+
+    auto decoded = test::decodeAudioFile(file);
+    ASSERT_TRUE(decoded.ok) << decoded.error;
+    EXPECT_EQ(decoded.container, "aac");
+    EXPECT_EQ(decoded.codec, "aac");
+    EXPECT_EQ(decoded.sampleRate, 44100);
+    EXPECT_EQ(decoded.channels, 2);
+    EXPECT_NEAR(decoded.seconds(), 5.0, 0.3);
+
+    // The tone (system audio) is there on both sides once the tap runs (it opens after the
+    // microphone, later still on a loaded machine)...
+    ASSERT_GT(decoded.frames(), std::size_t(44100 * 4));
+    const std::size_t count = 44100 * 2, from = decoded.frames() - count - 11025;
+    for (const auto& side : decoded.samples) {
+        const double tone = test::toneEnergy(side, 44100, kToneHz, from, count);
+        EXPECT_GT(tone, 0.005);
+        EXPECT_GT(tone, 1000 * test::toneEnergy(side, 44100, 1370, from, count));
+    }
+    // ...and so is the speech once the tone is taken out (the tone alone leaves almost nothing).
+    EXPECT_GT(rmsWithout(decoded.samples[0], 44100, kToneHz, from, count), 0.03);
+
+    auto pending = test::runCommand(vell() + " pending --json 2>/dev/null");
+    auto list = nlohmann::json::parse(pending.output);
+    ASSERT_EQ(list.size(), 1u);
+    EXPECT_EQ(list[0]["id"], id);
+    EXPECT_EQ(list[0]["status"], "ready");
+    EXPECT_FALSE(list[0].contains("lastError"));
+}
+
+TEST_F(RecordCommand, KilledRecordingIsRecoveredAsReadyWithItsAudio) {
+    pulse.playTone(kToneHz, 20, false, 0.3);
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    const auto out = home.tmp() / "record.out";
+    const pid_t pid = spawn({vell(), "--lang", "en", "record"}, out);
+    ASSERT_GT(pid, 0);
+
+    // The file line appears once the recording runs.
+    std::string output;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
+    while (lineAfter(output, "File: ").empty() && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        std::ifstream in(out);
+        output.assign(std::istreambuf_iterator<char>(in), {});
+    }
+    const auto started = std::chrono::steady_clock::now();
+    const fs::path file = lineAfter(output, "File: ");
+    ASSERT_FALSE(file.empty()) << output;
+    std::this_thread::sleep_for(std::chrono::milliseconds(3000));
+    const double recorded = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    ::kill(pid, SIGKILL);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    ASSERT_TRUE(WIFSIGNALED(status));
+
+    auto pending = test::runCommand(vell() + " --lang en pending --json 2>/dev/null");
+    ASSERT_EQ(pending.status, cli::kExitOK);
+    auto list = nlohmann::json::parse(pending.output);
+    ASSERT_EQ(list.size(), 1u);
+    EXPECT_EQ(list[0]["id"], lineAfter(output, "Recording: "));
+    EXPECT_EQ(list[0]["status"], "ready");
+    EXPECT_EQ(list[0]["lastError"], "Recovered after an interrupted recording.");
+
+    auto decoded = test::decodeAudioFile(file);
+    ASSERT_TRUE(decoded.ok) << decoded.error;
+    EXPECT_GE(decoded.seconds(), recorded - 0.25) << "recorded " << recorded << " s";
+    EXPECT_LE(decoded.seconds(), recorded + 0.3);
+    EXPECT_GT(test::toneEnergy(decoded.samples[0], 44100, kToneHz, decoded.frames() - 44100, 33075), 0.005);
+}
+
+TEST_F(RecordCommand, SigtermStopsTheRecordingCleanly) {
+    auto run = test::runCommand("( " + vell() + " --lang en record & pid=$!; sleep 2; kill -TERM $pid; wait $pid ) 2>/dev/null");
+    EXPECT_EQ(run.status, cli::kExitOK) << run.output;
+    EXPECT_NE(run.output.find("Saved, ready to upload."), std::string::npos) << run.output;
+    auto decoded = test::decodeAudioFile(lineAfter(run.output, "File: "));
+    ASSERT_TRUE(decoded.ok);
+    EXPECT_GT(decoded.seconds(), 1.0);
+}
+
+}  // namespace
+}  // namespace vell
