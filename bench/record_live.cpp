@@ -1,0 +1,157 @@
+// Live cost of a recording: `vell record --seconds N` (default 60) on a private PulseAudio
+// server with speech-like audio in the microphone and a tone on the speakers, measured as
+// CPU share of one core and peak RSS of the process. The peer in the same run records the
+// same two streams with two parec clients and mixes (amix) and encodes them (AAC
+// 128 kbit/s) with ffmpeg for the same time.
+// Usage: bench_record_live [seconds]
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <numbers>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Usage {
+    double cpu = 0;
+    double wall = 0;
+    long maxRssKiB = 0;
+    int status = -1;
+};
+
+Usage run(std::vector<std::string> args, const fs::path& output) {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, output.c_str(), O_WRONLY | O_APPEND, 0644);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    Usage u;
+    const auto start = std::chrono::steady_clock::now();
+    pid_t pid = 0;
+    if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) return u;
+    posix_spawn_file_actions_destroy(&actions);
+    rusage r{};
+    wait4(pid, &u.status, 0, &r);
+    u.wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    u.cpu = double(r.ru_utime.tv_sec + r.ru_stime.tv_sec) + double(r.ru_utime.tv_usec + r.ru_stime.tv_usec) / 1e6;
+    u.maxRssKiB = r.ru_maxrss;
+    return u;
+}
+
+int sh(const std::string& command) { return std::system(command.c_str()); }
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    ::signal(SIGPIPE, SIG_IGN);  // the microphone pipe closes when the server stops
+    const int seconds = argc > 1 ? std::max(5, std::atoi(argv[1])) : 60;
+    const char* tmp = std::getenv("TMPDIR");
+    std::string templ = std::string(tmp && *tmp ? tmp : "/tmp") + "/vell-bench-live-XXXXXX";
+    if (!mkdtemp(templ.data())) return 1;
+    const fs::path dir = templ;
+    const fs::path runtime = dir / "runtime";
+    fs::create_directories(runtime);
+    fs::permissions(runtime, fs::perms::owner_all);
+    setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
+    setenv("PULSE_SERVER", ("unix:" + (runtime / "pulse" / "native").string()).c_str(), 1);
+    setenv("XDG_DATA_HOME", (dir / "data").c_str(), 1);
+    setenv("XDG_CONFIG_HOME", (dir / "config").c_str(), 1);
+    setenv("HOME", dir.c_str(), 1);
+    const fs::path fifo = runtime / "mic.fifo";
+    mkfifo(fifo.c_str(), 0600);
+
+    if (sh("pulseaudio --daemonize=yes -n --exit-idle-time=-1 --disallow-exit --use-pid-file=no "
+           "--load=module-native-protocol-unix "
+           "--load='module-null-sink sink_name=speakers' "
+           "--load='module-pipe-source source_name=fakemic file=" + fifo.string() +
+           " format=s16le rate=16000 channels=1' 2>/dev/null") != 0) {
+        std::fprintf(stderr, "bench_record_live: cannot start pulseaudio\n");
+        return 1;
+    }
+    sh("pactl set-default-source fakemic >/dev/null 2>&1; pactl set-default-sink speakers >/dev/null 2>&1");
+
+    // The microphone: a voice-like signal, written in real time.
+    std::atomic<bool> stop{false};
+    std::thread feeder([&] {
+        const int fd = ::open(fifo.c_str(), O_WRONLY);
+        std::vector<int16_t> block(160);
+        std::size_t n = 0;
+        auto next = std::chrono::steady_clock::now();
+        while (!stop) {
+            for (auto& s : block) {
+                const double t = double(n++) / 16000;
+                const double env = 0.5 + 0.5 * std::sin(2 * std::numbers::pi * 3 * t);
+                double v = 0;
+                for (int h = 1; h <= 5; ++h) v += std::sin(2 * std::numbers::pi * 130 * h * t) / h;
+                s = int16_t(8000 * env * v);
+            }
+            if (::write(fd, block.data(), block.size() * 2) < 0) break;
+            next += std::chrono::milliseconds(10);
+            std::this_thread::sleep_until(next);
+        }
+        ::close(fd);
+    });
+    // System audio: a tone longer than both runs.
+    const fs::path tone = dir / "tone.wav";
+    sh("sox -q -n -r 48000 -c 2 " + tone.string() + " synth " + std::to_string(2 * seconds + 30) + " sine 440 vol 0.3");
+    sh("paplay --device=speakers " + tone.string() + " >/dev/null 2>&1 &");
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+
+    const std::string vell = std::string(VELL_BINARY_DIR) + "/vell";
+    std::printf("bench_record_live: %d s of recording (speech-like mic at 16 kHz + 48 kHz stereo tone)\n", seconds);
+    const Usage ours = run({vell, "record", "--seconds", std::to_string(seconds)}, dir / "vell.out");
+    // The peer: two parec clients (microphone, speakers' monitor) feeding ffmpeg, which
+    // mixes and encodes; CPU counts all three processes, peak RSS is the largest of them.
+    const std::string a = (dir / "mic.pcm").string(), b = (dir / "sys.pcm").string();
+    const std::string peerScript =
+        "mkfifo " + a + " " + b + "; "
+        "parec -d fakemic --raw --format=float32le --rate=44100 --channels=2 > " + a + " & p1=$!; "
+        "parec -d speakers.monitor --raw --format=float32le --rate=44100 --channels=2 > " + b + " & p2=$!; "
+        "ffmpeg -nostdin -loglevel error -y -f f32le -ar 44100 -ac 2 -i " + a + " -f f32le -ar 44100 -ac 2 -i " + b +
+        " -filter_complex '[0][1]amix=inputs=2:normalize=0' -c:a aac -b:a 128k -t " + std::to_string(seconds) +
+        " -f adts " + (dir / "peer.aac").string() + "; rc=$?; kill $p1 $p2; wait; exit $rc";
+    const Usage peer = run({"sh", "-c", peerScript}, dir / "peer.out");
+
+    auto report = [](const char* name, const Usage& u) {
+        std::printf("  %-44s CPU %6.2f s over %6.1f s = %5.2f %% of a core, peak RSS %6.1f MiB%s\n", name, u.cpu, u.wall,
+                    u.wall > 0 ? 100 * u.cpu / u.wall : 0, double(u.maxRssKiB) / 1024,
+                    WIFEXITED(u.status) && WEXITSTATUS(u.status) == 0 ? "" : "  (FAILED)");
+    };
+    for (auto [u, log] : {std::pair{&ours, dir / "vell.out"}, std::pair{&peer, dir / "peer.out"}}) {
+        if (!WIFEXITED(u->status) || WEXITSTATUS(u->status) != 0) sh("tail -5 " + log.string() + " >&2");
+    }
+    report("vell record", ours);
+    report("parec x2 | ffmpeg amix + aac 128k (peer)", peer);
+    if (peer.cpu > 0) {
+        std::printf("  ratio CPU vell / peer: %.3f   ratio peak RSS vell / peer: %.3f\n", ours.cpu / peer.cpu,
+                    double(ours.maxRssKiB) / double(std::max(1L, peer.maxRssKiB)));
+    }
+    std::printf("  goals: vell < 2.5 %% of a core, < 40 MiB\n");
+
+    stop = true;
+    sh("pulseaudio --kill 2>/dev/null");
+    feeder.join();
+    std::error_code ignored;
+    fs::remove_all(dir, ignored);
+    return 0;
+}
