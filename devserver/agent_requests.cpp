@@ -4,10 +4,10 @@
 
 namespace vell::devserver {
 
-std::string AgentRequests::enqueue(const std::string& email, int64_t fromMs, int64_t toMs) {
+std::string AgentRequests::enqueue(const std::string& email, int64_t fromMs, int64_t toMs, bool alsoAnswered) {
     return store_.mutate([&](State& state) {
         for (const auto& r : state.requests) {
-            if (r.status == "pending" && r.email == email && r.fromMs == fromMs && r.toMs == toMs) return r.id;
+            if ((alsoAnswered || r.status == "pending") && r.email == email && r.fromMs == fromMs && r.toMs == toMs) return r.id;
         }
         AgentRequest request;
         request.id = "req_" + crypto::randomHex(8);

@@ -12,8 +12,10 @@ class AgentRequests {
 public:
     explicit AgentRequests(Store& store) : store_(store) {}
 
-    // Adds a pending request; an identical one still pending is reused.
-    std::string enqueue(const std::string& email, int64_t fromMs, int64_t toMs);
+    // Adds a pending request; an identical one still pending is reused (with
+    // `alsoAnswered`, an identical answered one too: a restart with the same flags must not
+    // ask again).
+    std::string enqueue(const std::string& email, int64_t fromMs, int64_t toMs, bool alsoAnswered = false);
     // The oldest pending request of the account.
     std::optional<AgentRequest> nextPending(const std::string& email) const;
 

@@ -74,7 +74,7 @@ bool DevServer::prepare(std::string& message) {
             message = "--enqueue-request names an unknown account: " + request.email;
             return false;
         }
-        p.requests.enqueue(email, request.fromMs, request.toMs);
+        p.requests.enqueue(email, request.fromMs, request.toMs, true);
     }
 
     p.http.new_task_queue = [] { return new httplib::ThreadPool(kWorkers); };

@@ -17,7 +17,8 @@ namespace vell::test {
 
 namespace fs = std::filesystem;
 
-DevServerProcess::DevServerProcess(std::vector<std::string> extraArgs) : args_(std::move(extraArgs)) {
+DevServerProcess::DevServerProcess(std::vector<std::string> extraArgs, bool withAdminToken)
+    : args_(std::move(extraArgs)), withAdminToken_(withAdminToken) {
     char pattern[] = "/tmp/vell-devserver-test-XXXXXX";
     root_ = ::mkdtemp(pattern);
     dataDir_ = root_ / "data";
@@ -33,8 +34,8 @@ DevServerProcess::~DevServerProcess() {
 void DevServerProcess::start() {
     int out[2];
     if (::pipe(out) != 0) throw std::runtime_error("pipe");
-    std::vector<std::string> argv = {binaryPath("vell-devserver").string(), "--port", "0", "--data", dataDir_.string(),
-                                     "--admin-token", "t"};
+    std::vector<std::string> argv = {binaryPath("vell-devserver").string(), "--port", "0", "--data", dataDir_.string()};
+    if (withAdminToken_) argv.insert(argv.end(), {"--admin-token", "t"});
     argv.insert(argv.end(), args_.begin(), args_.end());
     const fs::path log = root_ / "server.log";
     pid_ = ::fork();

@@ -16,8 +16,8 @@ namespace vell::test {
 
 class DevServerProcess {
 public:
-    // Extra arguments go after --port 0 --data DIR --admin-token t.
-    explicit DevServerProcess(std::vector<std::string> extraArgs = {});
+    // Extra arguments go after --port 0 --data DIR [--admin-token t].
+    explicit DevServerProcess(std::vector<std::string> extraArgs = {}, bool withAdminToken = true);
     ~DevServerProcess();
 
     void start();
@@ -38,6 +38,7 @@ public:
 
 private:
     std::vector<std::string> args_;
+    bool withAdminToken_ = true;
     std::filesystem::path root_, dataDir_;
     pid_t pid_ = -1;
     int port_ = 0;
