@@ -1,5 +1,6 @@
 // vell-devserver: the local reference service for development, tests and the demo.
 #include <CLI/CLI.hpp>
+#include <malloc.h>
 #include <signal.h>
 
 #include <charconv>
@@ -76,6 +77,11 @@ int main(int argc, char** argv) {
         request.email = parts[0];
         config.requests.push_back(request);
     }
+
+    // Every request streams through 1 MiB buffers on whichever worker thread takes it. A fixed
+    // mmap threshold makes each buffer go back to the system when freed, instead of staying
+    // in that thread's malloc arena (glibc raises the threshold after the first free).
+    mallopt(M_MMAP_THRESHOLD, 256 * 1024);
 
     if (!crypto::initialize()) {
         std::fprintf(stderr, "vell-devserver: libsodium failed to initialise\n");

@@ -1,6 +1,7 @@
 #include "devserver/server.h"
 
 #include <httplib.h>
+#include <sys/socket.h>
 
 #include <cstdio>
 
@@ -78,6 +79,12 @@ bool DevServer::prepare(std::string& message) {
     }
 
     p.http.new_task_queue = [] { return new httplib::ThreadPool(kWorkers); };
+    // httplib's default adds SO_REUSEPORT, which lets a second server share a taken port
+    // and receive half of its requests; a taken port must be an error.
+    p.http.set_socket_options([](socket_t sock) {
+        int yes = 1;
+        ::setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    });
     p.http.set_read_timeout(30, 0);
     p.http.set_write_timeout(30, 0);
     installRequestLog(p.http);

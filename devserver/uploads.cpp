@@ -39,9 +39,13 @@ std::vector<std::string> Uploads::recover() {
     std::vector<std::string> notes;
     store_.mutate([&](State& state) {
         for (auto& [id, upload] : state.uploads) {
-            if (upload.finalized) continue;
             const fs::path path = partPath(id);
             std::error_code error;
+            if (upload.finalized) {
+                // A crash between saving the recording and removing the part file.
+                fs::remove(path, error);
+                continue;
+            }
             const auto size = fs::exists(path, error) ? static_cast<int64_t>(fs::file_size(path, error)) : int64_t{-1};
             if (size > upload.bytesReceived) {
                 if (::truncate(path.c_str(), upload.bytesReceived) == 0) {
