@@ -3,6 +3,8 @@
 
 #include <filesystem>
 #include <fstream>
+#include <signal.h>
+#include <thread>
 
 #include "tests/devserver/devserver_process.h"
 
@@ -169,6 +171,38 @@ TEST_F(DevServerUpload, ResumesAfterTheServiceIsKilledMidUpload) {
     EXPECT_EQ(recording["sha256"], sha256Hex(file));
     server.restart();
     EXPECT_EQ(ana.start("crash.aac", static_cast<int64_t>(file.size())).body["recordingId"], created.body["id"]);
+}
+
+TEST_F(DevServerUpload, AKillDuringAPartKeepsOnlyAcknowledgedBytes) {
+    const std::string file = randomBytes(12 << 20, 9);
+    const std::string id = ana.start("killed.aac", static_cast<int64_t>(file.size())).body["uploadId"];
+    ASSERT_EQ(ana.part(id, 0, file.substr(0, 1 << 20)).body["bytesReceived"], 1 << 20);
+    const fs::path partFile = server.dataDir() / "uploads" / (id + ".part");
+
+    // The second part trickles in; the service dies once some of it reached the disk.
+    std::thread sender([&] {
+        auto client = server.client();
+        const std::string body = file.substr(1 << 20, 8 << 20);
+        client.Put(("/api/recordings/upload/" + id + "/part").c_str(),
+                   {{"Cookie", "vell_session=" + ana.cookies["vell_session"]}, {"X-Upload-Offset", std::to_string(1 << 20)}},
+                   body.size(),
+                   [&](size_t offset, size_t length, httplib::DataSink& sink) {
+                       std::this_thread::sleep_for(std::chrono::milliseconds(5));
+                       return sink.write(body.data() + offset, std::min<size_t>(length, 128 << 10));
+                   },
+                   "audio/aac");
+    });
+    while (fs::file_size(partFile) <= (2u << 20)) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    server.kill(SIGKILL);
+    sender.join();
+
+    server.start();
+    auto resumed = ana.start("killed.aac", static_cast<int64_t>(file.size()));
+    EXPECT_EQ(resumed.body["bytesReceived"], 1 << 20);
+    EXPECT_EQ(fs::file_size(partFile), 1u << 20);
+    ASSERT_EQ(ana.part(id, 1 << 20, file.substr(1 << 20)).body["bytesReceived"], file.size());
+    auto created = ana.postEmpty("/api/recordings/upload/" + id + "/finalize");
+    EXPECT_EQ(findById(ana.admin("GET", "/admin/recordings").body, "id", created.body["id"])["sha256"], sha256Hex(file));
 }
 
 TEST_F(DevServerUpload, AChangedFileUnderTheSameKeyStartsOver) {
