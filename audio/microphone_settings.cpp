@@ -123,6 +123,7 @@ MicrophoneSettings::MicrophoneSettings(std::unique_ptr<InputDeviceProvider> prov
         std::lock_guard lock(gHealthMutex);
         health.set(gHealth);
     }
+    listening_ = listen;
     refresh();
     if (listen) {
         std::weak_ptr<bool> alive = alive_;
@@ -187,6 +188,23 @@ void MicrophoneSettings::refresh() {
         devices.set({});
         systemDefaultUID.set(std::nullopt);
         lastError.set(e.what());
+        retryLater();
+    }
+}
+
+void MicrophoneSettings::retryLater() {
+    // A lost server sends no more events: ask again every few seconds until it is back.
+    if (!listening_ || retryScheduled_) return;
+    retryScheduled_ = true;
+    std::weak_ptr<bool> alive = alive_;
+    try {
+        runtime::main().postAfter(3.0, [this, alive] {
+            if (!alive.lock()) return;
+            retryScheduled_ = false;
+            refresh();
+        });
+    } catch (const std::exception&) {
+        retryScheduled_ = false;  // no main executor: nothing to retry on
     }
 }
 

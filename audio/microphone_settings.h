@@ -123,8 +123,12 @@ public:
     void refresh();
 
 private:
+    void retryLater();
+
     std::unique_ptr<InputDeviceProvider> provider_;
     UserDefaults& defaults_;
+    bool listening_ = false;
+    bool retryScheduled_ = false;
     std::shared_ptr<bool> alive_;
 };
 

@@ -98,6 +98,33 @@ TEST_F(MicrophoneSettingsPulseTest, AServerThatGoesAwayEmptiesTheListWithoutCras
     ASSERT_TRUE(main_.runUntil([&] { return settings.devices.get().empty(); }));
     EXPECT_FALSE(settings.lastError.get().empty());
     EXPECT_EQ(settings.recordingTarget(), MicrophoneTarget{});
+    // Retries stay quiet and harmless while the server is away.
+    main_.advance(10);
+    EXPECT_TRUE(settings.devices.get().empty());
+}
+
+}  // namespace
+}  // namespace vell::audio
+
+namespace vell::audio {
+namespace {
+
+TEST(MicrophoneSettingsRestartTest, TheListComesBackWhenAServerAnswersAgain) {
+    ManualClock clock;
+    ManualExecutor main(clock);
+    runtime::install(&main, &clock);
+    test::TempHome home;
+    auto pulse = std::make_unique<test::PulseServer>();
+    MicrophoneSettings settings(platform::makePulseInputDevices(), home.defaults(), true);
+    ASSERT_FALSE(settings.devices.get().empty());
+    pulse.reset();  // the sound server goes away
+    ASSERT_TRUE(main.runUntil([&] { return settings.devices.get().empty(); }));
+    pulse = std::make_unique<test::PulseServer>();  // and a new one starts
+    main.advance(3);
+    ASSERT_TRUE(main.runUntil([&] { return !settings.devices.get().empty(); }));
+    EXPECT_EQ(settings.systemDefaultUID.get(), "fakemic");
+    EXPECT_TRUE(settings.lastError.get().empty());
+    runtime::install(nullptr, nullptr);
 }
 
 }  // namespace
