@@ -80,7 +80,7 @@ int main(int argc, char** argv) {
     const fs::path fifo = runtime / "mic.fifo";
     mkfifo(fifo.c_str(), 0600);
 
-    if (sh("pulseaudio --daemonize=yes -n --exit-idle-time=-1 --disallow-exit --use-pid-file=no "
+    if (sh("pulseaudio --daemonize=yes -n --exit-idle-time=-1 --disallow-exit "
            "--load=module-native-protocol-unix "
            "--load='module-null-sink sink_name=speakers' "
            "--load='module-pipe-source source_name=fakemic file=" + fifo.string() +

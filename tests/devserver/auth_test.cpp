@@ -97,7 +97,9 @@ TEST(DevServerAuth, TotpAcceptsNeighbourWindowsOnly) {
         EXPECT_TRUE(login.cookie("vell_session").empty());
         EXPECT_FALSE(login.cookie("vell_mfa").empty());
         auto reply = api.post("/api/auth/mfa", {{"code", codeFor(stepOffset)}});
-        if (reply.status == 200) EXPECT_EQ(api.get("/api/me").status, 200);
+        if (reply.status == 200) {
+            EXPECT_EQ(api.get("/api/me").status, 200);
+        }
         return reply;
     };
     for (int offset : {-1, 0, 1}) {
