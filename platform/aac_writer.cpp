@@ -6,6 +6,7 @@ extern "C" {
 #include <libavutil/audio_fifo.h>
 #include <libavutil/channel_layout.h>
 #include <libavutil/error.h>
+#include <libavutil/opt.h>
 }
 
 #include <fcntl.h>
@@ -57,7 +58,13 @@ public:
         if (settings_.bitRate) codec_->bit_rate = *settings_.bitRate;
         codec_->time_base = AVRational{1, settings_.sampleRate};
         if (format_->oformat->flags & AVFMT_GLOBALHEADER) codec_->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-        rc = avcodec_open2(codec_, codec, nullptr);
+        // The default two-loop search costs about twice the CPU for a difference nobody
+        // hears in speech at these bit rates; a recorder that runs for hours beside a call
+        // must stay light.
+        AVDictionary* options = nullptr;
+        av_dict_set(&options, "aac_coder", "fast", 0);
+        rc = avcodec_open2(codec_, codec, &options);
+        av_dict_free(&options);
         if (rc < 0) return fail("avcodec_open2", rc);
         frameSize_ = codec_->frame_size > 0 ? codec_->frame_size : 1024;
 
