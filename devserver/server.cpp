@@ -87,6 +87,9 @@ bool DevServer::prepare(std::string& message) {
     });
     p.http.set_read_timeout(30, 0);
     p.http.set_write_timeout(30, 0);
+    // A resumable upload is a long series of requests on one connection; closing it every
+    // few requests (httplib's default of 5) only adds handshakes.
+    p.http.set_keep_alive_max_count(1000);
     installRequestLog(p.http);
     addAuthRoutes(p.router, p.services);
     addUploadRoutes(p.router, p.services);
