@@ -27,6 +27,33 @@ public:
     audio::MicrophoneTarget recordingTarget() override { return audio::MicrophoneSettings::shared().recordingTarget(); }
     audio::MicrophoneTarget insuranceTarget() override { return audio::MicrophoneSettings::shared().insuranceTarget(); }
 };
+
+// The speech detector owns a classifier and a queue thread; build it when the first
+// recording resets it, so commands that only list or upload never pay for it.
+class LazySpeechDetector final : public audio::SpeechDetector {
+public:
+    void analyze(audio::PcmBufferPtr buffer) override {
+        if (auto d = get(false)) d->analyze(std::move(buffer));
+    }
+    void reset() override { get(true)->reset(); }
+    bool usable() const override {
+        auto d = get(false);
+        return d && d->usable();
+    }
+    std::optional<WallTime> lastSpeech() const override {
+        auto d = get(false);
+        return d ? d->lastSpeech() : std::nullopt;
+    }
+
+private:
+    std::shared_ptr<audio::SpeechActivityDetector> get(bool create) const {
+        std::lock_guard guard(lock_);
+        if (!detector_ && create) detector_ = std::make_shared<audio::SpeechActivityDetector>();
+        return detector_;
+    }
+    mutable std::mutex lock_;
+    mutable std::shared_ptr<audio::SpeechActivityDetector> detector_;
+};
 }  // namespace
 
 void setAccountSource(std::function<std::optional<std::string>()> source) {
@@ -42,7 +69,7 @@ recording::RecorderParts recorderParts() {
     parts.makeMixer = [](const std::filesystem::path& file, double sampleRate) -> std::unique_ptr<audio::RecordingMixer> {
         return std::make_unique<audio::RealtimeMixer>(file, sampleRate);
     };
-    parts.speech = std::make_shared<audio::SpeechActivityDetector>();
+    parts.speech = std::make_shared<LazySpeechDetector>();
     parts.accountID = []() -> std::optional<std::string> {
         std::function<std::optional<std::string>()> source;
         {

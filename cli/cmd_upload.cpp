@@ -64,6 +64,7 @@ private:
     std::vector<PendingRecording> list_;
 };
 
+// A bar redrawn in place on a terminal; in a log or a pipe one line per step instead.
 class ProgressBar {
 public:
     void show(const std::string& name, double fraction) {
@@ -71,12 +72,17 @@ public:
         if (name == name_ && percent == percent_) return;
         name_ = name;
         percent_ = percent;
+        if (!tty_) {
+            std::cout << name << ": " << percent << "%\n" << std::flush;
+            return;
+        }
         int filled = percent * kWidth / 100;
         std::cout << "\r" << name << " [" << std::string(filled, '#') << std::string(kWidth - filled, '.') << "] "
                   << percent << "%" << std::flush;
     }
     void end(const std::string& line) {
-        if (!name_.empty()) std::cout << "\r" << name_ << " [" << std::string(kWidth, '#') << "] ";
+        if (!name_.empty() && tty_) std::cout << "\r" << name_ << " [" << std::string(kWidth, '#') << "] ";
+        if (!name_.empty() && !tty_) std::cout << name_ << ": ";
         std::cout << line << "\n" << std::flush;
         name_.clear();
         percent_ = -1;
@@ -84,6 +90,7 @@ public:
 
 private:
     static constexpr int kWidth = 30;
+    bool tty_ = ::isatty(STDOUT_FILENO) != 0;
     std::string name_;
     int percent_ = -1;
 };
