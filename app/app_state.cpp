@@ -105,16 +105,14 @@ void AppState::signIn(const std::string& email, const std::string& password, Don
             if (done) done(step);
             return;
         }
-        api_.fetchMe(guarded([this, done](Expected<service::Me, service::APIError> user) {
-            if (!user) {
-                if (user.error().isSessionRejection()) localSignOut();
-                if (done) done(unexpected(user.error()));
-                return;
+        finishSignIn([done](Expected<Unit, service::APIError> result) {
+            if (!done) return;
+            if (result) {
+                done(service::SignInStep::signedIn);
+            } else {
+                done(unexpected(result.error()));
             }
-            api_.saveSession();
-            becomeSignedIn(*user);
-            if (done) done(service::SignInStep::signedIn);
-        }));
+        });
     }));
 }
 
@@ -126,16 +124,20 @@ void AppState::verifyMfa(const service::MfaAnswer& answer, Done<Unit> done) {
             if (done) done(result);
             return;
         }
-        api_.fetchMe(guarded([this, done](Expected<service::Me, service::APIError> user) {
-            if (!user) {
-                if (user.error().isSessionRejection()) localSignOut();
-                if (done) done(unexpected(user.error()));
-                return;
-            }
-            api_.saveSession();
-            becomeSignedIn(*user);
-            if (done) done(Unit{});
-        }));
+        finishSignIn(done);
+    }));
+}
+
+void AppState::finishSignIn(Done<Unit> done) {
+    api_.fetchMe(guarded([this, done](Expected<service::Me, service::APIError> user) {
+        if (!user) {
+            if (user.error().isSessionRejection()) localSignOut();
+            if (done) done(unexpected(user.error()));
+            return;
+        }
+        api_.saveSession();
+        becomeSignedIn(*user);
+        if (done) done(Unit{});
     }));
 }
 

@@ -57,6 +57,9 @@ public:
 private:
     void checkLaunchSession();
     void becomeSignedIn(const service::Me& user);
+    // After the credentials (and any second factor) were accepted: fetch the user, keep
+    // the session, and report the outcome.
+    void finishSignIn(Done<Unit> done);
     void keepAliveTick();
     template <class F>
     auto guarded(F f);
