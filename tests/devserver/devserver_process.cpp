@@ -1,89 +1,15 @@
 #include "tests/devserver/devserver_process.h"
 
-#include <fcntl.h>
 #include <openssl/evp.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <fstream>
 #include <random>
-#include <stdexcept>
-
-#include "tests/support/temp_home.h"
 
 namespace vell::test {
 
 namespace fs = std::filesystem;
 
-DevServerProcess::DevServerProcess(std::vector<std::string> extraArgs, bool withAdminToken)
-    : args_(std::move(extraArgs)), withAdminToken_(withAdminToken) {
-    char pattern[] = "/tmp/vell-devserver-test-XXXXXX";
-    root_ = ::mkdtemp(pattern);
-    dataDir_ = root_ / "data";
-    start();
-}
-
-DevServerProcess::~DevServerProcess() {
-    if (pid_ > 0) kill(SIGTERM);
-    std::error_code ignored;
-    fs::remove_all(root_, ignored);
-}
-
-void DevServerProcess::start() {
-    int out[2];
-    if (::pipe(out) != 0) throw std::runtime_error("pipe");
-    std::vector<std::string> argv = {binaryPath("vell-devserver").string(), "--port", "0", "--data", dataDir_.string()};
-    if (withAdminToken_) argv.insert(argv.end(), {"--admin-token", "t"});
-    argv.insert(argv.end(), args_.begin(), args_.end());
-    const fs::path log = root_ / "server.log";
-    pid_ = ::fork();
-    if (pid_ == 0) {
-        ::dup2(out[1], 1);
-        int err = ::open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-        ::dup2(err, 2);
-        ::close(out[0]);
-        std::vector<char*> cargs;
-        for (auto& a : argv) cargs.push_back(a.data());
-        cargs.push_back(nullptr);
-        ::execv(cargs[0], cargs.data());
-        ::_exit(127);
-    }
-    ::close(out[1]);
-    std::string line;
-    char c;
-    while (::read(out[0], &c, 1) == 1 && c != '\n') line.push_back(c);
-    ::close(out[0]);
-    const std::string prefix = "vell-devserver listening on http://127.0.0.1:";
-    if (line.rfind(prefix, 0) != 0) throw std::runtime_error("vell-devserver did not start: '" + line + "'");
-    port_ = std::stoi(line.substr(prefix.size()));
-}
-
-void DevServerProcess::kill(int signal) {
-    if (pid_ <= 0) return;
-    ::kill(pid_, signal);
-    int status = 0;
-    ::waitpid(pid_, &status, 0);
-    exitStatus_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    pid_ = -1;
-}
-
-long DevServerProcess::peakRssKiB() const {
-    std::ifstream in("/proc/" + std::to_string(pid_) + "/status");
-    std::string key;
-    while (in >> key) {
-        if (key == "VmHWM:") {
-            long value = 0;
-            in >> value;
-            return value;
-        }
-    }
-    return -1;
-}
-
 httplib::Client DevServerProcess::client() const {
-    httplib::Client client("127.0.0.1", port_);
+    httplib::Client client("127.0.0.1", port());
     client.set_read_timeout(60, 0);
     client.set_write_timeout(60, 0);
     return client;

@@ -12,36 +12,34 @@
 #include <httplib.h>
 #include <nlohmann/json.hpp>
 
+#include "tests/support/devserver_process.h"
+
 namespace vell::test {
 
+// The devserver tests' view of a running service: a free port each start, the admin token
+// "t" unless told otherwise, and extra command-line arguments.
 class DevServerProcess {
 public:
-    // Extra arguments go after --port 0 --data DIR [--admin-token t].
-    explicit DevServerProcess(std::vector<std::string> extraArgs = {}, bool withAdminToken = true);
-    ~DevServerProcess();
+    explicit DevServerProcess(std::vector<std::string> extraArgs = {}, bool withAdminToken = true)
+        : server_(DevServer::Options{0, {}, withAdminToken ? "t" : "", std::move(extraArgs)}) {}
 
-    void start();
-    void kill(int signal);  // and wait for the process
+    void start() { server_.start(); }
+    void kill(int signal) { exitStatus_ = server_.stop(signal); }
     void restart() {
         kill(9);
         start();
     }
-    int port() const { return port_; }
-    pid_t pid() const { return pid_; }
-    const std::filesystem::path& dataDir() const { return dataDir_; }
-    // Peak resident memory of the process, from VmHWM in /proc/<pid>/status.
-    long peakRssKiB() const;
+    int port() const { return server_.port(); }
+    pid_t pid() const { return server_.pid(); }
+    const std::filesystem::path& dataDir() const { return server_.dataDirectory(); }
+    long peakRssKiB() const { return server_.peakRssKiB(); }
     // Exit status after kill(): WEXITSTATUS, or 128 + signal.
     int exitStatus() const { return exitStatus_; }
 
     httplib::Client client() const;
 
 private:
-    std::vector<std::string> args_;
-    bool withAdminToken_ = true;
-    std::filesystem::path root_, dataDir_;
-    pid_t pid_ = -1;
-    int port_ = 0;
+    DevServer server_;
     int exitStatus_ = -1;
 };
 

@@ -49,11 +49,13 @@ DevServer::~DevServer() {
 void DevServer::start() {
     if (pid_ > 0) return;
     std::vector<std::string> args = {binaryPath("vell-devserver").string(), "--port", std::to_string(port_), "--data",
-                                     data_.string(), "--admin-token", options_.adminToken};
+                                     data_.string()};
+    if (!options_.adminToken.empty()) args.insert(args.end(), {"--admin-token", options_.adminToken});
     for (const auto& user : options_.users) {
         args.push_back("--user");
         args.push_back(user);
     }
+    args.insert(args.end(), options_.extraArgs.begin(), options_.extraArgs.end());
     int out[2];
     if (::pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
     pid_t pid = ::fork();
@@ -92,12 +94,28 @@ void DevServer::start() {
     port_ = std::stoi(match[2]);
 }
 
-void DevServer::kill() {
-    if (pid_ <= 0) return;
-    ::kill(pid_, SIGKILL);
+void DevServer::kill() { stop(SIGKILL); }
+
+int DevServer::stop(int signal) {
+    if (pid_ <= 0) return -1;
+    ::kill(pid_, signal);
     int status = 0;
     ::waitpid(pid_, &status, 0);
     pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+long DevServer::peakRssKiB() const {
+    std::ifstream in("/proc/" + std::to_string(pid_) + "/status");
+    std::string key;
+    while (in >> key) {
+        if (key == "VmHWM:") {
+            long value = 0;
+            in >> value;
+            return value;
+        }
+    }
+    return -1;
 }
 
 nlohmann::json DevServer::admin(const std::string& method, const std::string& path,

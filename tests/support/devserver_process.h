@@ -16,7 +16,8 @@ public:
     struct Options {
         int port = 0;  // 0: a free port chosen by the server
         std::vector<std::string> users;  // "EMAIL:PASSWORD[:TOTP]"; none: the demo account
-        std::string adminToken = "t";
+        std::string adminToken = "t";    // empty: the admin API stays off
+        std::vector<std::string> extraArgs;  // further command-line arguments
     };
 
     // Starts the server and waits for its "listening on" line; throws when it does not come.
@@ -34,6 +35,11 @@ public:
     void kill();
     void start();
     bool running() const { return pid_ > 0; }
+    pid_t pid() const { return pid_; }
+    // Sends the signal and waits: the exit status, or 128 + signal when it was killed.
+    int stop(int signal);
+    // Peak resident memory of the running process (VmHWM), in KiB; -1 when unknown.
+    long peakRssKiB() const;
 
     // The admin API (X-Admin-Token). Throws on a transport failure or a status >= 400.
     nlohmann::json admin(const std::string& method, const std::string& path,
