@@ -37,11 +37,6 @@ RealtimeMixer::~RealtimeMixer() {
     queue.reset();
 }
 
-void RealtimeMixer::post(Task task) {
-    std::lock_guard lock(postLock_);
-    if (queue_) queue_->post(std::move(task));
-}
-
 void RealtimeMixer::open() {
     std::string failure;
     queue_->sync([&] {
@@ -77,20 +72,40 @@ std::filesystem::path RealtimeMixer::outputFile() const {
 }
 
 void RealtimeMixer::setSystemEnabled(bool enabled) {
-    post([this, enabled] { systemEnabled_ = enabled; });
+    // Queued in line with the blocks: those that arrived before the change are judged by
+    // the old setting, those after it by the new one.
+    std::lock_guard lock(arrivalsLock_);
+    if (!finished_) arrivals_.push_back(Arrival{nullptr, true, 0, enabled});
 }
 
-void RealtimeMixer::appendMicrophone(PcmBufferPtr buffer) {
+void RealtimeMixer::appendMicrophone(PcmBufferPtr buffer) { deliver(std::move(buffer), false); }
+
+void RealtimeMixer::appendSystem(PcmBufferPtr buffer) { deliver(std::move(buffer), true); }
+
+void RealtimeMixer::deliver(PcmBufferPtr buffer, bool isSystem) {
     if (!buffer) return;
-    post([this, buffer = std::move(buffer)] { take(mic_, false, buffer); });
+    const double now = clock_.uptime();
+    std::lock_guard lock(arrivalsLock_);
+    if (finished_) return;
+    arrivals_.push_back(Arrival{std::move(buffer), isSystem, now, false});
 }
 
-void RealtimeMixer::appendSystem(PcmBufferPtr buffer) {
-    if (!buffer) return;
-    post([this, buffer = std::move(buffer)] { take(system_, true, buffer); });
+void RealtimeMixer::takeArrivals() {
+    {
+        std::lock_guard lock(arrivalsLock_);
+        taking_.swap(arrivals_);
+    }
+    for (auto& arrival : taking_) {
+        if (!arrival.buffer) {
+            systemEnabled_ = arrival.enablesSystem;
+            continue;
+        }
+        take(arrival.isSystem ? system_ : mic_, arrival.isSystem, arrival.buffer, arrival.at);
+    }
+    taking_.clear();
 }
 
-void RealtimeMixer::take(Stream& stream, bool isSystem, const PcmBufferPtr& buffer) {
+void RealtimeMixer::take(Stream& stream, bool isSystem, const PcmBufferPtr& buffer, double arrivedAt) {
     if (isSystem && !systemEnabled_) return;
     const std::size_t frames = buffer->frames();
     const int channels = buffer->channelCount();
@@ -113,15 +128,14 @@ void RealtimeMixer::take(Stream& stream, bool isSystem, const PcmBufferPtr& buff
             }
             stream.converter = std::move(*made);
         }
-        std::vector<const float*> planes;
-        planes.reserve(static_cast<std::size_t>(channels));
-        for (const auto& plane : buffer->channels) planes.push_back(plane.data());
-        if (!stream.converter->convert(planes.data(), frames, scratch_)) return;
+        planes_.clear();
+        for (const auto& plane : buffer->channels) planes_.push_back(plane.data());
+        if (!stream.converter->convert(planes_.data(), frames, scratch_)) return;
         left = &scratch_[0];
         right = &scratch_[1];
     }
 
-    stream.lastArrival = clock_.uptime();
+    stream.lastArrival = arrivedAt;
 
     if (isSystem && onSystemBuffer) {
         auto converted = std::make_shared<PcmBuffer>();
@@ -154,10 +168,11 @@ void RealtimeMixer::drain() {
     if (!queue_) return;
     SerialQueue& queue = *queue_;
     lock.unlock();
-    queue.sync([] {});
+    queue.sync([this] { takeArrivals(); });
 }
 
 void RealtimeMixer::mix(bool force) {
+    takeArrivals();
     if (!file_) return;
     const std::size_t m = mic_.samples[0].size();
     const std::size_t s = systemEnabled_ ? system_.samples[0].size() : 0;
@@ -221,6 +236,10 @@ void RealtimeMixer::finish() {
     lock.unlock();
     queue.sync([this] {
         flushTimer_.cancel();
+        {
+            std::lock_guard arrivals(arrivalsLock_);
+            finished_ = true;
+        }
         mix(true);
         if (file_) (void)file_->finish();  // closing problems at the end are not reported
         file_.reset();

@@ -59,8 +59,18 @@ private:
         float gain = 1.0f;
     };
 
-    void post(Task task);
-    void take(Stream& stream, bool isSystem, const PcmBufferPtr& buffer);
+    // A block handed over by a capture thread, stamped when it arrived; without a block,
+    // a change of whether the system stream takes part.
+    struct Arrival {
+        PcmBufferPtr buffer;
+        bool isSystem = false;
+        double at = 0;
+        bool enablesSystem = false;
+    };
+
+    void deliver(PcmBufferPtr buffer, bool isSystem);
+    void takeArrivals();
+    void take(Stream& stream, bool isSystem, const PcmBufferPtr& buffer, double arrivedAt);
     void mix(bool force);
     void reportWriteError(const std::string& error);
 
@@ -77,12 +87,19 @@ private:
     TimerHandle flushTimer_;
     bool terminalWriteErrorReported_ = false;
     std::vector<std::vector<float>> scratch_;
+    std::vector<const float*> planes_;
+
+    // Capture threads leave their blocks here and the queue takes them in at each tick:
+    // waking the mixer thread for every 20 ms block would cost more than the mixing.
+    std::mutex arrivalsLock_;
+    std::vector<Arrival> arrivals_;
+    bool finished_ = false;  // guarded by arrivalsLock_: late blocks are dropped, not kept
+    std::vector<Arrival> taking_;  // reused on the queue so that steady state allocates nothing
 
     mutable std::mutex outputLock_;
     std::filesystem::path outputFile_;
 
-    // Guards the queue pointer so that blocks arriving while the mixer is destroyed are
-    // dropped instead of reaching a dead queue.
+    // Guards the queue pointer so that calls racing with destruction never reach a dead queue.
     std::mutex postLock_;
     std::unique_ptr<SerialQueue> queue_;
 };

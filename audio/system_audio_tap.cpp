@@ -7,6 +7,10 @@
 
 namespace vell::audio {
 
+namespace {
+constexpr double kFragmentSeconds = 0.05;
+}
+
 SystemAudioTap::SystemAudioTap()
     : queue_(std::make_unique<SerialQueue>(queues::kSystemTap)), generation_(std::make_shared<std::atomic<uint64_t>>(0)) {}
 
@@ -42,7 +46,10 @@ void SystemAudioTap::start(BufferHandler handler) {
 }
 
 void SystemAudioTap::openOn(const std::string& monitor) {
-    auto stream = std::make_unique<pulse::RecordStream>(*connection_, pulse::RecordOptions{monitor, true, 0.02, "System audio"});
+    // The mixer takes audio in every 0.1 s, so 50 ms blocks lose nothing; and a monitor's
+    // requested latency is also the sink's, so asking for less would make the server wake
+    // the sound card more often for everyone.
+    auto stream = std::make_unique<pulse::RecordStream>(*connection_, pulse::RecordOptions{monitor, true, kFragmentSeconds, "System audio"});
     stream->setDataHandler(handler_);
     uint64_t generation = *generation_;
     stream->setEventHandler([this, generation](pulse::StreamEvent event) {

@@ -1,6 +1,7 @@
 #include "recording/recorder_service.h"
 
 #include <algorithm>
+#include <atomic>
 #include <mutex>
 
 #include "audio/errors.h"
@@ -279,11 +280,15 @@ void RecorderService::installMixerCallbacks(const std::shared_ptr<Session>& sess
     auto tracker = systemTapSilence_;
     std::weak_ptr<int> alive = alive_;
     std::string id = session->id;
-    session->mixer->onSystemBuffer = [this, tracker, alive, id](audio::PcmBufferPtr buffer) {
+    // System blocks come in bursts at every mixer tick; one hop to the main thread at a time
+    // is enough to keep the meaningful-audio time current.
+    auto hopPending = std::make_shared<std::atomic<bool>>(false);
+    session->mixer->onSystemBuffer = [this, tracker, alive, id, hopPending](audio::PcmBufferPtr buffer) {
         bool silent = audio::isDigitalSilence(*buffer);
         tracker->update(silent, runtime::clock().now());
-        if (silent) return;
-        runtime::runOnMain([this, alive, id] {
+        if (silent || hopPending->exchange(true)) return;
+        runtime::runOnMain([this, alive, id, hopPending] {
+            hopPending->store(false);
             if (!alive.expired()) markMeaningfulAudio(id);
         });
     };

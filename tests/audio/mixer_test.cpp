@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <thread>
 
 #include "audio/errors.h"
 #include "audio/realtime_mixer.h"
@@ -183,7 +184,7 @@ TEST_F(MixerTest, StalledMicrophoneLetsTheSystemStreamThrough) {
     mixer->open();
     mixer->setSystemEnabled(true);
     mixer->appendMicrophone(constantBlock(kRate, 1, 10, 0.0f));
-    mixer->drain();  // arrival is stamped when the queue takes the block
+    mixer->drain();
     clock.advance(0.2);
     mixer->appendSystem(constantBlock(kRate, 2, frames(0.2), 0.4f));
     mixer->tick();
@@ -226,6 +227,43 @@ TEST_F(MixerTest, SystemBlocksAreIgnoredWhileDisabled) {
     EXPECT_FLOAT_EQ(mixed->channels[0][0], 0.1f);
     std::lock_guard g(out.lock);
     EXPECT_TRUE(out.system.empty());
+}
+
+TEST_F(MixerTest, BlocksFromBothCaptureThreadsAreMixedOnceEachWhileTicksRun) {
+    auto mixer = make();
+    mixer->open();
+    mixer->setSystemEnabled(true);
+    // Under a second per stream, so that neither the drift nor the stall rule applies and
+    // every written sample must be exactly one microphone sample plus one system sample.
+    constexpr int kBlocks = 40;
+    constexpr std::size_t kBlockFrames = 441;
+    // Both streams have spoken once, so neither counts as stalled when the other runs ahead.
+    mixer->appendMicrophone(constantBlock(kRate, 1, kBlockFrames, 0.25f));
+    mixer->appendSystem(constantBlock(kRate, 2, kBlockFrames, 0.5f));
+    std::atomic<bool> appending{true};
+    std::thread mic([&] {
+        for (int i = 1; i < kBlocks; ++i) mixer->appendMicrophone(constantBlock(kRate, 1, kBlockFrames, 0.25f));
+    });
+    std::thread system([&] {
+        for (int i = 1; i < kBlocks; ++i) mixer->appendSystem(constantBlock(kRate, 2, kBlockFrames, 0.5f));
+    });
+    std::thread ticker([&] {
+        while (appending) mixer->tick();
+    });
+    mic.join();
+    system.join();
+    appending = false;
+    ticker.join();
+    mixer->finish();
+
+    EXPECT_EQ(out.mixedFrames(), kBlocks * kBlockFrames);
+    std::lock_guard g(out.lock);
+    EXPECT_EQ(out.system.size(), std::size_t(kBlocks));
+    for (const auto& block : out.mixed) {
+        for (const auto& channel : block->channels) {
+            for (float v : channel) ASSERT_FLOAT_EQ(v, 0.25f + 0.85f * 0.5f);
+        }
+    }
 }
 
 // A writer whose disk is full: every write fails.
