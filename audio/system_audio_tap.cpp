@@ -9,6 +9,7 @@ namespace vell::audio {
 
 namespace {
 constexpr double kFragmentSeconds = 0.05;
+constexpr double kReconnectSeconds = 1.0;
 }
 
 SystemAudioTap::SystemAudioTap()
@@ -30,10 +31,7 @@ void SystemAudioTap::start(BufferHandler handler) {
         connection_ = std::move(connection);
         handler_ = std::move(handler);
         openOn(connection_->defaultSinkMonitor());
-        // Events arrive on the connection's thread; the work happens on the tap's queue.
-        auto follow = [this, generation] { queue_->post([this, generation] { followDefault(generation); }); };
-        connection_->subscribe({pulse::Change::Server, pulse::Change::Sinks}, [follow](pulse::Change) { follow(); });
-        connection_->onLost(follow);
+        listen(generation);
     } catch (const CoreAudioError& e) {
         logger_.error(std::string("cannot start: ") + e.what());
         stream_.reset();
@@ -43,6 +41,13 @@ void SystemAudioTap::start(BufferHandler handler) {
         throw;
     }
     running_ = true;
+}
+
+void SystemAudioTap::listen(uint64_t generation) {
+    // Events arrive on the connection's thread; the work happens on the tap's queue.
+    auto follow = [this, generation] { queue_->post([this, generation] { followDefault(generation); }); };
+    connection_->subscribe({pulse::Change::Server, pulse::Change::Sinks}, [follow](pulse::Change) { follow(); });
+    connection_->onLost(follow);
 }
 
 void SystemAudioTap::openOn(const std::string& monitor) {
@@ -64,9 +69,14 @@ void SystemAudioTap::openOn(const std::string& monitor) {
                  std::to_string(stream_->channels()) + " channels)");
 }
 
-void SystemAudioTap::followDefault(uint64_t generation) {
+void SystemAudioTap::followDefault(uint64_t generation, bool retrying) {
     std::lock_guard lock(mutex_);
+    if (retrying) retry_ = TimerHandle{};
     if (!running_ || generation != *generation_ || !connection_) return;
+    if (!connection_->connected()) {
+        reconnect(generation);
+        return;
+    }
     std::string monitor;
     try {
         monitor = connection_->defaultSinkMonitor();
@@ -89,9 +99,39 @@ void SystemAudioTap::followDefault(uint64_t generation) {
     }
 }
 
+// Runs on the tap's queue with mutex_ held.
+void SystemAudioTap::reconnect(uint64_t generation) {
+    if (retry_.active()) return;  // the stream and the connection both report one loss
+    if (stream_) {
+        stream_->setEventHandler(nullptr);
+        stream_->stop();
+        stream_.reset();
+    }
+    monitor_.clear();
+    try {
+        connection_->connect();
+        listen(generation);
+        openOn(connection_->defaultSinkMonitor());
+        logger_.info("the sound server answers again");
+        serverLost_ = false;
+    } catch (const CoreAudioError& e) {
+        if (stream_) {
+            stream_->setEventHandler(nullptr);
+            stream_->stop();
+            stream_.reset();
+        }
+        monitor_.clear();
+        if (!serverLost_) logger_.error(std::string("lost the sound server; retrying every second: ") + e.what());
+        serverLost_ = true;
+        retry_ = queue_->postAfter(kReconnectSeconds, [this, generation] { followDefault(generation, true); });
+    }
+}
+
 void SystemAudioTap::stop() {
     std::lock_guard lock(mutex_);
     ++*generation_;
+    retry_.cancel();
+    serverLost_ = false;
     if (stream_) {
         stream_->setEventHandler(nullptr);
         stream_->stop();

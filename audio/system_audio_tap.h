@@ -1,7 +1,8 @@
 #pragma once
 // What the computer plays, captured from the monitor of the default output (sink). When the
-// default output changes, the tap follows it to the new monitor. An idle output delivers
-// exact zeros: digital silence (see DigitalSilenceTracker).
+// default output changes, the tap follows it to the new monitor; when the sound server goes
+// away (a restart, a crash), the tap keeps trying to reconnect every second until it is
+// stopped. An idle output delivers exact zeros: digital silence (see DigitalSilenceTracker).
 //
 // Unlike a process tap, a monitor also carries what this application plays itself; Vell
 // plays nothing while it records, so the difference does not show.
@@ -11,6 +12,7 @@
 #include <string>
 
 #include "audio/ports.h"
+#include "platform/executor.h"
 #include "platform/log.h"
 
 namespace vell {
@@ -41,7 +43,9 @@ public:
 
 private:
     void openOn(const std::string& monitor);
-    void followDefault(uint64_t generation);
+    void listen(uint64_t generation);
+    void followDefault(uint64_t generation, bool retrying = false);
+    void reconnect(uint64_t generation);
 
     log::Logger logger_{"SystemAudioTap"};
     mutable std::mutex mutex_;
@@ -50,6 +54,8 @@ private:
     std::unique_ptr<pulse::RecordStream> stream_;
     BufferHandler handler_;
     std::string monitor_;
+    TimerHandle retry_;
+    bool serverLost_ = false;  // logged once per outage
     std::atomic<bool> running_{false};
     std::shared_ptr<std::atomic<uint64_t>> generation_;
 };

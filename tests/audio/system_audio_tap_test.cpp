@@ -1,10 +1,11 @@
 // The system-audio tap on a real (private) PulseAudio server: the idle output is digital
 // silence, played sound ends the silent run, the tap follows a new default output, and a
-// failed start leaves nothing behind.
+// failed start leaves nothing behind, and a restarted server is found again.
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -117,6 +118,32 @@ TEST(SystemAudioTapTest, AFailedStartNamesTheCallAndLeavesNothingBehind) {
     tap.stop();
     tap.stop();
     EXPECT_FALSE(tap.isRunning());
+}
+
+TEST(SystemAudioTapTest, ARestartedSoundServerIsFoundAgainAndPlayedSoundFlows) {
+    auto pulse = std::make_unique<test::PulseServer>();
+    SystemAudioTap tap;
+    Watcher w;
+    tap.start(w.handler());
+    ASSERT_TRUE(w.waitFor([&] { return w.blocks >= 3; }));
+
+    pulse.reset();  // the server goes away under a running tap
+    std::this_thread::sleep_for(1500ms);  // a failed reconnect or two while nobody answers
+    EXPECT_TRUE(tap.isRunning());
+    EXPECT_TRUE(tap.monitorName().empty());
+
+    pulse = std::make_unique<test::PulseServer>();
+    ASSERT_TRUE(w.waitFor([&] { return !tap.monitorName().empty(); }, 10000ms)) << "never reconnected";
+    EXPECT_EQ(tap.monitorName(), "speakers.monitor");
+    int loudBefore = 0;
+    {
+        std::lock_guard lock(w.mutex);
+        loudBefore = w.loudBlocks;
+    }
+    pulse->playTone(440, 0.5, false);
+    EXPECT_TRUE(w.waitFor([&] { return w.loudBlocks > loudBefore; }));
+    tap.stop();
+    EXPECT_TRUE(tap.monitorName().empty());
 }
 
 TEST(SystemAudioTapTest, StartWhileRunningAndStopTwiceAreHarmless) {
