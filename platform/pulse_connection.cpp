@@ -126,12 +126,17 @@ void Connection::connect() {
     if (pa_context_connect(context_, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0) {
         throw CoreAudioError(pa_context_errno(context_), "pa_context_connect");
     }
-    for (;;) {
+    const bool settled = waitFor([&] {
         auto state = pa_context_get_state(context_);
-        if (state == PA_CONTEXT_READY) return;
-        if (!PA_CONTEXT_IS_GOOD(state)) throw CoreAudioError(pa_context_errno(context_), "pa_context_connect");
-        pa_threaded_mainloop_wait(mainloop_);
-    }
+        return state == PA_CONTEXT_READY || !PA_CONTEXT_IS_GOOD(state);
+    });
+    if (pa_context_get_state(context_) == PA_CONTEXT_READY) return;
+    const int error = settled ? pa_context_errno(context_) : PA_ERR_TIMEOUT;
+    pa_context_set_state_callback(context_, nullptr, nullptr);
+    pa_context_disconnect(context_);
+    pa_context_unref(context_);
+    context_ = nullptr;
+    throw CoreAudioError(error, "pa_context_connect");
 }
 
 void Connection::disconnect() {
@@ -151,16 +156,44 @@ void Connection::requireConnected(const char* operation) const {
     }
 }
 
-bool Connection::await(pa_operation* op) const {
+namespace {
+struct Expiry {
+    const Connection* connection;
+    bool expired = false;
+};
+void expire(pa_mainloop_api*, pa_time_event*, const struct timeval*, void* userdata) {
+    auto* expiry = static_cast<Expiry*>(userdata);
+    expiry->expired = true;
+    expiry->connection->signal();
+}
+}  // namespace
+
+bool Connection::waitFor(const std::function<bool()>& done) const {
+    if (done()) return true;
+    Expiry expiry{this};
+    pa_time_event* timer =
+        context_ ? pa_context_rttime_new(context_, pa_rtclock_now() + static_cast<pa_usec_t>(kAnswerSeconds * PA_USEC_PER_SEC),
+                                         &expire, &expiry)
+                 : nullptr;
+    while (!done() && !expiry.expired) pa_threaded_mainloop_wait(mainloop_);
+    if (timer) pa_threaded_mainloop_get_api(mainloop_)->time_free(timer);
+    return done();
+}
+
+bool Connection::await(pa_operation* op, const char* operation) const {
     if (!op) return false;
     pa_operation_set_state_callback(op, &operationStateCallback, const_cast<Connection*>(this));
-    while (pa_operation_get_state(op) == PA_OPERATION_RUNNING) {
-        if (!context_ || !PA_CONTEXT_IS_GOOD(pa_context_get_state(context_))) break;
-        pa_threaded_mainloop_wait(mainloop_);
-    }
+    waitFor([&] {
+        return pa_operation_get_state(op) != PA_OPERATION_RUNNING || !context_ ||
+               !PA_CONTEXT_IS_GOOD(pa_context_get_state(context_));
+    });
+    const bool timedOut = pa_operation_get_state(op) == PA_OPERATION_RUNNING && context_ &&
+                          PA_CONTEXT_IS_GOOD(pa_context_get_state(context_));
+    if (pa_operation_get_state(op) == PA_OPERATION_RUNNING) pa_operation_cancel(op);
     bool done = pa_operation_get_state(op) == PA_OPERATION_DONE;
     pa_operation_set_state_callback(op, nullptr, nullptr);
     pa_operation_unref(op);
+    if (timedOut) throw CoreAudioError(PA_ERR_TIMEOUT, operation);
     return done;
 }
 
@@ -190,7 +223,7 @@ ServerInfo Connection::serverInfo() {
             c->connection->signal();
         },
         &collect);
-    if (!await(op)) throw CoreAudioError(lastError(), "pa_context_get_server_info");
+    if (!await(op, "pa_context_get_server_info")) throw CoreAudioError(lastError(), "pa_context_get_server_info");
     return collect.server;
 }
 
@@ -206,7 +239,7 @@ std::vector<SourceInfo> Connection::sources() {
     Lock lock(*this);
     requireConnected("pa_context_get_source_info_list");
     Collect collect{this, {}, {}, {}};
-    if (!await(pa_context_get_source_info_list(context_, &sourceCallback, &collect))) {
+    if (!await(pa_context_get_source_info_list(context_, &sourceCallback, &collect), "pa_context_get_source_info_list")) {
         throw CoreAudioError(lastError(), "pa_context_get_source_info_list");
     }
     return collect.sources;
@@ -217,7 +250,8 @@ std::optional<SourceInfo> Connection::source(const std::string& name) {
     requireConnected("pa_context_get_source_info_by_name");
     Collect collect{this, {}, {}, {}};
     // A missing source ends the operation with an error, which simply means "none".
-    await(pa_context_get_source_info_by_name(context_, name.c_str(), &sourceCallback, &collect));
+    await(pa_context_get_source_info_by_name(context_, name.c_str(), &sourceCallback, &collect),
+          "pa_context_get_source_info_by_name");
     requireConnected("pa_context_get_source_info_by_name");
     if (collect.sources.empty()) return std::nullopt;
     return collect.sources.front();
@@ -227,7 +261,8 @@ std::optional<SourceInfo> Connection::source(uint32_t index) {
     Lock lock(*this);
     requireConnected("pa_context_get_source_info_by_index");
     Collect collect{this, {}, {}, {}};
-    await(pa_context_get_source_info_by_index(context_, index, &sourceCallback, &collect));
+    await(pa_context_get_source_info_by_index(context_, index, &sourceCallback, &collect),
+          "pa_context_get_source_info_by_index");
     requireConnected("pa_context_get_source_info_by_index");
     if (collect.sources.empty()) return std::nullopt;
     return collect.sources.front();
@@ -268,7 +303,8 @@ void Connection::subscribe(std::vector<Change> kinds, std::function<void(Change)
         if (k == Change::Server) mask |= PA_SUBSCRIPTION_MASK_SERVER;
     }
     pa_context_set_subscribe_callback(context_, &Callbacks::event, this);
-    if (!await(pa_context_subscribe(context_, static_cast<pa_subscription_mask_t>(mask), nullptr, nullptr))) {
+    if (!await(pa_context_subscribe(context_, static_cast<pa_subscription_mask_t>(mask), nullptr, nullptr),
+               "pa_context_subscribe")) {
         throw CoreAudioError(lastError(), "pa_context_subscribe");
     }
 }

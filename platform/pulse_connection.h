@@ -93,8 +93,15 @@ public:
     };
 
     // Waits (with the loop locked) until the operation finishes; false when the server was
-    // lost meanwhile. Unreferences the operation.
-    bool await(pa_operation* op) const;
+    // lost meanwhile. Throws CoreAudioError(PA_ERR_TIMEOUT, operation) when the server did
+    // not answer in time; the operation is then cancelled, so its callback never runs.
+    // Unreferences the operation.
+    bool await(pa_operation* op, const char* operation = "pa_operation") const;
+    // Waits (with the loop locked, never on the loop's own thread) until `done` holds, for
+    // at most kAnswerSeconds; false on time-out. A server that is alive but stuck, or a
+    // PipeWire without a session manager that never links a stream, must not hang us.
+    bool waitFor(const std::function<bool()>& done) const;
+    static constexpr double kAnswerSeconds = 5.0;
     // Wakes waiters; called by the library callbacks.
     void signal() const;
 

@@ -65,8 +65,7 @@ void RecordStream::start() {
     int flags = PA_STREAM_ADJUST_LATENCY;
     if (options_.dontMove) flags |= PA_STREAM_DONT_MOVE;
 
-    auto fail = [&](const char* operation) {
-        int error = pa_context_errno(connection_.context());
+    auto fail = [&](const char* operation, int error) {
         pa_stream_set_state_callback(stream_, nullptr, nullptr);
         pa_stream_set_read_callback(stream_, nullptr, nullptr);
         pa_stream_set_moved_callback(stream_, nullptr, nullptr);
@@ -77,14 +76,14 @@ void RecordStream::start() {
         throw CoreAudioError(error, operation);
     };
     if (pa_stream_connect_record(stream_, options_.source.c_str(), &attr, static_cast<pa_stream_flags_t>(flags)) < 0) {
-        fail("pa_stream_connect_record");
+        fail("pa_stream_connect_record", pa_context_errno(connection_.context()));
     }
-    for (;;) {
+    const bool settled = connection_.waitFor([&] {
         auto state = pa_stream_get_state(stream_);
-        if (state == PA_STREAM_READY) break;
-        if (!PA_STREAM_IS_GOOD(state)) fail("pa_stream_connect_record");
-        pa_threaded_mainloop_wait(connection_.mainloop());
-    }
+        return state == PA_STREAM_READY || !PA_STREAM_IS_GOOD(state);
+    });
+    if (pa_stream_get_state(stream_) == PA_STREAM_READY) return;
+    fail("pa_stream_connect_record", settled ? pa_context_errno(connection_.context()) : PA_ERR_TIMEOUT);
 }
 
 void RecordStream::stop() {
