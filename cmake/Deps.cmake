@@ -13,7 +13,16 @@ endfunction()
 
 vell_pkg(pulse libpulse)
 vell_pkg(alsa alsa)
-vell_pkg(ffmpeg libavcodec libavformat libavutil libswresample)
+# The programs link the encoder side of FFmpeg only. libavformat (needed for ".m4a" files)
+# is loaded by platform/avformat_library.cpp on first use: linking it would map its score of
+# dependencies into every start. Its headers still describe the structs we use.
+vell_pkg(ffmpeg libavcodec libavutil libswresample)
+pkg_check_modules(avformat_PC REQUIRED IMPORTED_TARGET libavformat)
+target_include_directories(vell::ffmpeg INTERFACE ${avformat_PC_INCLUDE_DIRS})
+target_link_libraries(vell::ffmpeg INTERFACE ${CMAKE_DL_LIBS})
+# For tests that decode files back.
+add_library(vell::avformat INTERFACE IMPORTED GLOBAL)
+target_link_libraries(vell::avformat INTERFACE PkgConfig::avformat_PC)
 vell_pkg(webrtc webrtc-audio-processing)
 vell_pkg(curl libcurl)
 vell_pkg(plist libplist-2.0)
