@@ -19,7 +19,7 @@ RealtimeMixer::RealtimeMixer(std::filesystem::path file, double sampleRate, Opti
       clock_(options.clock ? *options.clock : runtime::clock()),
       writerFactory_(options.writerFactory ? std::move(options.writerFactory) : media::AacWriterFactory(media::openAacWriter)),
       automaticTicks_(options.automaticTicks),
-      queue_(std::make_unique<SerialQueue>(queues::kMixer)) {
+      queue_(options.automaticTicks ? std::make_unique<SerialQueue>(queues::kMixer) : nullptr) {
     mic_.gain = kMicGain;
     system_.gain = kSystemGain;
 }
@@ -38,8 +38,9 @@ RealtimeMixer::~RealtimeMixer() {
 }
 
 void RealtimeMixer::open() {
-    std::string failure;
-    queue_->sync([&] {
+    std::string failure = "the mixer is gone";
+    onMixer([&] {
+        failure.clear();
         if (file_) return;
         const media::AacSettings adts{media::AacContainer::adts, static_cast<int>(sampleRate_), kTargetChannels, kBitRate};
         auto opened = writerFactory_(requestedFile_, adts);
@@ -156,19 +157,24 @@ void RealtimeMixer::take(Stream& stream, bool isSystem, const PcmBufferPtr& buff
 }
 
 void RealtimeMixer::tick(bool force) {
-    std::unique_lock lock(postLock_);
-    if (!queue_) return;
-    SerialQueue& queue = *queue_;
-    lock.unlock();
-    queue.sync([this, force] { mix(force); });
+    onMixer([this, force] { mix(force); });
 }
 
 void RealtimeMixer::drain() {
+    onMixer([this] { takeArrivals(); });
+}
+
+void RealtimeMixer::onMixer(const Task& work) {
+    if (!automaticTicks_) {
+        std::lock_guard lock(drivenLock_);
+        work();
+        return;
+    }
     std::unique_lock lock(postLock_);
     if (!queue_) return;
     SerialQueue& queue = *queue_;
     lock.unlock();
-    queue.sync([this] { takeArrivals(); });
+    queue.sync(work);
 }
 
 void RealtimeMixer::mix(bool force) {
@@ -230,11 +236,7 @@ void RealtimeMixer::reportWriteError(const std::string& error) {
 }
 
 void RealtimeMixer::finish() {
-    std::unique_lock lock(postLock_);
-    if (!queue_) return;
-    SerialQueue& queue = *queue_;
-    lock.unlock();
-    queue.sync([this] {
+    onMixer([this] {
         flushTimer_.cancel();
         {
             std::lock_guard arrivals(arrivalsLock_);

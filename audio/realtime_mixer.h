@@ -29,7 +29,9 @@ public:
     struct Options {
         const Clock* clock = nullptr;          // the runtime clock when absent
         media::AacWriterFactory writerFactory;  // FFmpeg when absent
-        bool automaticTicks = true;            // false: the owner calls tick() (tests, offline mixing)
+        // false: no mixer thread; the owner calls tick() and every step runs on the calling
+        // thread, one caller at a time (tests, offline mixing).
+        bool automaticTicks = true;
     };
 
     // The file is created by open(); `file` names the ".aac" to try first.
@@ -44,7 +46,7 @@ public:
     void appendSystem(PcmBufferPtr buffer) override;
     void finish() override;
 
-    // One mixing step, run on the mixer's queue; returns once it is done.
+    // One mixing step (on the mixer's queue, or on the caller's thread when driven); returns once done.
     void tick(bool force = false);
     // Returns once every block appended so far has been taken in.
     void drain();
@@ -68,6 +70,7 @@ private:
         bool enablesSystem = false;
     };
 
+    void onMixer(const Task& work);
     void deliver(PcmBufferPtr buffer, bool isSystem);
     void takeArrivals();
     void take(Stream& stream, bool isSystem, const PcmBufferPtr& buffer, double arrivedAt);
@@ -101,7 +104,8 @@ private:
 
     // Guards the queue pointer so that calls racing with destruction never reach a dead queue.
     std::mutex postLock_;
-    std::unique_ptr<SerialQueue> queue_;
+    std::unique_ptr<SerialQueue> queue_;  // only when the mixer ticks by itself
+    std::mutex drivenLock_;               // otherwise: one caller at a time
 };
 
 }  // namespace vell::audio
