@@ -8,6 +8,7 @@
 
 #include "cli/account_messages.h"
 #include "cli/command.h"
+#include "cli/help_messages.h"
 #include "service/account_client.h"
 
 namespace vell::cli {
@@ -85,9 +86,9 @@ int login(std::string email) {
 }
 
 void setup(CLI::App& app, Context& context) {
-    auto* cmd = app.add_subcommand("login", "Sign in to the Vell service (password from the terminal or standard input)");
+    auto* cmd = app.add_subcommand("login", help::kLogin.str());
     auto email = std::make_shared<std::string>();
-    cmd->add_option("--email", *email, "Account email (asked when missing)");
+    cmd->add_option("--email", *email, help::kLoginEmail.str());
     cmd->callback([email, &context] { context.exitCode = login(*email); });
 }
 

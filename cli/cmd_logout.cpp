@@ -3,6 +3,7 @@
 
 #include "cli/account_messages.h"
 #include "cli/command.h"
+#include "cli/help_messages.h"
 #include "service/account_client.h"
 
 namespace vell::cli {
@@ -25,7 +26,7 @@ int logout() {
 }
 
 void setup(CLI::App& app, Context& context) {
-    auto* cmd = app.add_subcommand("logout", "Sign out and forget the stored session");
+    auto* cmd = app.add_subcommand("logout", help::kLogout.str());
     cmd->callback([&context] { context.exitCode = logout(); });
 }
 

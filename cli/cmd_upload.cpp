@@ -9,6 +9,7 @@
 #include "app/legacy_adoption_window.h"
 #include "cli/account_messages.h"
 #include "cli/command.h"
+#include "cli/help_messages.h"
 #include "cli/runtime_scope.h"
 #include "platform/paths.h"
 #include "platform/runtime.h"
@@ -163,7 +164,7 @@ int upload(Context& context) {
 }
 
 void setup(CLI::App& app, Context& context) {
-    auto* cmd = app.add_subcommand("upload", "Upload the pending recordings of the signed-in account now");
+    auto* cmd = app.add_subcommand("upload", help::kUpload.str());
     cmd->callback([&context] { context.exitCode = upload(context); });
 }
 

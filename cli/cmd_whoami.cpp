@@ -3,6 +3,7 @@
 
 #include "cli/account_messages.h"
 #include "cli/command.h"
+#include "cli/help_messages.h"
 #include "service/account_client.h"
 
 namespace vell::cli {
@@ -32,7 +33,7 @@ int whoami() {
 }
 
 void setup(CLI::App& app, Context& context) {
-    auto* cmd = app.add_subcommand("whoami", "Show the signed-in account (exit status 3 when signed out)");
+    auto* cmd = app.add_subcommand("whoami", help::kWhoami.str());
     cmd->callback([&context] { context.exitCode = whoami(); });
 }
 

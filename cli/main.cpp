@@ -1,9 +1,11 @@
 // vell: the command-line front end and headless agent.
 #include <algorithm>
 #include <iostream>
+#include <string_view>
 #include <vector>
 
 #include "cli/command.h"
+#include "cli/help_messages.h"
 #include "platform/language.h"
 #include "platform/log.h"
 
@@ -23,23 +25,57 @@ bool registerCommand(int order, CommandSetup setup) {
 
 }  // namespace vell::cli
 
+namespace {
+
+// The language must be known before the help texts are built, so --lang is looked for
+// ahead of the real parse (which still validates it).
+void applyLanguageFlag(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        std::string_view arg = argv[i];
+        std::string_view value;
+        if (arg == "--lang" && i + 1 < argc) value = argv[i + 1];
+        else if (arg.rfind("--lang=", 0) == 0) value = arg.substr(7);
+        if (value == "es") vell::setInterfaceLanguage(vell::Language::Spanish);
+        if (value == "en") vell::setInterfaceLanguage(vell::Language::English);
+    }
+}
+
+void localizeHelpLayout(CLI::App& app) {
+    using namespace vell::cli;
+    auto formatter = app.get_formatter();
+    for (const auto& text : {help::kUsage, help::kOptionsMarker, help::kSubcommandMarker, help::kSubcommandsMarker,
+                             help::kPositionals, help::kRequired, help::kNeeds, help::kExcludes}) {
+        formatter->label(std::string(text.en), text.str());
+    }
+    app.option_defaults()->group(help::kOptions.str());
+    app.set_help_flag("-h,--help", help::kHelp.str());
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
     using namespace vell;
-    CLI::App app{"Vell records conversations on this computer and hands them to the Vell service."};
-    app.set_version_flag("--version", std::string("vell ") + VELL_VERSION + " (" + VELL_BUILD_NUMBER + ")");
+    applyLanguageFlag(argc, argv);
+    CLI::App app{cli::help::kProgram.str()};
+    localizeHelpLayout(app);
+    app.set_version_flag("--version", std::string("vell ") + VELL_VERSION + " (" + VELL_BUILD_NUMBER + ")",
+                         cli::help::kVersion.str());
     app.require_subcommand(1);
 
     cli::Context context;
-    app.add_flag("-v,--verbose", context.verbosity, "More diagnostic output (repeat for debug lines)");
+    app.add_flag("-v,--verbose", context.verbosity, cli::help::kVerbose.str());
     std::string lang;
-    app.add_option("--lang", lang, "Interface language: en or es (default: from the environment)")
-        ->check(CLI::IsMember({"en", "es"}));
+    app.add_option("--lang", lang, cli::help::kLanguage.str())->check(CLI::IsMember({"en", "es"}));
     bool logStderr = false;
-    app.add_flag("--log-stderr", logStderr, "Write diagnostics to standard error instead of the journal");
+    app.add_flag("--log-stderr", logStderr, cli::help::kLogStderr.str());
 
     auto& commands = cli::registry();
     std::stable_sort(commands.begin(), commands.end(), [](auto& a, auto& b) { return a.first < b.first; });
     for (auto& [order, setup] : commands) setup(app, context);
+    for (auto* sub : app.get_subcommands({})) {
+        sub->group(cli::help::kSubcommands.str());
+        if (auto* helpFlag = sub->get_help_ptr()) helpFlag->group(cli::help::kOptions.str());
+    }
 
     app.parse_complete_callback([&] {
         if (lang == "es") setInterfaceLanguage(Language::Spanish);

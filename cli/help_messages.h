@@ -1,0 +1,40 @@
+#pragma once
+// The help screens: the program's own options, the account commands' descriptions and the
+// words of the help layout, in both languages.
+#include "platform/language.h"
+
+namespace vell::cli::help {
+
+inline constexpr Text kProgram{"Vell records conversations on this computer and hands them to the Vell service.",
+                               "Vell graba conversaciones en esta computadora y se las pasa al servicio de Vell."};
+inline constexpr Text kVerbose{"More diagnostic output (repeat for debug lines)",
+                               "Más información de diagnóstico (repetí la opción para ver la depuración)"};
+inline constexpr Text kLanguage{"Interface language: en or es (default: from the environment)",
+                                "Idioma de la interfaz: en o es (si no, el del entorno)"};
+inline constexpr Text kLogStderr{"Write diagnostics to standard error instead of the journal",
+                                 "Escribe el diagnóstico en la salida de errores en vez del journal"};
+inline constexpr Text kHelp{"Print this help message and exit", "Muestra esta ayuda y sale"};
+inline constexpr Text kVersion{"Display program version information and exit", "Muestra la versión del programa y sale"};
+
+inline constexpr Text kLogin{"Sign in to the Vell service (password from the terminal or standard input)",
+                             "Inicia sesión en el servicio de Vell (contraseña desde la terminal o la entrada estándar)"};
+inline constexpr Text kLoginEmail{"Account email (asked when missing)", "Email de la cuenta (se pide si falta)"};
+inline constexpr Text kLogout{"Sign out and forget the stored session", "Cierra la sesión y olvida la sesión guardada"};
+inline constexpr Text kUpload{"Upload the pending recordings of the signed-in account now",
+                              "Sube ahora las grabaciones pendientes de la cuenta con sesión iniciada"};
+inline constexpr Text kWhoami{"Show the signed-in account (exit status 3 when signed out)",
+                              "Muestra la cuenta con sesión iniciada (sale con 3 si no hay sesión)"};
+
+// Headings and markers of the help layout.
+inline constexpr Text kUsage{"Usage", "Uso"};
+inline constexpr Text kOptionsMarker{"OPTIONS", "OPCIONES"};
+inline constexpr Text kOptions{"Options", "Opciones"};
+inline constexpr Text kSubcommandMarker{"SUBCOMMAND", "COMANDO"};
+inline constexpr Text kSubcommandsMarker{"SUBCOMMANDS", "COMANDOS"};
+inline constexpr Text kSubcommands{"Subcommands", "Comandos"};
+inline constexpr Text kPositionals{"Positionals", "Posicionales"};
+inline constexpr Text kRequired{"REQUIRED", "OBLIGATORIO"};
+inline constexpr Text kNeeds{"Needs", "Necesita"};
+inline constexpr Text kExcludes{"Excludes", "Excluye"};
+
+}  // namespace vell::cli::help
