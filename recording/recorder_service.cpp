@@ -249,24 +249,41 @@ void RecorderService::startMic(const std::shared_ptr<Session>& session, const au
         });
 }
 
-void RecorderService::reopenMic(const std::weak_ptr<Session>& weak, const audio::MicrophoneTarget& target) {
+void RecorderService::reopenMic(const std::weak_ptr<Session>& weak, const audio::MicrophoneTarget& target, bool retrying) {
     auto session = weak.lock();
     if (!session || session->closed) return;
-    kLog.info("microphone changed; reopening");
+    if (retrying && parts_.microphone->isRunning()) return;  // a device change got there first
+    if (!retrying) kLog.info("microphone changed; reopening");
+    std::weak_ptr<int> alive = alive_;
+    std::string id = session->id;
     try {
         startMic(session, target, true);
     } catch (const std::exception& e) {
         std::string detail = dynamic_cast<const audio::MicrophonePermissionError*>(&e)
                                  ? messages::kMicrophonePermissionMissing.str()
                                  : std::string(e.what());
-        kLog.error("startMic(mixer:restart:) failed: " + detail);
-        std::weak_ptr<int> alive = alive_;
-        std::string id = session->id;
-        runtime::runOnMain([this, alive, id, detail] {
+        if (retrying) {
+            kLog.debug("startMic(mixer:restart:) failed again: " + detail);
+        } else {
+            kLog.error("startMic(mixer:restart:) failed: " + detail);
+        }
+        runtime::runOnMain([this, alive, weak, id, detail] {
             if (alive.expired() || currentID_ != id) return;
             state.lastError.set(messages::kMicrophoneReopenFailed.str() + detail);
+            runtime::main().postAfter(kMicRetrySeconds, [this, alive, weak, id] {
+                if (alive.expired() || weak.expired() || currentID_ != id) return;
+                micQueue_->post([this, weak, target = chooseTarget()] { reopenMic(weak, target, true); });
+            });
         });
+        return;
     }
+    if (!retrying) return;
+    kLog.info("microphone reopened");
+    runtime::runOnMain([this, alive, id] {
+        if (alive.expired() || currentID_ != id) return;
+        const auto shown = state.lastError.get();
+        if (shown && shown->rfind(messages::kMicrophoneReopenFailed.str(), 0) == 0) state.lastError.set(std::nullopt);
+    });
 }
 
 void RecorderService::installMixerCallbacks(const std::shared_ptr<Session>& session) {

@@ -31,6 +31,9 @@ class RecorderService final : public PendingRecordingStore {
 public:
     static constexpr double kSampleRate = 44'100;
     static constexpr double kTickSeconds = 0.5;
+    // A microphone that could not be reopened is tried again this often while the
+    // recording runs (a sound server restarting, a headset reconnecting).
+    static constexpr double kMicRetrySeconds = 2.0;
     static constexpr double kMaximumSeconds = 18'000;   // 5 hours
     static constexpr double kSilenceLimitSeconds = 600;  // 10 minutes
 
@@ -87,7 +90,7 @@ private:
     void startOnMicQueue(std::shared_ptr<Session> session, audio::MicrophoneTarget target, StartOptions options,
                          std::optional<std::string> liveSessionID, std::function<void(bool)> done);
     void startMic(const std::shared_ptr<Session>& session, const audio::MicrophoneTarget& target, bool restart);
-    void reopenMic(const std::weak_ptr<Session>& weak, const audio::MicrophoneTarget& target);
+    void reopenMic(const std::weak_ptr<Session>& weak, const audio::MicrophoneTarget& target, bool retrying = false);
     void installMixerCallbacks(const std::shared_ptr<Session>& session);
     void finishStart(const std::shared_ptr<Session>& session, const StartOptions& options,
                      const std::optional<std::string>& liveSessionID);

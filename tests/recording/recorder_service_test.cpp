@@ -283,7 +283,7 @@ TEST_F(RecorderTest, WriteErrorStopsAndKeepsTheSavedPart) {
     EXPECT_TRUE(fs::exists(list[0].fileURL));
 }
 
-TEST_F(RecorderTest, MicrophoneIsReopenedOnDeviceChangeAndAFailedReopenIsReported) {
+TEST_F(RecorderTest, MicrophoneIsReopenedOnDeviceChangeAndAFailedReopenIsReportedAndRetried) {
     auto& r = make();
     ASSERT_TRUE(startAndWait());
     rig.mic->onDeviceChange();
@@ -298,12 +298,25 @@ TEST_F(RecorderTest, MicrophoneIsReopenedOnDeviceChangeAndAFailedReopenIsReporte
     EXPECT_TRUE(r.state.isRecording.get());  // a failed reopen does not stop by itself
     EXPECT_TRUE(logged("startMic(mixer:restart:)"));
 
+    // It is tried again every two seconds (the server may be restarting) until it opens;
+    // the message goes with it.
+    rig.mic->failNext = [] { throw audio::CoreAudioError(-7, "pa_stream_connect_record"); };
+    exec.advance(RecorderService::kMicRetrySeconds);
+    ASSERT_TRUE(exec.runUntil([&] { return rig.mic->starts == 4; }));
+    EXPECT_FALSE(rig.mic->running);
+    exec.advance(RecorderService::kMicRetrySeconds);
+    ASSERT_TRUE(exec.runUntil([&] { return rig.mic->starts == 5 && !r.state.lastError.get(); }));
+    EXPECT_TRUE(rig.mic->running);
+    exec.advance(10 * RecorderService::kMicRetrySeconds);
+    exec.runUntil([] { return false; }, 0.05);
+    EXPECT_EQ(rig.mic->starts, 5) << "an open microphone is left alone";
+
     // After the stop, a late device change opens nothing.
     auto change = rig.mic->onDeviceChange;
     r.stop();
     change();
     exec.runUntil([] { return false; }, 0.05);
-    EXPECT_EQ(rig.mic->starts, 3);
+    EXPECT_EQ(rig.mic->starts, 5);
 }
 
 TEST_F(RecorderTest, CreationSettlesInterruptedEntriesAndRecoversOrphansInTheInterfaceLanguage) {
