@@ -3,6 +3,8 @@
 #include <alsa/asoundlib.h>
 
 #include <atomic>
+#include <cstdarg>
+#include <cstdio>
 #include <chrono>
 #include <mutex>
 #include <thread>
@@ -21,6 +23,24 @@ using audio::MicCaptureError;
 const log::Logger& logger() {
     static const log::Logger instance("AlsaMicEngine");
     return instance;
+}
+
+// ALSA prints its own diagnostics straight to standard error (a machine without a sound
+// card fills the terminal with them); they belong in our log, where the error we raise
+// from the failed call is reported anyway.
+void alsaDiagnostic(const char* file, int line, const char* function, int err, const char* format, ...) {
+    char text[512];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    logger().debug(std::string("alsa ") + (function ? function : "?") + " (" + (file ? file : "?") + ":" +
+                   std::to_string(line) + "): " + text + (err ? std::string(": ") + snd_strerror(err) : ""));
+}
+
+void routeAlsaDiagnostics() {
+    static std::once_flag once;
+    std::call_once(once, [] { snd_lib_error_set_handler(&alsaDiagnostic); });
 }
 
 double monotonicSeconds() {
@@ -117,6 +137,7 @@ private:
     void openDevice(const std::string& name, bool selecting) {
         if (pcm_) snd_pcm_close(pcm_);
         pcm_ = nullptr;
+        routeAlsaDiagnostics();
         int err = snd_pcm_open(&pcm_, name.c_str(), SND_PCM_STREAM_CAPTURE, 0);
         if (err < 0) {
             pcm_ = nullptr;
