@@ -86,28 +86,28 @@ void SystemAudioTap::followDefault(uint64_t generation, bool retrying) {
     }
     if (monitor == monitor_ && stream_ && stream_->running()) return;
     logger_.info("default output changed; reopening on " + monitor);
-    if (stream_) {
-        stream_->setEventHandler(nullptr);
-        stream_->stop();
-        stream_.reset();
-    }
+    closeStream();
     try {
         openOn(monitor);
     } catch (const CoreAudioError& e) {
         logger_.error(std::string("cannot reopen: ") + e.what());
-        monitor_.clear();
     }
 }
 
-// Runs on the tap's queue with mutex_ held.
-void SystemAudioTap::reconnect(uint64_t generation) {
-    if (retry_.active()) return;  // the stream and the connection both report one loss
+// With mutex_ held.
+void SystemAudioTap::closeStream() {
     if (stream_) {
         stream_->setEventHandler(nullptr);
         stream_->stop();
         stream_.reset();
     }
     monitor_.clear();
+}
+
+// Runs on the tap's queue with mutex_ held.
+void SystemAudioTap::reconnect(uint64_t generation) {
+    if (retry_.active()) return;  // the stream and the connection both report one loss
+    closeStream();
     try {
         connection_->connect();
         listen(generation);
@@ -115,12 +115,6 @@ void SystemAudioTap::reconnect(uint64_t generation) {
         logger_.info("the sound server answers again");
         serverLost_ = false;
     } catch (const CoreAudioError& e) {
-        if (stream_) {
-            stream_->setEventHandler(nullptr);
-            stream_->stop();
-            stream_.reset();
-        }
-        monitor_.clear();
         if (!serverLost_) logger_.error(std::string("lost the sound server; retrying every second: ") + e.what());
         serverLost_ = true;
         retry_ = queue_->postAfter(kReconnectSeconds, [this, generation] { followDefault(generation, true); });
@@ -132,14 +126,9 @@ void SystemAudioTap::stop() {
     ++*generation_;
     retry_.cancel();
     serverLost_ = false;
-    if (stream_) {
-        stream_->setEventHandler(nullptr);
-        stream_->stop();
-        stream_.reset();
-    }
+    closeStream();
     connection_.reset();
     handler_ = nullptr;
-    monitor_.clear();
     running_ = false;
 }
 

@@ -46,6 +46,7 @@ private:
     void listen(uint64_t generation);
     void followDefault(uint64_t generation, bool retrying = false);
     void reconnect(uint64_t generation);
+    void closeStream();
 
     log::Logger logger_{"SystemAudioTap"};
     mutable std::mutex mutex_;
