@@ -108,13 +108,7 @@ int Connection::lastError() const {
 void Connection::connect() {
     Lock lock(*this);
     if (context_ && pa_context_get_state(context_) == PA_CONTEXT_READY) return;
-    if (context_) {
-        pa_context_set_state_callback(context_, nullptr, nullptr);
-        pa_context_set_subscribe_callback(context_, nullptr, nullptr);
-        pa_context_disconnect(context_);
-        pa_context_unref(context_);
-        context_ = nullptr;
-    }
+    releaseContext();
     pa_proplist* props = pa_proplist_new();
     pa_proplist_sets(props, PA_PROP_APPLICATION_NAME, "Vell");
     pa_proplist_sets(props, PA_PROP_APPLICATION_ID, "app.quillon.mac");
@@ -132,22 +126,23 @@ void Connection::connect() {
     });
     if (pa_context_get_state(context_) == PA_CONTEXT_READY) return;
     const int error = settled ? pa_context_errno(context_) : PA_ERR_TIMEOUT;
-    pa_context_set_state_callback(context_, nullptr, nullptr);
-    pa_context_disconnect(context_);
-    pa_context_unref(context_);
-    context_ = nullptr;
+    releaseContext();
     throw CoreAudioError(error, "pa_context_connect");
 }
 
 void Connection::disconnect() {
     Lock lock(*this);
+    releaseContext();
+    wasReady_ = false;
+}
+
+void Connection::releaseContext() {
     if (!context_) return;
     pa_context_set_state_callback(context_, nullptr, nullptr);
     pa_context_set_subscribe_callback(context_, nullptr, nullptr);
     pa_context_disconnect(context_);
     pa_context_unref(context_);
     context_ = nullptr;
-    wasReady_ = false;
 }
 
 void Connection::requireConnected(const char* operation) const {

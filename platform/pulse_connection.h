@@ -109,6 +109,8 @@ private:
     struct Callbacks;
     friend struct Callbacks;
     void requireConnected(const char* operation) const;
+    // Detaches and drops the context, if any; the caller holds the loop's lock.
+    void releaseContext();
 
     std::string clientName_;
     pa_threaded_mainloop* mainloop_ = nullptr;
