@@ -3,6 +3,7 @@
 #include "platform/manual_executor.h"
 #include "platform/runtime.h"
 #include "service/upload_queue.h"
+#include "tests/support/memory_pending_store.h"
 #include "tests/service/http_fixture.h"
 
 namespace vell::service::testing {
@@ -11,22 +12,7 @@ namespace {
 using recording::PendingRecording;
 using Status = PendingRecording::Status;
 
-class ListStore final : public recording::PendingRecordingStore {
-public:
-    std::vector<PendingRecording> list;
-    std::vector<PendingRecording> pending() const override { return list; }
-    bool update(const std::string& id, const std::function<void(PendingRecording&)>& change) override {
-        for (auto& r : list) {
-            if (r.id == id) {
-                change(r);
-                return true;
-            }
-        }
-        return false;
-    }
-    void add(PendingRecording r) override { list.push_back(std::move(r)); }
-    bool remove(const std::string& id) override { return std::erase_if(list, [&](auto& r) { return r.id == id; }) > 0; }
-};
+using ListStore = test::MemoryPendingStore;
 
 struct QueueHTTPTest : ServiceTest {
     ManualClock clock;

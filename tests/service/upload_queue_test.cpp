@@ -9,6 +9,7 @@
 #include "platform/runtime.h"
 #include "service/upload_candidates.h"
 #include "service/upload_queue.h"
+#include "tests/support/memory_pending_store.h"
 #include "tests/support/temp_home.h"
 
 namespace vell::service {
@@ -18,30 +19,7 @@ using recording::PendingRecording;
 using Status = PendingRecording::Status;
 namespace fs = std::filesystem;
 
-class MemoryStore final : public recording::PendingRecordingStore {
-public:
-    std::vector<PendingRecording> list;
-    std::vector<PendingRecording> pending() const override { return list; }
-    bool update(const std::string& id, const std::function<void(PendingRecording&)>& change) override {
-        for (auto& r : list) {
-            if (r.id == id) {
-                change(r);
-                return true;
-            }
-        }
-        return false;
-    }
-    void add(PendingRecording r) override { list.push_back(std::move(r)); }
-    bool remove(const std::string& id) override {
-        return std::erase_if(list, [&](auto& r) { return r.id == id; }) > 0;
-    }
-    const PendingRecording& at(const std::string& id) const {
-        for (auto& r : list) {
-            if (r.id == id) return r;
-        }
-        throw std::out_of_range(id);
-    }
-};
+using MemoryStore = test::MemoryPendingStore;
 
 // Answers each upload with the next scripted result, either at once or when released.
 class ScriptedUploader final : public RecordingUploader {
