@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 #include <mutex>
 
@@ -193,10 +194,12 @@ Expected<Response, TransportError> Session::perform(const Request& request) cons
     curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, &writeResponse);
     curl_easy_setopt(h, CURLOPT_WRITEDATA, &response.body);
-    double total = std::clamp(request.timeoutSeconds, 1.0, kMaxTransferSeconds);
-    curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, static_cast<long>(total * 1000));
+    // Idle limit: below one byte a second for that long, or that long to connect.
+    const double idle = std::max(request.idleSeconds, 1.0);
+    curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(idle * 1000));
     curl_easy_setopt(h, CURLOPT_LOW_SPEED_LIMIT, 1L);
-    curl_easy_setopt(h, CURLOPT_LOW_SPEED_TIME, kIdleTimeoutSeconds);
+    curl_easy_setopt(h, CURLOPT_LOW_SPEED_TIME, static_cast<long>(std::ceil(idle)));
+    curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, static_cast<long>(std::max(request.maxSeconds, idle) * 1000));
     curl_easy_setopt(h, CURLOPT_XFERINFOFUNCTION, &progress);
     curl_easy_setopt(h, CURLOPT_XFERINFODATA, request.cancel);
     curl_easy_setopt(h, CURLOPT_NOPROGRESS, request.cancel ? 0L : 1L);
@@ -255,6 +258,10 @@ Expected<Response, TransportError> Session::perform(const Request& request) cons
     if (fd >= 0) ::close(fd);
     if (code != CURLE_OK) {
         std::string text = errorText[0] ? errorText.data() : curl_easy_strerror(code);
+        // libcurl words the idle limit as a speed; say what happened instead.
+        if (code == CURLE_OPERATION_TIMEDOUT && text.find("too slow") != std::string::npos) {
+            text = "Timed out: nothing was sent or received for " + std::to_string(static_cast<long>(std::ceil(idle))) + " s";
+        }
         return unexpected(TransportError{static_cast<int>(code), text, noConnection(code)});
     }
     curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &response.status);

@@ -10,10 +10,6 @@
 
 namespace vell::http {
 
-// Idle time after which a transfer is abandoned, and the ceiling of any one transfer.
-inline constexpr long kIdleTimeoutSeconds = 30;
-inline constexpr double kMaxTransferSeconds = 600;
-
 class Session {
 public:
     Session();

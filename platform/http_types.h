@@ -19,8 +19,11 @@ struct Request {
     // The body: bytes in memory, or a file streamed from disk (never both).
     std::optional<std::string> body;
     std::optional<std::filesystem::path> bodyFile;
-    // Whole request, capped at the per-transfer limit.
-    double timeoutSeconds = 60;
+    // Abandoned when no byte moved for this long (connecting, sending or waiting for the
+    // answer): a slow link that keeps moving is never cut off by it.
+    double idleSeconds = 60;
+    // Abandoned when the whole exchange takes longer than this.
+    double maxSeconds = 600;
     // Set from another thread to abandon the transfer.
     const std::atomic<bool>* cancel = nullptr;
 };

@@ -1,5 +1,7 @@
 #include "service/account_client.h"
 
+#include "service/reply_records.h"
+
 namespace vell::service {
 
 Expected<Me, APIError> AccountClient::decodeMe(const Json& value) {
@@ -13,11 +15,17 @@ Expected<Me, APIError> AccountClient::decodeMe(const Json& value) {
     } else {
         return unexpected(APIError::decoding("user: missing id"));
     }
-    auto email = stringField(value, "email");
-    if (!email) return unexpected(APIError::decoding("user: missing email"));
-    me.email = *email;
-    me.role = stringField(value, "role").value_or("");
+    auto email = value.find("email");
+    auto role = value.find("role");
     auto admin = value.find("isAdmin");
+    // The whole record or nothing: a mistyped optional field is not quietly dropped.
+    if (email == value.end() || !email->is_string()) return unexpected(APIError::decoding("user: missing email"));
+    if (role != value.end() && !role->is_null() && !role->is_string()) return unexpected(APIError::decoding("user: role"));
+    if (admin != value.end() && !admin->is_null() && !admin->is_boolean()) {
+        return unexpected(APIError::decoding("user: isAdmin"));
+    }
+    me.email = email->get<std::string>();
+    me.role = stringField(value, "role").value_or("");
     me.isAdmin = admin != value.end() && admin->is_boolean() && admin->get<bool>();
     return me;
 }
@@ -35,10 +43,9 @@ Expected<Json, APIError> sendCredentials(const APIClient& client, ApiRequest req
     auto response = client.perform(std::move(request));
     if (!response) return unexpected(response.error());
     if (response->status == 401) {
-        Json body = Json::parse(response->body, nullptr, false);
-        auto code = stringField(body, "error");
-        if (code && !code->empty() && *code != "unauthorized") {
-            return unexpected(APIError::http(401, code, stringField(body, "message")));
+        auto body = decodeErrorBody(response->body).value_or(ErrorBody{});
+        if (body.error && !body.error->empty() && *body.error != "unauthorized") {
+            return unexpected(APIError::http(401, body.error, body.message));
         }
     }
     return APIClient::validate(*response);

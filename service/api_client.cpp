@@ -1,10 +1,12 @@
 #include "service/api_client.h"
 
 #include <chrono>
+#include <cstdlib>
 
 #include "platform/http_user_agent.h"
 #include "platform/log.h"
 #include "platform/plist_cookies.h"
+#include "service/reply_records.h"
 #include "session/session_file_store.h"
 
 namespace vell::service {
@@ -35,7 +37,23 @@ std::string joinPath(const std::string& base, const std::string& path) {
     return url;
 }
 
+bool isLoopback(const std::string& host) {
+    return host == "localhost" || host == "::1" || host.rfind("127.", 0) == 0;
+}
+
 }  // namespace
+
+std::string configuredBaseURL() {
+    const char* override = std::getenv("VELL_API_BASE_URL");
+    if (!override || !*override) return VELL_API_BASE_URL;
+    const std::string url = override;
+    const std::string host = http::hostOf(url);
+    const bool https = url.rfind("https://", 0) == 0 && !host.empty();
+    const bool localHttp = url.rfind("http://", 0) == 0 && isLoopback(host);
+    if (https || localHttp) return url;
+    logger().error("VELL_API_BASE_URL ignored (only https, or http to this computer): " + url);
+    return VELL_API_BASE_URL;
+}
 
 APIClient::APIClient(std::string apiBaseURL) : baseURL_(std::move(apiBaseURL)), host_(http::hostOf(baseURL_)) {
     restoreSession();
@@ -68,7 +86,8 @@ Expected<http::Request, APIError> APIClient::build(ApiRequest request) const {
             separator = '&';
         }
     }
-    out.timeoutSeconds = request.timeoutSeconds;
+    out.idleSeconds = request.idleSeconds;
+    out.maxSeconds = kTransferLimit;
     out.cancel = &cancel_;
     out.headers.emplace_back("Accept", "application/json");
     out.headers.emplace_back("User-Agent", http::userAgent());
@@ -113,13 +132,8 @@ Expected<Json, APIError> APIClient::validate(const http::Response& response) {
         return value;
     }
     if (status == 401) return unexpected(APIError::unauthenticated());
-    std::optional<std::string> code, message;
-    Json body = Json::parse(response.body, nullptr, false);
-    if (body.is_object()) {
-        code = stringField(body, "error");
-        message = stringField(body, "message");
-    }
-    return unexpected(APIError::http(static_cast<int>(status), code, message));
+    auto body = decodeErrorBody(response.body).value_or(ErrorBody{});
+    return unexpected(APIError::http(static_cast<int>(status), body.error, body.message));
 }
 
 Expected<Json, APIError> APIClient::send(ApiRequest request) const {

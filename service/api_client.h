@@ -24,9 +24,11 @@ namespace vell::service {
 
 using Json = nlohmann::json;
 
-// Seconds: every request, and the deliberately longer chunk of a resumable upload.
+// Seconds without a byte moving after which a request is given up, and the deliberately
+// longer one of a resumable upload's part; and the limit of any one whole transfer.
 inline constexpr double kRequestTimeout = 60;
 inline constexpr double kPartTimeout = 90;
+inline constexpr double kTransferLimit = 600;
 // Key of the cookie snapshot in session storage, and the cookie that carries the session.
 inline constexpr const char* kCookieSnapshotKey = "cookies.v1";
 inline constexpr const char* kSessionCookieName = "vell_session";
@@ -39,13 +41,19 @@ struct ApiRequest {
     http::Headers headers;     // extra headers (a raw body names its own Content-Type)
     std::optional<std::string> body;
     std::optional<std::filesystem::path> bodyFile;
-    double timeoutSeconds = kRequestTimeout;
+    double idleSeconds = kRequestTimeout;
 };
+
+// The service's root URL: the one fixed at build time, or for development and tests the
+// environment's VELL_API_BASE_URL when it is https, or plain http to this computer
+// (anything else is refused with a log line, so a stray variable cannot send a session
+// cookie in clear over the network).
+std::string configuredBaseURL();
 
 class APIClient {
 public:
     // Restores the cookie snapshot from session storage.
-    explicit APIClient(std::string apiBaseURL = VELL_API_BASE_URL);
+    explicit APIClient(std::string apiBaseURL = configuredBaseURL());
     // Abandons transfers in flight and waits for the worker threads.
     ~APIClient();
     APIClient(const APIClient&) = delete;

@@ -10,6 +10,7 @@
 
 #include "platform/log.h"
 #include "service/multipart_builder.h"
+#include "service/reply_records.h"
 
 namespace vell::service {
 
@@ -79,18 +80,17 @@ Expected<std::string, UploadError> RecordingUploads::uploadRecording(const std::
                                  .json = std::move(startBody),
                                  .headers = {{"X-Vell-Idempotency-Key", fileName}}});
     if (!started) return unexpected(started.error());
-    auto uploadId = stringField(*started, "uploadId");
-    auto received = integerField(*started, "bytesReceived");
-    if (!uploadId || !received) return unexpected(APIError::decoding("resumable start: missing uploadId or bytesReceived"));
-    if (auto recordingId = stringField(*started, "recordingId"); recordingId && stringField(*started, "status") == "done") {
-        logger().info(fileName + ": already uploaded as " + *recordingId);
-        return *recordingId;
+    auto start = decodeResumableStart(*started);
+    if (!start) return unexpected(APIError::decoding("resumable start: not a start record"));
+    if (start->recordingId && start->status == "done") {
+        logger().info(fileName + ": already uploaded as " + *start->recordingId);
+        return *start->recordingId;
     }
-    long long offset = *received;
+    long long offset = start->bytesReceived;
     if (offset < 0 || offset > totalBytes) return unexpected(APIError::decoding("invalid resumable offset"));
     report(progress, offset, totalBytes);
 
-    const std::string partPath = "api/recordings/upload/" + *uploadId + "/part";
+    const std::string partPath = "api/recordings/upload/" + start->uploadId + "/part";
     while (offset < totalBytes) {
         long long length = std::min(totalBytes - offset, kUploadChunkBytes);
         auto chunk = readAt(in.fd, offset, length);
@@ -102,15 +102,13 @@ Expected<std::string, UploadError> RecordingUploads::uploadRecording(const std::
                                       .path = partPath,
                                       .headers = {{"Content-Type", mimeType}, {"X-Upload-Offset", std::to_string(offset)}},
                                       .body = std::move(*chunk),
-                                      .timeoutSeconds = kPartTimeout});
+                                      .idleSeconds = kPartTimeout});
         if (!reply) return unexpected(reply.error());
-        Json part = Json::parse(reply->body, nullptr, false);
-        bool decodable = part.is_object();
+        auto part = decodeResumablePart(reply->body);
         std::optional<long long> acknowledged;
-        if (decodable) acknowledged = integerField(part, "bytesReceived");
-        if (reply->status == 409 && decodable) {
-            auto recordingId = stringField(part, "recordingId");
-            if (stringField(part, "error") == "already_finalized" && recordingId) return *recordingId;
+        if (part) acknowledged = part->bytesReceived;
+        if (reply->status == 409 && part) {
+            if (part->error == "already_finalized" && part->recordingId) return *part->recordingId;
             if (acknowledged && *acknowledged >= 0 && *acknowledged <= totalBytes) {
                 logger().info(fileName + ": service holds " + std::to_string(*acknowledged) + " bytes, not " +
                               std::to_string(offset));
@@ -128,14 +126,14 @@ Expected<std::string, UploadError> RecordingUploads::uploadRecording(const std::
         report(progress, offset, totalBytes);
     }
 
-    ApiRequest finalize{.method = "POST", .path = "api/recordings/upload/" + *uploadId + "/finalize"};
+    ApiRequest finalize{.method = "POST", .path = "api/recordings/upload/" + start->uploadId + "/finalize"};
     if (auto window = captureMilliseconds(capture)) {
         finalize.json = Json{{"captureStartedAt", window->first}, {"captureEndedAt", window->second}};
     }
     auto created = client_.send(std::move(finalize));
     if (!created) return unexpected(created.error());
-    auto id = stringField(*created, "id");
-    if (!id) return unexpected(APIError::decoding("finalize: missing id"));
+    auto id = decodeCreatedID(*created);
+    if (!id) return unexpected(APIError::decoding("finalize: not a created record"));
     return *id;
 }
 
@@ -160,8 +158,8 @@ Expected<std::string, UploadError> RecordingUploads::uploadMultipart(const std::
                                  .bodyFile = body.url()});
     // The builder (and its temporary file) goes away on every path out of here.
     if (!created) return unexpected(created.error());
-    auto id = stringField(*created, "id");
-    if (!id) return unexpected(APIError::decoding("multipart upload: missing id"));
+    auto id = decodeCreatedID(*created);
+    if (!id) return unexpected(APIError::decoding("multipart upload: not a created record"));
     return *id;
 }
 

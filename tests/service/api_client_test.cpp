@@ -31,9 +31,15 @@ TEST(APIClientValidation, ErrorBodiesGiveCodeAndMessage) {
     EXPECT_EQ(withMessage.error().description(Language::English), "Under one hour, please.");
     auto html = APIClient::validate(reply(500, "<html><body>Internal Server Error</body></html>"));
     EXPECT_EQ(html.error().description(Language::English), "Server error (500).");
-    // Fields of the wrong type count as absent.
-    auto odd = APIClient::validate(reply(400, R"({"error":17,"message":null})"));
-    EXPECT_EQ(odd.error().description(Language::English), "Server error (400).");
+    // A body that does not decode as a whole counts as absent: one mistyped field costs
+    // the others too, so a reply is never read partly.
+    for (const char* body : {R"({"error":17,"message":null})", R"({"ok":"no","error":"too_long"})",
+                             R"({"error":"too_long","message":["x"]})", R"(["too_long"])"}) {
+        auto odd = APIClient::validate(reply(400, body));
+        EXPECT_EQ(odd.error().description(Language::English), "Server error (400).") << body;
+    }
+    EXPECT_EQ(APIClient::validate(reply(400, R"({"error":"too_long","message":null,"extra":1})")).error().description(Language::English),
+              "This part is too long.");
 }
 
 TEST(APIClientValidation, SuccessBodiesMustBeJSON) {
@@ -67,7 +73,8 @@ TEST(APIClientRequests, BuildsURLHeadersAndJSONBody) {
     EXPECT_EQ(header("Content-Type"), "application/json");
     EXPECT_TRUE(std::regex_match(header("User-Agent"), std::regex(R"(VellMac/[^ ]+ \([^;]+; Linux \d+\.\d+\))")))
         << header("User-Agent");
-    EXPECT_EQ(built->timeoutSeconds, kRequestTimeout);
+    EXPECT_EQ(built->idleSeconds, kRequestTimeout);
+    EXPECT_EQ(built->maxSeconds, kTransferLimit);
 }
 
 TEST(APIClientRequests, UnencodableJSONFailsBeforeSending) {

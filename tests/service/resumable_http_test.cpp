@@ -151,6 +151,12 @@ TEST_F(UploadTest, LostSessionAndBrokenAnswers) {
     ASSERT_FALSE(ack);
     EXPECT_EQ(ack.error().api->detail, "invalid resumable acknowledgement");
     EXPECT_EQ(ack.error().description(Language::English), "Unexpected server response.");
+    // A conflict whose reply is not a part record as a whole gives no offset to follow.
+    server->addFault({{"method", "PUT"}, {"path", "/part"}, {"action", "status"}, {"status", 409},
+                      {"body", {{"bytesReceived", 0}, {"recordingId", 7}}}});
+    auto conflict = upload(file);
+    ASSERT_FALSE(conflict);
+    EXPECT_EQ(conflict.error().description(Language::English), "Server error (409).");
     auto missing = upload(home.root() / "vell_rec_missing.aac");
     ASSERT_FALSE(missing);
     EXPECT_FALSE(missing.error().api);
