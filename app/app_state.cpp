@@ -1,7 +1,9 @@
 #include "app/app_state.h"
 
 #include <algorithm>
+#include <utility>
 
+#include "app/preference_keys.h"
 #include "platform/log.h"
 
 namespace vell::app {
@@ -11,7 +13,7 @@ const log::Logger kLog("AppState");
 }
 
 AppState::AppState(service::AccountApi& api, UserDefaults& defaults, AdoptUnowned adoptUnowned, Executor& main)
-    : api_(api), adoptUnowned_(std::move(adoptUnowned)), main_(main), legacyAdoption_(defaults) {
+    : api_(api), defaults_(defaults), adoptUnowned_(std::move(adoptUnowned)), main_(main), legacyAdoption_(defaults) {
     launchSessionStillActive_ = api_.hasSession();
 }
 
@@ -31,30 +33,41 @@ auto AppState::guarded(F f) {
 }
 
 std::optional<std::string> AppState::accountID() const {
-    auto user = me.get();
-    return user ? std::optional<std::string>(user->id) : std::nullopt;
+    if (auto user = me.get()) return user->id;
+    if (phase.get() == Phase::launching && api_.hasSession()) return defaults_.stringValue(prefs::kSessionAccountID);
+    return std::nullopt;
 }
 
-void AppState::bootstrap() {
+void AppState::bootstrap(Settled settled) {
     if (bootstrapped_) return;
     bootstrapped_ = true;
+    settled_ = std::move(settled);
     checkLaunchSession();
+}
+
+void AppState::reportSettled(const std::optional<service::APIError>& error) {
+    if (auto settled = std::exchange(settled_, nullptr)) settled(error);
 }
 
 void AppState::checkLaunchSession() {
     if (!api_.hasSession()) {
         launchSessionStillActive_ = false;
         phase.set(Phase::signedOut);
-        return;
+        return reportSettled(std::nullopt);
     }
     api_.fetchMe(guarded([this](Expected<service::Me, service::APIError> result) {
-        if (phase.get() != Phase::launching) return;  // signed in or out meanwhile
+        if (phase.get() != Phase::launching) return reportSettled(std::nullopt);  // signed in or out meanwhile
         launchSessionStillActive_ = false;
-        if (result) return becomeSignedIn(*result);
+        if (result) {
+            becomeSignedIn(*result);
+            return reportSettled(std::nullopt);
+        }
         if (result.error().isSessionRejection()) {
             kLog.info("stored session rejected");
-            return localSignOut();
+            localSignOut();
+            return reportSettled(std::nullopt);
         }
+        reportSettled(result.error());
         // Offline or server trouble: keep the session, keep recording, try again later.
         kLog.error("launch session check failed: " + result.error().description(Language::English));
         double delay = nextRetrySeconds_;
@@ -67,6 +80,7 @@ void AppState::checkLaunchSession() {
 
 void AppState::becomeSignedIn(const service::Me& user) {
     retry_.cancel();
+    if (defaults_.stringValue(prefs::kSessionAccountID) != user.id) defaults_.set(prefs::kSessionAccountID, user.id);
     me.set(user);
     phase.set(Phase::signedIn);
     api_.setIdentity(user);
@@ -162,6 +176,7 @@ void AppState::localSignOut() {
     launchSessionStillActive_ = false;
     api_.setIdentity(std::nullopt);
     api_.clearSession();
+    defaults_.remove(prefs::kSessionAccountID);
     legacyAdoption_.reload();
 }
 

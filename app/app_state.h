@@ -40,10 +40,15 @@ public:
     bool launchSessionStillActive() const { return launchSessionStillActive_; }
     const LegacyAdoptionWindow& legacyAdoption() const { return legacyAdoption_; }
     bool keepAliveRunning() const { return keepAlive_.active(); }
+    // Who new recordings belong to: the signed-in user, or while the launch check of a
+    // stored session has not succeeded yet, the account that session was opened for.
     std::optional<std::string> accountID() const;
 
-    // The launch check; runs once however often it is asked for.
-    void bootstrap();
+    // The launch check; runs once however often it is asked for. `settled` runs when its
+    // first answer is in: nothing when signed in or out by it, the error when the session
+    // was kept because the service could not tell (it is tried again later).
+    using Settled = std::function<void(const std::optional<service::APIError>&)>;
+    void bootstrap(Settled settled = {});
     void signIn(const std::string& email, const std::string& password, Done<service::SignInStep> done);
     void verifyMfa(const service::MfaAnswer& answer, Done<Unit> done);
     // Leaves the second-factor form.
@@ -61,11 +66,14 @@ private:
     // the session, and report the outcome.
     void finishSignIn(Done<Unit> done);
     void keepAliveTick();
+    void reportSettled(const std::optional<service::APIError>& error);
     template <class F>
     auto guarded(F f);
 
     service::AccountApi& api_;
+    UserDefaults& defaults_;
     AdoptUnowned adoptUnowned_;
+    Settled settled_;
     Executor& main_;
     LegacyAdoptionWindow legacyAdoption_;
     bool launchSessionStillActive_ = false;

@@ -2,7 +2,7 @@
 
 #include <mutex>
 
-#include "app/app_state.h"
+#include "app/core_services.h"
 #include "audio/mic_capture.h"
 #include "audio/microphone_settings.h"
 #include "audio/realtime_mixer.h"
@@ -11,14 +11,11 @@
 #include "platform/runtime.h"
 #include "platform/user_defaults.h"
 #include "recording/recorder_service.h"
-#include "service/account_client.h"
 #include "service/api_client.h"
 
 namespace vell::app {
 
 namespace {
-std::mutex gLock;
-std::function<std::optional<std::string>()> gAccountSource;
 
 // The user's microphone choice, read on the main executor when a recording opens; the
 // device list is enumerated only then, not by commands that never record.
@@ -56,11 +53,6 @@ private:
 };
 }  // namespace
 
-void setAccountSource(std::function<std::optional<std::string>()> source) {
-    std::lock_guard lock(gLock);
-    gAccountSource = std::move(source);
-}
-
 recording::RecorderParts recorderParts() {
     recording::RecorderParts parts;
     parts.microphone = audio::MicCapture::makeDefault();
@@ -70,41 +62,20 @@ recording::RecorderParts recorderParts() {
         return std::make_unique<audio::RealtimeMixer>(file, sampleRate);
     };
     parts.speech = std::make_shared<LazySpeechDetector>();
-    parts.accountID = []() -> std::optional<std::string> {
-        std::function<std::optional<std::string>()> source;
-        {
-            std::lock_guard lock(gLock);
-            source = gAccountSource;
-        }
-        return source ? source() : std::nullopt;
-    };
+    // Asked on the main executor when a recording starts.
+    parts.accountID = [] { return core().accountID(); };
     parts.hasServiceSession = [] { return false; };
     return parts;
 }
 
 void installComposition() { recording::RecorderService::setSharedPartsProvider(&recorderParts); }
 
-}  // namespace vell::app
-
-namespace vell::app {
-
-service::APIClient& apiClient() {
-    // Never destroyed: transfers may still complete while the process ends.
-    static auto* client = new service::APIClient();
-    return *client;
-}
-
-AppState& appState() {
-    static AppState* state = [] {
-        static auto* account = new service::AccountClient(apiClient());
-        auto* made = new AppState(
-            *account, UserDefaults::standard(),
-            [](const std::string& accountID) { recording::RecorderService::shared().assignAccountToUnowned(accountID); },
-            runtime::main());
-        setAccountSource([made] { return made->accountID(); });
-        return made;
-    }();
-    return *state;
+CoreServices& core() {
+    // Never destroyed: transfers and timers may still complete while the process ends.
+    static CoreServices* made = new CoreServices(
+        *new service::APIClient(), []() -> recording::RecorderService& { return recording::RecorderService::shared(); },
+        UserDefaults::standard(), runtime::main(), runtime::clock());
+    return *made;
 }
 
 }  // namespace vell::app

@@ -7,10 +7,6 @@
 
 #include "recording/recorder_parts.h"
 
-namespace vell::service {
-class APIClient;
-}
-
 namespace vell::app {
 
 // The parts of the process's recorder.
@@ -20,15 +16,10 @@ recording::RecorderParts recorderParts();
 // recorder is first used.
 void installComposition();
 
-// Who new recordings belong to (the signed-in account), once an AppState exists.
-void setAccountSource(std::function<std::optional<std::string>()> source);
-
-class AppState;
-// The process's client of the service (its cookie jar restored from session storage).
-service::APIClient& apiClient();
-// The process's application state over apiClient(): made on first use on the main
-// executor; new recordings are stamped with its account, and its one-time adoption of
-// unowned recordings goes through RecorderService::shared().
-AppState& appState();
+class CoreServices;
+// The process's core services (service client, signed-in identity, recorder, uploads),
+// made on first use on the main executor after installComposition(). New recordings are
+// stamped with its account.
+CoreServices& core();
 
 }  // namespace vell::app

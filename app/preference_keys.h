@@ -20,6 +20,10 @@ inline constexpr std::string_view kMenuBarTipShown = "app.quillon.mac.menuBarTip
 inline constexpr std::string_view kMicrophoneRecording = "app.quillon.mac.microphone.recording";
 inline constexpr std::string_view kMicrophoneInsurance = "app.quillon.mac.microphone.insurance";
 
+// Text: the account the stored session was opened for, so that recordings made before the
+// launch check has answered (offline, say) still belong to it; removed at sign-out.
+inline constexpr std::string_view kSessionAccountID = "app.quillon.mac.sessionAccountID";
+
 // Integer minutes: 15 when absent or below 1, otherwise clamped to 5...60.
 inline constexpr std::string_view kInsuranceWindowMinutes = "app.quillon.mac.insurance.windowMinutes";
 

@@ -9,7 +9,10 @@
 #include "cli/account_messages.h"
 #include "cli/command.h"
 #include "cli/help_messages.h"
-#include "service/account_client.h"
+#include "app/composition.h"
+#include "app/core_services.h"
+#include "cli/runtime_scope.h"
+#include "recording/recorder_service.h"
 
 namespace vell::cli {
 
@@ -42,7 +45,7 @@ std::optional<std::string> ask(const std::string& prompt) {
     return readLine();
 }
 
-int login(std::string email) {
+int login(Context& context, std::string email) {
     if (email.empty()) email = ask(messages::kEmailPrompt).value_or("");
     if (email.empty()) {
         std::cerr << messages::kMissingEmail.str() << "\n";
@@ -53,16 +56,29 @@ int login(std::string email) {
         std::cerr << messages::kMissingPassword.str() << "\n";
         return kExitUsage;
     }
-    service::APIClient client;
-    service::AccountClient account(client);
-    auto step = account.signInNow(email, *password);
-    if (!step) {
-        std::cerr << step.error().description() << "\n";
+    // Signing in gives unowned recordings to the account once, through the recorder, so
+    // this command owns the data folder like any other that changes the pending list.
+    auto scope = RuntimeScope::enter(context);
+    if (!scope) return context.exitCode;
+    auto& core = app::core();
+    auto& state = core.appState();
+    core.recorder();
+    std::optional<service::APIError> failure;
+    std::optional<service::SignInStep> step;
+    state.signIn(email, *password, [&](Expected<service::SignInStep, service::APIError> result) {
+        if (result) step = *result;
+        else failure = result.error();
+        scope->stop();
+    });
+    scope->run();
+    if (failure) {
+        std::cerr << failure->description() << "\n";
         return kExitFailure;
     }
-    if (*step == service::SignInStep::mfaRequired) {
+    if (step == service::SignInStep::mfaRequired) {
         auto code = ask(messages::kCodePrompt);
         if (!code || code->empty()) {
+            state.cancelMfa();
             std::cerr << messages::kMissingCode.str() << "\n";
             return kExitUsage;
         }
@@ -73,14 +89,17 @@ int login(std::string email) {
         } else {
             answer.backupCode = *code;
         }
-        auto verified = account.verifyMfaNow(answer);
-        if (!verified) {
-            std::cerr << verified.error().description() << "\n";
+        state.verifyMfa(answer, [&](Expected<Unit, service::APIError> result) {
+            if (!result) failure = result.error();
+            scope->stop();
+        });
+        scope->run();
+        if (failure) {
+            std::cerr << failure->description() << "\n";
             return kExitFailure;
         }
     }
-    account.saveSession();
-    auto me = account.fetchMeNow();
+    auto me = state.me.get();
     std::cout << messages::kSignedInAs.str() << (me ? me->email : email) << ".\n";
     return kExitOK;
 }
@@ -89,7 +108,7 @@ void setup(CLI::App& app, Context& context) {
     auto* cmd = app.add_subcommand("login", help::kLogin.str());
     auto email = std::make_shared<std::string>();
     cmd->add_option("--email", *email, help::kLoginEmail.str());
-    cmd->callback([email, &context] { context.exitCode = login(*email); });
+    cmd->callback([email, &context] { context.exitCode = login(context, *email); });
 }
 
 }  // namespace

@@ -4,15 +4,19 @@
 #include "cli/account_messages.h"
 #include "cli/command.h"
 #include "cli/help_messages.h"
-#include "service/account_client.h"
+#include "app/composition.h"
+#include "app/core_services.h"
+#include "cli/runtime_scope.h"
 
 namespace vell::cli {
 
 namespace {
 
-int logout() {
-    service::APIClient client;
-    service::AccountClient account(client);
+int logout(Context& context) {
+    auto scope = RuntimeScope::enter(context, {.ownsDataDirectories = false});
+    if (!scope) return context.exitCode;
+    auto& core = app::core();
+    auto& account = core.account();
     if (account.hasSession()) {
         auto ended = account.logoutNow();
         // A session the service already dropped is just as ended.
@@ -20,14 +24,14 @@ int logout() {
             std::cerr << messages::kLogoutNotReached.str() << " (" << ended.error().description() << ")\n";
         }
     }
-    account.clearSession();
+    core.appState().localSignOut();
     std::cout << messages::kSignedOut.str() << "\n";
     return kExitOK;
 }
 
 void setup(CLI::App& app, Context& context) {
     auto* cmd = app.add_subcommand("logout", help::kLogout.str());
-    cmd->callback([&context] { context.exitCode = logout(); });
+    cmd->callback([&context] { context.exitCode = logout(context); });
 }
 
 }  // namespace

@@ -5,6 +5,8 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 
+#include "app/composition.h"
+#include "app/core_services.h"
 #include "cli/command.h"
 #include "cli/pending_messages.h"
 #include "cli/runtime_scope.h"
@@ -68,7 +70,7 @@ void setup(CLI::App& app, Context& context) {
     cmd->callback([&context, json] {
         auto scope = RuntimeScope::enter(context);
         if (!scope) return;
-        auto list = recording::RecorderService::shared().pending();
+        auto list = app::core().recorder().pending();
         if (*json) {
             nlohmann::ordered_json array = nlohmann::ordered_json::array();
             for (const auto& r : list) array.push_back(recording::coding::encode(r));

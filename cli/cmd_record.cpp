@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "app/composition.h"
+#include "app/core_services.h"
 #include "cli/command.h"
 #include "cli/record_messages.h"
 #include "cli/runtime_scope.h"
@@ -147,7 +148,11 @@ void setup(CLI::App& app, Context& context) {
             }
             return parts;
         });
-        auto& recorder = recording::RecorderService::shared();
+        auto& core = app::core();
+        auto& recorder = core.recorder();
+        // Signs in from the stored session meanwhile; a recording that starts before the
+        // answer is stamped with the account that session belongs to.
+        core.bootstrap();
         auto& main = runtime::main();
         const bool terminal = ::isatty(STDERR_FILENO) == 1;
 

@@ -4,17 +4,14 @@
 
 #include <cmath>
 #include <iostream>
-#include <random>
 
-#include "app/legacy_adoption_window.h"
+#include "app/composition.h"
+#include "app/core_services.h"
 #include "cli/account_messages.h"
 #include "cli/command.h"
 #include "cli/help_messages.h"
 #include "cli/runtime_scope.h"
-#include "platform/paths.h"
-#include "platform/runtime.h"
-#include "recording/pending_list.h"
-#include "service/account_client.h"
+#include "recording/recorder_service.h"
 #include "service/upload_queue.h"
 
 namespace vell::cli {
@@ -22,48 +19,6 @@ namespace vell::cli {
 namespace {
 
 using recording::PendingRecording;
-
-// The pending list straight from its file, for a process that records nothing.
-class ManifestStore final : public recording::PendingRecordingStore {
-public:
-    explicit ManifestStore(std::filesystem::path directory) : file_(std::move(directory)) {
-        list_ = file_.load().value_or(std::vector<PendingRecording>{});
-    }
-    std::vector<PendingRecording> pending() const override { return list_; }
-    bool update(const std::string& id, const std::function<void(PendingRecording&)>& change) override {
-        for (auto& r : list_) {
-            if (r.id != id) continue;
-            change(r);
-            save();
-            return true;
-        }
-        return false;
-    }
-    void add(PendingRecording r) override {
-        list_.push_back(std::move(r));
-        save();
-    }
-    // Recordings made before accounts were recorded go to this account (once per
-    // installation, as when the application signs in).
-    int adopt(const std::string& accountID) {
-        int changed = recording::adoptUnowned(list_, accountID);
-        if (changed > 0) save();
-        return changed;
-    }
-    bool remove(const std::string& id) override {
-        if (std::erase_if(list_, [&](const PendingRecording& r) { return r.id == id; }) == 0) return false;
-        save();
-        return true;
-    }
-
-private:
-    void save() {
-        std::error_code ec;
-        if (!file_.save(list_, ec)) std::cerr << "vell: " << file_.manifest().string() << ": " << ec.message() << "\n";
-    }
-    recording::PendingListFile file_;
-    std::vector<PendingRecording> list_;
-};
 
 // A bar redrawn in place on a terminal; in a log or a pipe one line per step instead.
 class ProgressBar {
@@ -100,35 +55,31 @@ int upload(Context& context) {
     auto scope = RuntimeScope::enter(context);
     if (!scope) return context.exitCode;
     auto& main = scope->executor();
-
-    service::APIClient client;
-    service::AccountClient account(client);
-    if (!account.hasSession()) {
+    auto& core = app::core();
+    if (!core.account().hasSession()) {
         std::cerr << messages::kNotSignedIn.str() << "\n";
         return kExitSignedOut;
     }
-    auto me = account.fetchMeNow();
-    if (!me) {
-        std::cerr << me.error().description() << "\n";
-        if (me.error().isSessionRejection()) {
-            account.clearSession();
-            return kExitSignedOut;
-        }
+    // The recorder first: its recovery puts interrupted recordings and orphaned files back
+    // in the list before the launch check may adopt unowned ones and the pass looks.
+    auto& store = core.recorder();
+    std::optional<service::APIError> checkFailed;
+    core.bootstrap([&](const std::optional<service::APIError>& error) {
+        checkFailed = error;
+        main.stop();
+    });
+    main.run();
+    auto& state = core.appState();
+    if (checkFailed) {
+        std::cerr << checkFailed->description() << "\n";
         return kExitFailure;
     }
-
-    ManifestStore store(paths::recordingsDirectory());
-    app::LegacyAdoptionWindow adoption(UserDefaults::standard());
-    if (adoption.isOpen()) {
-        store.adopt(me->id);
-        adoption.close();
+    if (state.phase.get() != app::AppState::Phase::signedIn) {
+        std::cerr << service::APIError::unauthenticated().description() << "\n";
+        return kExitSignedOut;
     }
-    service::ApiRecordingUploader uploader(client);
-    std::mt19937_64 random{std::random_device{}()};
-    service::UploadQueue queue(store, uploader, main, runtime::clock(),
-                               [&random] { return std::uniform_real_distribution<double>(0, 1)(random); });
-    queue.setAccount(me->id);
 
+    auto& queue = core.uploads();
     ProgressBar bar;
     auto nameOf = [&store](const std::string& id) {
         for (const auto& r : store.pending()) {
@@ -144,7 +95,6 @@ int upload(Context& context) {
         bar.end(result ? messages::kUploaded.str() + " (" + *result + ")"
                        : messages::kFailed.str() + ": " + result.error().description());
     };
-    queue.onUnauthenticated = [&account] { account.clearSession(); };
 
     service::PassSummary summary;
     queue.runOnce([&](service::PassSummary s) {
@@ -152,8 +102,9 @@ int upload(Context& context) {
         main.stop();
     });
     main.run();
+    queue.onAttempt = nullptr;
 
-    if (summary.uploaded == 0 && summary.failed == 0) {
+    if (summary.uploaded == 0 && summary.failed == 0 && !summary.unauthenticated) {
         std::cout << messages::kNothingToUpload.str() << "\n";
         return kExitOK;
     }

@@ -20,7 +20,9 @@ public:
     TimerHandle repeat(double intervalSeconds, Task task) override;
     bool isCurrentThread() const override;
 
-    // Runs tasks on the calling thread until stop(); returns at once if already stopped.
+    // Runs tasks on the calling thread until stop(). Each stop() ends one run: the one
+    // under way, or the next one when none is (it then returns at once). A command that
+    // waits for several things in turn runs the loop again after each.
     void run();
     void stop();
 

@@ -92,18 +92,6 @@ std::vector<PendingRecording> keepingExistingFiles(std::vector<PendingRecording>
     return kept;
 }
 
-std::vector<PendingRecording> uploadCandidates(const std::vector<PendingRecording>& list,
-                                               const std::optional<std::string>& accountID,
-                                               const std::set<std::string>& skip) {
-    std::vector<PendingRecording> out;
-    if (!accountID) return out;
-    for (const auto& r : list) {
-        if (r.accountID != accountID || skip.count(r.id)) continue;
-        if (r.status == PendingRecording::Status::ready || r.status == PendingRecording::Status::failed) out.push_back(r);
-    }
-    return out;
-}
-
 int adoptUnowned(std::vector<PendingRecording>& list, const std::string& accountID) {
     int changed = 0;
     for (auto& r : list) {

@@ -1,10 +1,9 @@
 #pragma once
 // The pending list on disk ("manifest.json" beside the audio files) and the rules that
-// read it: which entries survive a load, which ones the upload queue takes, how unowned
-// entries are adopted and how entries left mid-recording or mid-upload are settled.
+// read it: which entries survive a load, how unowned entries are adopted and how entries
+// left mid-recording or mid-upload are settled.
 #include <filesystem>
 #include <optional>
-#include <set>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -35,12 +34,6 @@ private:
 
 // The entries whose audio file exists, in their order.
 std::vector<PendingRecording> keepingExistingFiles(std::vector<PendingRecording> list);
-
-// What the upload queue takes, in list order: entries of the signed-in account, not in
-// skip, that are ready or failed. Nothing without an account.
-std::vector<PendingRecording> uploadCandidates(const std::vector<PendingRecording>& list,
-                                               const std::optional<std::string>& accountID,
-                                               const std::set<std::string>& skip = {});
 
 // Gives entries without an owner to the account; returns how many changed.
 int adoptUnowned(std::vector<PendingRecording>& list, const std::string& accountID);

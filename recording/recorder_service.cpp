@@ -92,6 +92,7 @@ void RecorderService::loadAndRecover() {
     auto orphans = findOrphanRecordings(listFile_.directory(), list_, now, note);
     for (auto& r : orphans) {
         kLog.info("recovered interrupted recording " + r.fileURL.filename().string());
+        unownedThisRun_.insert(r.id);
         list_.push_back(std::move(r));
     }
     if (changed || !orphans.empty()) {
@@ -128,6 +129,18 @@ bool RecorderService::remove(const std::string& id) {
     list_.erase(it);
     commitList();
     return true;
+}
+
+int RecorderService::assignAccountToThisRun(const std::string& accountID) {
+    int changed = 0;
+    for (auto& r : list_) {
+        if (!unownedThisRun_.count(r.id) || r.accountID) continue;
+        r.accountID = accountID;
+        ++changed;
+    }
+    unownedThisRun_.clear();
+    if (changed > 0) commitList();
+    return changed;
 }
 
 int RecorderService::assignAccountToUnowned(const std::string& accountID) {
@@ -350,6 +363,7 @@ void RecorderService::finishStart(const std::shared_ptr<Session>& session, const
     r.status = Status::recording;
     r.attempts = 0;
     if (parts_.accountID) r.accountID = parts_.accountID();
+    if (!r.accountID) unownedThisRun_.insert(r.id);
     r.liveSessionID = liveSessionID;
     add(std::move(r));
 

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -66,6 +67,11 @@ public:
 
     // One-time adoption of recordings made before accounts were tracked.
     int assignAccountToUnowned(const std::string& accountID);
+    // Gives the account to the entries this run added without one: audio files recovered
+    // at start-up, and recordings started before the signed-in account was known. They
+    // were made on this computer by whoever is signed in on it, so they must not wait for
+    // an adoption that has already been decided.
+    int assignAccountToThisRun(const std::string& accountID);
 
     bool isStarting() const { return starting_; }
     bool isAutomaticRecording() const { return isAutomaticRecording_; }
@@ -110,6 +116,7 @@ private:
     bool rotatingAtLimit_ = false;
     bool heardMeaningfulAudio_ = false;
     std::optional<std::string> currentID_;
+    std::set<std::string> unownedThisRun_;
     std::optional<WallTime> startedAt_;
     std::optional<WallTime> lastMeaningfulAudioAt_;
     std::shared_ptr<Session> session_;

@@ -221,5 +221,37 @@ TEST_F(AppStateTest, ExpiredSecondFactorGoesBackToSignedOut) {
     EXPECT_EQ(s.phase.get(), Phase::signedOut);
 }
 
+TEST_F(AppStateTest, RecordingsMadeBeforeTheLaunchCheckAnswersBelongToTheStoredSessionsAccount) {
+    api.meResults = {kAda};
+    auto& first = make();
+    EXPECT_EQ(first.accountID(), std::nullopt);  // a session nobody has checked yet
+    std::optional<std::optional<APIError>> settled;
+    first.bootstrap([&](const std::optional<APIError>& e) { settled = e; });
+    exec.runPending();
+    ASSERT_TRUE(settled);
+    EXPECT_FALSE(*settled);
+    EXPECT_EQ(first.accountID(), "u-1");
+
+    // The next launch is offline: the session is kept and new recordings are still Ada's.
+    state.reset();
+    home.reloadDefaults();
+    auto& offline = make();
+    EXPECT_EQ(offline.accountID(), "u-1");
+    settled.reset();
+    offline.bootstrap([&](const std::optional<APIError>& e) { settled = e; });
+    exec.runPending();
+    ASSERT_TRUE(settled && *settled);
+    EXPECT_EQ(offline.phase.get(), Phase::launching);
+    EXPECT_EQ(offline.accountID(), "u-1");
+
+    // Signing out forgets whose session it was.
+    offline.localSignOut();
+    EXPECT_EQ(offline.accountID(), std::nullopt);
+    api.session = true;
+    state.reset();
+    home.reloadDefaults();
+    EXPECT_EQ(make().accountID(), std::nullopt);
+}
+
 }  // namespace
 }  // namespace vell::app

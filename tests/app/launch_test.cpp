@@ -63,21 +63,35 @@ TEST(LaunchSequence, StartsServicesInOrderThenShowsTheTipAfterTwoAndAHalfSeconds
 TEST(NotificationCategories, TableHoldsTheThreeCategoriesWithTheirActions) {
     const auto& c = notificationCategories();
     ASSERT_EQ(c.size(), 3u);
-    EXPECT_EQ(c[0].identifier, "app.quillon.mac.autoRecordingActive");
-    ASSERT_EQ(c[0].actions.size(), 1u);
-    EXPECT_EQ(c[0].actions[0].identifier, "app.quillon.mac.stopAutoRecording");
-    EXPECT_TRUE(c[0].actions[0].bringsToFront);
-    EXPECT_EQ(c[1].identifier, "app.quillon.mac.callEnded");
-    ASSERT_EQ(c[1].actions.size(), 2u);
-    EXPECT_EQ(c[1].actions[0].identifier, "app.quillon.mac.finishRecording");
-    EXPECT_EQ(c[1].actions[0].title.in(Language::Spanish), "Terminar grabación");
-    EXPECT_EQ(c[1].actions[1].identifier, "app.quillon.mac.keepRecording");
-    EXPECT_EQ(c[1].actions[1].title.in(Language::English), "Keep recording");
-    EXPECT_EQ(c[2].identifier, "app.quillon.mac.meetingRecording");
-    EXPECT_EQ(c[2].actions[0].identifier, "app.quillon.mac.deleteRecording");
-    EXPECT_TRUE(c[2].actions[0].destructive);
-    EXPECT_FALSE(c[2].actions[0].bringsToFront);
-    EXPECT_EQ(c[2].actions[0].title.in(Language::Spanish), "Borrar");
+    struct Expected {
+        const char* category;
+        const char* action;
+        const char* english;
+        const char* spanish;
+        bool front;
+        bool destructive;
+    };
+    const Expected expected[] = {
+        {"app.quillon.mac.autoRecordingActive", "app.quillon.mac.stopAutoRecording", "Stop", "Detener", true, false},
+        {"app.quillon.mac.callEnded", "app.quillon.mac.finishRecording", "Finish recording", "Terminar grabación", false,
+         false},
+        {"app.quillon.mac.callEnded", "app.quillon.mac.keepRecording", "Keep recording", "Seguir grabando", false, false},
+        {"app.quillon.mac.meetingRecording", "app.quillon.mac.deleteRecording", "Delete", "Borrar", false, true},
+    };
+    size_t n = 0;
+    for (const auto& category : c) {
+        for (const auto& action : category.actions) {
+            ASSERT_LT(n, std::size(expected));
+            const auto& want = expected[n++];
+            EXPECT_EQ(category.identifier, want.category);
+            EXPECT_EQ(action.identifier, want.action);
+            EXPECT_EQ(action.title.in(Language::English), want.english);
+            EXPECT_EQ(action.title.in(Language::Spanish), want.spanish);
+            EXPECT_EQ(action.bringsToFront, want.front) << want.action;
+            EXPECT_EQ(action.destructive, want.destructive) << want.action;
+        }
+    }
+    EXPECT_EQ(n, std::size(expected));
 }
 
 TEST(DockPolicy, OwnWindowsShowTheIconWhenThePreferenceIsOff) {

@@ -10,7 +10,7 @@ namespace {
 TEST(CliLogin, SessionSurvivesAProcessRestartUntilLogout) {
     VELL_REQUIRE_DEVSERVER();
     TempHome home;
-    DevServer server({.port = 8787, .users = {"cli@vell.test:s3cret pass"}});
+    DevServer server({.users = {"cli@vell.test:s3cret pass"}});
 
     auto before = runVell(home, "whoami");
     EXPECT_EQ(before.status, 3) << before.output;
@@ -38,7 +38,7 @@ TEST(CliLogin, SessionSurvivesAProcessRestartUntilLogout) {
 TEST(CliLogin, ExpiredSessionIsReportedAndForgotten) {
     VELL_REQUIRE_DEVSERVER();
     TempHome home;
-    DevServer server({.port = 8787, .users = {"cli@vell.test:pw"}});
+    DevServer server({.users = {"cli@vell.test:pw"}});
     ASSERT_EQ(runVell(home, "login --email cli@vell.test", "pw").status, 0);
     server.expireSessions("cli@vell.test");
     auto who = runVell(home, "whoami");

@@ -10,10 +10,12 @@
 #include <chrono>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <thread>
 
 #include "cli/command.h"
 #include "tests/audio/aac_test_decoder.h"
+#include "tests/support/devserver_process.h"
 #include "tests/support/pulse_server.h"
 #include "tests/support/temp_home.h"
 
@@ -185,6 +187,97 @@ TEST_F(RecordCommand, SigtermStopsTheRecordingCleanly) {
     auto decoded = test::decodeAudioFile(lineAfter(run.output, "File: "));
     ASSERT_TRUE(decoded.ok);
     EXPECT_GT(decoded.seconds(), 1.0);
+}
+
+// Who the service holds recordings for, by account, as "email:file" pairs.
+std::multiset<std::string> recordingsByAccount(const test::DevServer& server) {
+    std::multiset<std::string> out;
+    for (const auto& r : server.recordings()) out.insert(r.value("email", "") + ":" + r.value("filename", ""));
+    return out;
+}
+
+class RecordAndUpload : public RecordCommand {
+protected:
+    test::CommandResult vellRun(const std::string& arguments, const std::string& input = "") {
+        std::string command = vell() + " --lang en " + arguments + " 2>&1";
+        if (!input.empty()) command = "printf '%s\\n' '" + input + "' | " + command;
+        return test::runCommand(command);
+    }
+    // Records a second and returns the file it wrote.
+    std::string recordOne() {
+        auto run = vellRun("record --seconds 1");
+        EXPECT_EQ(run.status, cli::kExitOK) << run.output;
+        return fs::path(lineAfter(run.output, "File: ")).filename().string();
+    }
+
+    test::DevServer server{{.users = {"a@vell.test:pw-a", "b@vell.test:pw-b"}}};
+};
+
+TEST_F(RecordAndUpload, EveryRecordingOfTheSignedInAccountReachesTheService) {
+    ASSERT_EQ(vellRun("login --email a@vell.test", "pw-a").status, 0);
+    const auto first = recordOne();
+    auto upload = vellRun("upload");
+    EXPECT_EQ(upload.status, 0) << upload.output;
+    const auto second = recordOne();
+    upload = vellRun("upload");
+    EXPECT_EQ(upload.status, 0) << upload.output;
+    EXPECT_NE(upload.output.find("Uploaded: 1"), std::string::npos) << upload.output;
+
+    EXPECT_EQ(recordingsByAccount(server), (std::multiset<std::string>{"a@vell.test:" + first, "a@vell.test:" + second}));
+    for (const auto& r : server.recordings()) EXPECT_EQ(r.value("sha256", ""), test::sha256File(recordings() / r.value("filename", "")));
+    auto list = nlohmann::json::parse(vellRun("pending --json").output);
+    ASSERT_EQ(list.size(), 2u);
+    for (const auto& entry : list) {
+        EXPECT_EQ(entry["status"], "uploaded");
+        EXPECT_TRUE(entry.contains("accountID")) << entry.dump();
+    }
+}
+
+TEST_F(RecordAndUpload, WhatACrashLeftBehindIsUploadedByTheNextUpload) {
+    ASSERT_EQ(vellRun("login --email a@vell.test", "pw-a").status, 0);
+    const auto first = recordOne();
+    ASSERT_EQ(vellRun("upload").status, 0);  // the one-time adoption is decided by now
+
+    // A recording killed mid-way, and an audio file no entry names (a crash before the list
+    // was saved).
+    const auto out = home.tmp() / "killed.out";
+    const pid_t pid = spawn({vell(), "record"}, out);
+    ASSERT_GT(pid, 0);
+    std::string output;
+    for (int i = 0; i < 750 && lineAfter(output, "File: ").empty(); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        std::ifstream in(out);
+        output.assign(std::istreambuf_iterator<char>(in), {});
+    }
+    ASSERT_FALSE(lineAfter(output, "File: ").empty()) << output;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    ::kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+    const auto killed = fs::path(lineAfter(output, "File: ")).filename().string();
+    fs::copy_file(recordings() / first, recordings() / "vell_rec_ORPHAN.aac");
+
+    auto upload = vellRun("upload");
+    EXPECT_EQ(upload.status, 0) << upload.output;
+    EXPECT_EQ(recordingsByAccount(server),
+              (std::multiset<std::string>{"a@vell.test:" + first, "a@vell.test:" + killed, "a@vell.test:vell_rec_ORPHAN.aac"}));
+}
+
+TEST_F(RecordAndUpload, TwoAccountsNeverGetEachOthersRecordings) {
+    ASSERT_EQ(vellRun("login --email a@vell.test", "pw-a").status, 0);
+    const auto ofA = recordOne();
+    ASSERT_EQ(vellRun("logout").status, 0);
+
+    ASSERT_EQ(vellRun("login --email b@vell.test", "pw-b").status, 0);
+    auto upload = vellRun("upload");
+    EXPECT_NE(upload.output.find("Nothing to upload."), std::string::npos) << upload.output;
+    const auto ofB = recordOne();
+    EXPECT_EQ(vellRun("upload").status, 0);
+    EXPECT_EQ(recordingsByAccount(server), (std::multiset<std::string>{"b@vell.test:" + ofB}));
+    ASSERT_EQ(vellRun("logout").status, 0);
+
+    ASSERT_EQ(vellRun("login --email a@vell.test", "pw-a").status, 0);
+    EXPECT_EQ(vellRun("upload").status, 0);
+    EXPECT_EQ(recordingsByAccount(server), (std::multiset<std::string>{"b@vell.test:" + ofB, "a@vell.test:" + ofA}));
 }
 
 }  // namespace

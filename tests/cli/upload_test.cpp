@@ -24,7 +24,7 @@ std::string accountIdOf(const TempHome& home) {
 TEST(CliUpload, UploadsPendingRecordingsAndReportsFailures) {
     VELL_REQUIRE_DEVSERVER();
     TempHome home;
-    DevServer server({.port = 8787, .users = {"up@vell.test:pw"}});
+    DevServer server({.users = {"up@vell.test:pw"}});
     ASSERT_EQ(runVell(home, "login --email up@vell.test", "pw").status, 0);
     std::string account = accountIdOf(home);
     ASSERT_FALSE(account.empty());

@@ -1,6 +1,7 @@
 #include "tests/support/devserver_process.h"
 
 #include <fcntl.h>
+#include <cstdlib>
 #include <openssl/evp.h>
 #include <poll.h>
 #include <signal.h>
@@ -33,6 +34,7 @@ DevServer::DevServer(Options options) : options_(std::move(options)) {
 }
 
 DevServer::~DevServer() {
+    if (const char* current = std::getenv("VELL_API_BASE_URL"); current && current == url_) ::unsetenv("VELL_API_BASE_URL");
     if (pid_ > 0) {
         ::kill(pid_, SIGTERM);
         int status = 0;
@@ -92,6 +94,8 @@ void DevServer::start() {
     }
     url_ = match[1];
     port_ = std::stoi(match[2]);
+    // The programs and clients this test starts talk to this server, whatever port it got.
+    ::setenv("VELL_API_BASE_URL", url_.c_str(), 1);
 }
 
 void DevServer::kill() { stop(SIGKILL); }

@@ -1,6 +1,7 @@
 #pragma once
-// A running vell-devserver for one test: started on a free port (or a fixed one for the
-// programs that talk to the built-in URL), with a private data folder and the admin API.
+// A running vell-devserver for one test: started on a free port, with a private data
+// folder and the admin API. While it runs, VELL_API_BASE_URL points at it, so the vell
+// programs the test starts (and clients made with the default URL) talk to it.
 #include <sys/types.h>
 
 #include <filesystem>
