@@ -2,7 +2,6 @@
 // Which pending recordings an upload pass takes, in list order: those of the signed-in
 // account, not skipped, that are ready or failed. Failed ones are retried every pass;
 // recordings of another account, and unowned ones never adopted, are never uploaded.
-// (recording/pending_list.h states the same rule; this layer sits below it and cannot link it.)
 #include <optional>
 #include <set>
 #include <string>
