@@ -6,9 +6,6 @@
 #include "app/preference_keys.h"
 #include "app/quit_decision.h"
 #include "platform/manual_executor.h"
-#include "platform/runtime.h"
-#include "recording/recorder_service.h"
-#include "tests/recording/recorder_fakes.h"
 #include "tests/support/temp_home.h"
 
 namespace vell::app {
@@ -114,41 +111,15 @@ TEST(QuitDecision, QuitsAtOnceWithoutARecordingAndAsksWithOne) {
     auto alert = quitAlert(true);
     ASSERT_TRUE(alert);
     EXPECT_EQ(alert->message, "La grabación se detendrá. ¿Salir de Vell?");
-    EXPECT_EQ(alert->informativeText, "La parte guardada quedará en esta Mac y se subirá cuando Vell pueda conectarse.");
+    EXPECT_EQ(alert->informativeText, "La parte guardada quedará en esta computadora y se subirá cuando Vell pueda conectarse.");
     EXPECT_EQ(alert->stopButton, "Detener y salir");
     EXPECT_EQ(alert->keepButton, "Seguir grabando");
     setInterfaceLanguage(Language::English);
     alert = quitAlert(true);
     EXPECT_EQ(alert->message, "The recording will stop. Quit Vell?");
-    EXPECT_EQ(alert->informativeText, "The saved part will remain on this Mac and upload when Vell can connect.");
+    EXPECT_EQ(alert->informativeText, "The saved part will remain on this computer and upload when Vell can connect.");
     EXPECT_EQ(alert->stopButton, "Stop and quit");
     EXPECT_EQ(alert->keepButton, "Keep recording");
-}
-
-TEST(QuitDecision, StopAndQuitLeavesAReadyRecordKeepRecordingLeavesItRunning) {
-    test::TempHome home;
-    ManualClock clock;
-    ManualExecutor exec(clock);
-    runtime::install(&exec, &clock);
-    recording::fakes::Rig rig;
-    {
-        recording::RecorderService recorder(rig.parts(), home.dataHome() / "rec");
-        std::optional<bool> started;
-        recorder.start({}, [&](bool ok) { started = ok; });
-        ASSERT_TRUE(exec.runUntil([&] { return started.has_value(); }));
-
-        auto perform = [&](QuitSteps steps) {
-            if (steps.stopRecording) recorder.stop(/*userInitiated=*/true, /*discard=*/false);
-            return steps.terminate;
-        };
-        EXPECT_FALSE(perform(quitSteps(true, QuitChoice::keepRecording)));
-        EXPECT_TRUE(recorder.state.isRecording.get());
-        EXPECT_TRUE(perform(quitSteps(true, QuitChoice::stopAndQuit)));
-        EXPECT_FALSE(recorder.state.isRecording.get());
-        ASSERT_EQ(recorder.pending().size(), 1u);
-        EXPECT_EQ(recorder.pending()[0].status, recording::PendingRecording::Status::ready);
-    }
-    runtime::install(nullptr, nullptr);
 }
 
 }  // namespace
