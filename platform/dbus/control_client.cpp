@@ -1,0 +1,135 @@
+#include "platform/dbus/control_client.h"
+
+#include <chrono>
+#include <sdbus-c++/sdbus-c++.h>
+
+#include "platform/dbus/control_protocol.h"
+
+namespace vell::dbus {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+ControlError toError(const sdbus::Error& e) { return {e.getName(), e.getMessage()}; }
+
+template <class F>
+auto guarded(F call) -> Expected<decltype(call()), ControlError> {
+    try {
+        return call();
+    } catch (const sdbus::Error& e) {
+        return unexpected(toError(e));
+    }
+}
+
+}  // namespace
+
+bool ControlError::signedOut() const { return name == errors::kSignedOut; }
+bool ControlError::notRecording() const { return name == errors::kNotRecording; }
+
+std::unique_ptr<ControlClient> ControlClient::connect() {
+    std::unique_ptr<ControlClient> client(new ControlClient());
+    try {
+        client->connection_ = sdbus::createSessionBusConnection();
+        auto bus = sdbus::createProxy(*client->connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus");
+        bool owned = false;
+        bus->callMethod("NameHasOwner").onInterface("org.freedesktop.DBus").withTimeout(2s).withArguments(
+            std::string(kControlName)).storeResultsTo(owned);
+        if (!owned) return nullptr;
+        client->proxy_ = sdbus::createProxy(*client->connection_, kControlName, kControlPath);
+    } catch (const sdbus::Error&) {
+        return nullptr;  // no session bus: no host either
+    }
+    return client;
+}
+
+ControlClient::~ControlClient() { proxy_.reset(); }
+
+ControlClient::Result<HostStatus> ControlClient::status() const {
+    return guarded([this] {
+        HostStatus s;
+        auto get = [this](const char* name) { return proxy_->getProperty(name).onInterface(kControlInterface); };
+        s.phase = get("Phase").get<std::string>();
+        s.userEmail = get("UserEmail").get<std::string>();
+        s.userID = get("UserID").get<std::string>();
+        s.recording = get("Recording").get<bool>();
+        s.recordingID = get("RecordingID").get<std::string>();
+        s.elapsed = get("Elapsed").get<double>();
+        s.microphoneLevel = get("MicrophoneLevel").get<double>();
+        s.systemLevel = get("SystemLevel").get<double>();
+        s.lastError = get("LastError").get<std::string>();
+        return s;
+    });
+}
+
+ControlClient::Result<std::string> ControlClient::pending() const {
+    return guarded([this] {
+        std::string json;
+        proxy_->callMethod("Pending").onInterface(kControlInterface).withTimeout(30s).storeResultsTo(json);
+        return json;
+    });
+}
+
+ControlClient::Result<std::string> ControlClient::upload() const {
+    return guarded([this] {
+        std::string json;
+        // A pass over large recordings on a slow link takes long; the host has its own limits.
+        proxy_->callMethod("Upload").onInterface(kControlInterface).withTimeout(24h).storeResultsTo(json);
+        return json;
+    });
+}
+
+ControlClient::Result<std::pair<std::string, std::string>> ControlClient::startRecording() const {
+    return guarded([this] {
+        std::string id, file;
+        proxy_->callMethod("StartRecording").onInterface(kControlInterface).withTimeout(60s).storeResultsTo(id, file);
+        return std::pair{id, file};
+    });
+}
+
+ControlClient::Result<std::string> ControlClient::stopRecording(bool discard) const {
+    return guarded([this, discard] {
+        std::string json;
+        proxy_->callMethod("StopRecording").onInterface(kControlInterface).withTimeout(60s).withArguments(discard).storeResultsTo(json);
+        return json;
+    });
+}
+
+ControlClient::Result<std::string> ControlClient::signIn(const std::string& email, const std::string& password) const {
+    return guarded([&] {
+        std::string step;
+        proxy_->callMethod("SignIn").onInterface(kControlInterface).withTimeout(180s).withArguments(email, password).storeResultsTo(step);
+        return step;
+    });
+}
+
+ControlClient::Result<Unit> ControlClient::verifyCode(const std::string& code) const {
+    return guarded([&] {
+        proxy_->callMethod("VerifyCode").onInterface(kControlInterface).withTimeout(180s).withArguments(code);
+        return Unit{};
+    });
+}
+
+ControlClient::Result<Unit> ControlClient::signOut() const {
+    return guarded([this] {
+        proxy_->callMethod("SignOut").onInterface(kControlInterface).withTimeout(180s);
+        return Unit{};
+    });
+}
+
+ControlClient::Result<std::string> ControlClient::whoAmI() const {
+    return guarded([this] {
+        std::string json;
+        proxy_->callMethod("WhoAmI").onInterface(kControlInterface).withTimeout(180s).storeResultsTo(json);
+        return json;
+    });
+}
+
+ControlClient::Result<Unit> ControlClient::quit() const {
+    return guarded([this] {
+        proxy_->callMethod("Quit").onInterface(kControlInterface).withTimeout(30s);
+        return Unit{};
+    });
+}
+
+}  // namespace vell::dbus

@@ -1,0 +1,58 @@
+#pragma once
+// A front end's side of the host's control interface (control_protocol.h): the command
+// line uses it when a host owns the data folder. Calls block the caller.
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "platform/expected.h"
+
+namespace sdbus {
+class IConnection;
+class IProxy;
+}  // namespace sdbus
+
+namespace vell::dbus {
+
+struct ControlError {
+    std::string name;     // the D-Bus error name
+    std::string message;  // the host's sentence for the user
+    bool signedOut() const;
+    bool notRecording() const;
+};
+
+struct HostStatus {
+    std::string phase, userEmail, userID, recordingID, lastError;
+    bool recording = false;
+    double elapsed = 0, microphoneLevel = 0, systemLevel = 0;
+};
+
+class ControlClient {
+public:
+    // A client of the running host; nothing when no host answers on the session bus.
+    static std::unique_ptr<ControlClient> connect();
+    ~ControlClient();
+    ControlClient(const ControlClient&) = delete;
+    ControlClient& operator=(const ControlClient&) = delete;
+
+    template <class T>
+    using Result = Expected<T, ControlError>;
+
+    Result<HostStatus> status() const;
+    Result<std::string> pending() const;
+    Result<std::string> upload() const;
+    Result<std::pair<std::string, std::string>> startRecording() const;
+    Result<std::string> stopRecording(bool discard) const;
+    Result<std::string> signIn(const std::string& email, const std::string& password) const;
+    Result<Unit> verifyCode(const std::string& code) const;
+    Result<Unit> signOut() const;
+    Result<std::string> whoAmI() const;
+    Result<Unit> quit() const;
+
+private:
+    ControlClient() = default;
+    std::unique_ptr<sdbus::IConnection> connection_;
+    std::unique_ptr<sdbus::IProxy> proxy_;
+};
+
+}  // namespace vell::dbus

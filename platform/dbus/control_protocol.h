@@ -1,0 +1,36 @@
+#pragma once
+// The host's control interface on the session bus: one object that front ends (the command
+// line, the tray) use when a host owns the data folder. Versioned: a change that breaks
+// clients gets a new name.
+//
+// Properties (PropertiesChanged is emitted on every change):
+//   Phase s ("launching", "signedOut", "mfaRequired", "signedIn"), UserEmail s, UserID s,
+//   Recording b, RecordingID s, Elapsed d (seconds), MicrophoneLevel d, SystemLevel d
+//   (peak since the last tick, 0...1), LastError s
+// Signals: PendingChanged ()
+// Methods (errors carry the user-facing sentence in the interface language):
+//   Pending () -> s                 the pending list, JSON as stored in manifest.json
+//   Upload () -> s                  one pass now: {"uploaded","failed","unauthenticated",
+//                                   "attempts":[{"file","recordingId"} | {"file","error"}]}
+//   StartRecording () -> (s id, s file)
+//   StopRecording (b discard) -> s  the stopped recording's entry, JSON
+//   SignIn (s email, s password) -> s  "signedIn" or "mfaRequired"
+//   VerifyCode (s code)             six digits: a time-based code; else a backup code
+//   SignOut ()
+//   WhoAmI () -> s                  {"id","email","role","isAdmin"}, checked with the service
+//   Quit ()                         stop and quit
+#include <string_view>
+
+namespace vell::dbus {
+
+inline constexpr const char* kControlName = "app.quillon.mac.Vell1";
+inline constexpr const char* kControlPath = "/app/quillon/mac/Vell1";
+inline constexpr const char* kControlInterface = "app.quillon.mac.Vell1";
+
+namespace errors {
+inline constexpr const char* kFailed = "app.quillon.mac.Vell1.Error.Failed";
+inline constexpr const char* kSignedOut = "app.quillon.mac.Vell1.Error.SignedOut";
+inline constexpr const char* kNotRecording = "app.quillon.mac.Vell1.Error.NotRecording";
+}  // namespace errors
+
+}  // namespace vell::dbus

@@ -1,0 +1,321 @@
+#include "platform/dbus/control_server.h"
+
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <regex>
+#include <sdbus-c++/sdbus-c++.h>
+
+#include "app/app_messages.h"
+#include "app/input_levels.h"
+#include "platform/dbus/control_protocol.h"
+#include "platform/log.h"
+#include "platform/runtime.h"
+#include "recording/pending_recording_coding.h"
+#include "recording/recorder_service.h"
+
+namespace vell::dbus {
+
+namespace {
+
+const log::Logger kLog("Control");
+using Json = nlohmann::ordered_json;
+using Phase = app::AppState::Phase;
+
+const char* phaseName(Phase phase) {
+    switch (phase) {
+        case Phase::launching: return "launching";
+        case Phase::signedOut: return "signedOut";
+        case Phase::mfaRequired: return "mfaRequired";
+        case Phase::signedIn: return "signedIn";
+    }
+    return "launching";
+}
+
+// What the properties read: written on the main executor, read on the bus thread.
+struct Snapshot {
+    std::string phase = "launching", userEmail, userID, recordingID, lastError;
+    bool recording = false;
+    double elapsed = 0, microphoneLevel = 0, systemLevel = 0;
+};
+
+std::string pendingJson(const std::vector<recording::PendingRecording>& list) {
+    Json array = Json::array();
+    for (const auto& r : list) array.push_back(recording::coding::encode(r));
+    return array.dump();
+}
+
+}  // namespace
+
+struct ControlServer::Impl {
+    app::Host& host;
+    std::unique_ptr<sdbus::IConnection> connection;
+    std::unique_ptr<sdbus::IObject> object;
+    mutable std::mutex lock;
+    Snapshot snapshot;
+    std::vector<Subscription> watches;
+    TimerHandle levelTimer;
+    // Upload calls under way, told of each attempt of the pass they wait for.
+    std::vector<std::shared_ptr<Json>> uploadCollectors;
+    std::shared_ptr<int> alive = std::make_shared<int>(0);
+
+    explicit Impl(app::Host& h) : host(h) {}
+
+    template <class Read>
+    auto read(Read r) const {
+        std::lock_guard guard(lock);
+        return r(snapshot);
+    }
+    // Changes the snapshot on the main executor and announces the changed names.
+    void update(const std::function<void(Snapshot&)>& change, std::vector<std::string> names) {
+        {
+            std::lock_guard guard(lock);
+            change(snapshot);
+        }
+        try {
+            object->emitPropertiesChangedSignal(kControlInterface, names);
+        } catch (const sdbus::Error& e) {
+            kLog.error(std::string("could not announce a change: ") + e.what());
+        }
+    }
+
+    // Runs work on the main executor with a way to answer the call.
+    template <class... Results, class Work>
+    void onMain(sdbus::Result<Results...>&& result, Work work) {
+        auto shared = std::make_shared<sdbus::Result<Results...>>(std::move(result));
+        std::weak_ptr<int> weak = alive;
+        runtime::main().post([weak, shared, work = std::move(work)] {
+            if (weak.expired()) return shared->returnError(sdbus::Error(errors::kFailed, "Vell is quitting."));
+            work(shared);
+        });
+    }
+
+    void registerInterface();
+    void watchHost();
+};
+
+void ControlServer::Impl::watchHost() {
+    auto& core = host.core();
+    auto& state = core.appState();
+    auto& recorder = core.recorder();
+    auto user = [this, &state] {
+        update([&](Snapshot& s) {
+            auto me = state.me.get();
+            s.phase = phaseName(state.phase.get());
+            s.userEmail = me ? me->email : "";
+            s.userID = me ? me->id : "";
+        }, {"Phase", "UserEmail", "UserID"});
+    };
+    watches.push_back(state.phase.subscribe([user](Phase) { user(); }));
+    watches.push_back(state.me.subscribe([user](const std::optional<service::Me>&) { user(); }));
+    watches.push_back(recorder.state.isRecording.subscribe([this, &recorder](bool recording) {
+        update([&](Snapshot& s) {
+            s.recording = recording;
+            s.recordingID = recorder.currentID().value_or("");
+        }, {"Recording", "RecordingID"});
+    }));
+    watches.push_back(recorder.state.elapsed.subscribe([this](double elapsed) {
+        auto& levels = app::inputLevels();
+        update([&](Snapshot& s) {
+            s.elapsed = elapsed;
+            s.microphoneLevel = levels.microphone.exchange(0);
+            s.systemLevel = levels.system.exchange(0);
+        }, {"Elapsed", "MicrophoneLevel", "SystemLevel"});
+    }));
+    watches.push_back(recorder.state.lastError.subscribe([this](const std::optional<std::string>& error) {
+        update([&](Snapshot& s) { s.lastError = error.value_or(""); }, {"LastError"});
+    }));
+    watches.push_back(recorder.state.pending.subscribe([this](const std::vector<recording::PendingRecording>&) {
+        try {
+            object->emitSignal("PendingChanged").onInterface(kControlInterface);
+        } catch (const sdbus::Error& e) {
+            kLog.error(std::string("could not announce the pending list: ") + e.what());
+        }
+    }));
+    // The starting values.
+    user();
+    update([&](Snapshot& s) {
+        s.recording = recorder.state.isRecording.get();
+        s.recordingID = recorder.currentID().value_or("");
+        s.lastError = recorder.state.lastError.get().value_or("");
+    }, {"Recording", "RecordingID", "LastError"});
+
+    auto& uploads = core.uploads();
+    uploads.onAttempt = [this](const recording::PendingRecording& r,
+                               const Expected<std::string, service::UploadError>& result) {
+        Json attempt{{"file", r.fileURL.filename().string()}};
+        if (result) attempt["recordingId"] = *result;
+        else attempt["error"] = result.error().description();
+        for (auto& collector : uploadCollectors) (*collector)["attempts"].push_back(attempt);
+    };
+}
+
+void ControlServer::Impl::registerInterface() {
+    const char* I = kControlInterface;
+    object->registerProperty("Phase").onInterface(I).withGetter([this] { return read([](auto& s) { return s.phase; }); });
+    object->registerProperty("UserEmail").onInterface(I).withGetter([this] { return read([](auto& s) { return s.userEmail; }); });
+    object->registerProperty("UserID").onInterface(I).withGetter([this] { return read([](auto& s) { return s.userID; }); });
+    object->registerProperty("Recording").onInterface(I).withGetter([this] { return read([](auto& s) { return s.recording; }); });
+    object->registerProperty("RecordingID").onInterface(I).withGetter([this] { return read([](auto& s) { return s.recordingID; }); });
+    object->registerProperty("Elapsed").onInterface(I).withGetter([this] { return read([](auto& s) { return s.elapsed; }); });
+    object->registerProperty("MicrophoneLevel").onInterface(I).withGetter([this] {
+        return read([](auto& s) { return s.microphoneLevel; });
+    });
+    object->registerProperty("SystemLevel").onInterface(I).withGetter([this] { return read([](auto& s) { return s.systemLevel; }); });
+    object->registerProperty("LastError").onInterface(I).withGetter([this] { return read([](auto& s) { return s.lastError; }); });
+    object->registerSignal("PendingChanged").onInterface(I);
+
+    object->registerMethod("Pending").onInterface(I).implementedAs([this](sdbus::Result<std::string>&& result) {
+        onMain(std::move(result), [this](auto& r) {
+            r->returnResults(pendingJson(host.core().recorder().pending()));
+        });
+    });
+
+    object->registerMethod("Upload").onInterface(I).implementedAs([this](sdbus::Result<std::string>&& result) {
+        onMain(std::move(result), [this](auto& r) {
+            auto& core = host.core();
+            if (core.appState().phase.get() != Phase::signedIn) {
+                return r->returnError(sdbus::Error(errors::kSignedOut, app::messages::kNotSignedIn.str()));
+            }
+            auto collector = std::make_shared<Json>(Json{{"attempts", Json::array()}});
+            uploadCollectors.push_back(collector);
+            core.uploads().runOnce([this, r, collector](service::PassSummary summary) {
+                std::erase(uploadCollectors, collector);
+                (*collector)["uploaded"] = summary.uploaded;
+                (*collector)["failed"] = summary.failed;
+                (*collector)["unauthenticated"] = summary.unauthenticated;
+                r->returnResults(collector->dump());
+            });
+        });
+    });
+
+    object->registerMethod("StartRecording").onInterface(I).implementedAs(
+        [this](sdbus::Result<std::string, std::string>&& result) {
+            onMain(std::move(result), [this](auto& r) {
+                auto& recorder = host.core().recorder();
+                if (recorder.state.isRecording.get() || recorder.isStarting()) {
+                    return r->returnError(sdbus::Error(errors::kFailed, app::messages::kAlreadyRecording.str()));
+                }
+                recorder.start({}, [&recorder, r](bool started) {
+                    if (!started) {
+                        return r->returnError(sdbus::Error(errors::kFailed, recorder.state.lastError.get().value_or("")));
+                    }
+                    const auto id = recorder.currentID().value_or("");
+                    std::string file;
+                    for (const auto& e : recorder.pending())
+                        if (e.id == id) file = e.fileURL.string();
+                    r->returnResults(id, file);
+                });
+            });
+        });
+
+    object->registerMethod("StopRecording").onInterface(I).implementedAs([this](sdbus::Result<std::string>&& result, bool discard) {
+        onMain(std::move(result), [this, discard](auto& r) {
+            auto& recorder = host.core().recorder();
+            auto id = recorder.currentID();
+            if (!recorder.state.isRecording.get() || !id) {
+                return r->returnError(sdbus::Error(errors::kNotRecording, app::messages::kNothingRecording.str()));
+            }
+            recorder.stop(true, discard);
+            for (const auto& e : recorder.pending()) {
+                if (e.id == *id) return r->returnResults(recording::coding::encode(e).dump());
+            }
+            r->returnResults(std::string("{}"));
+        });
+    });
+
+    object->registerMethod("SignIn").onInterface(I).implementedAs(
+        [this](sdbus::Result<std::string>&& result, std::string email, std::string password) {
+            onMain(std::move(result), [this, email, password](auto& r) {
+                auto& state = host.core().appState();
+                if (auto me = state.me.get()) {
+                    return r->returnError(sdbus::Error(errors::kFailed, app::messages::kAlreadySignedIn.str() + me->email + "."));
+                }
+                state.signIn(email, password, [r](Expected<service::SignInStep, service::APIError> step) {
+                    if (!step) return r->returnError(sdbus::Error(errors::kFailed, step.error().description()));
+                    r->returnResults(std::string(*step == service::SignInStep::mfaRequired ? "mfaRequired" : "signedIn"));
+                });
+            });
+        });
+
+    object->registerMethod("VerifyCode").onInterface(I).implementedAs([this](sdbus::Result<>&& result, std::string code) {
+        onMain(std::move(result), [this, code](auto& r) {
+            auto& state = host.core().appState();
+            if (state.phase.get() != Phase::mfaRequired) {
+                return r->returnError(sdbus::Error(errors::kFailed, app::messages::kNoCodeAsked.str()));
+            }
+            service::MfaAnswer answer;
+            if (std::regex_match(code, std::regex(R"(\s*\d{6}\s*)"))) answer.code = std::regex_replace(code, std::regex(R"(\s)"), "");
+            else answer.backupCode = code;
+            state.verifyMfa(answer, [r](Expected<Unit, service::APIError> done) {
+                if (!done) return r->returnError(sdbus::Error(errors::kFailed, done.error().description()));
+                r->returnResults();
+            });
+        });
+    });
+
+    object->registerMethod("SignOut").onInterface(I).implementedAs([this](sdbus::Result<>&& result) {
+        onMain(std::move(result), [this](auto& r) {
+            host.core().appState().signOut([r] { r->returnResults(); });
+        });
+    });
+
+    object->registerMethod("WhoAmI").onInterface(I).implementedAs([this](sdbus::Result<std::string>&& result) {
+        onMain(std::move(result), [this](auto& r) {
+            auto& core = host.core();
+            if (!core.account().hasSession()) {
+                return r->returnError(sdbus::Error(errors::kSignedOut, app::messages::kNotSignedIn.str()));
+            }
+            core.account().fetchMe([&core, r](Expected<service::Me, service::APIError> me) {
+                if (!me) {
+                    if (me.error().isSessionRejection()) {
+                        core.appState().handleUnauthenticated();
+                        return r->returnError(sdbus::Error(errors::kSignedOut, me.error().description()));
+                    }
+                    return r->returnError(sdbus::Error(errors::kFailed, me.error().description()));
+                }
+                r->returnResults(Json{{"id", me->id}, {"email", me->email}, {"role", me->role}, {"isAdmin", me->isAdmin}}.dump());
+            });
+        });
+    });
+
+    object->registerMethod("Quit").onInterface(I).implementedAs([this](sdbus::Result<>&& result) {
+        onMain(std::move(result), [this](auto& r) {
+            r->returnResults();
+            host.quit({});
+        });
+    });
+    object->finishRegistration();
+}
+
+Expected<std::unique_ptr<ControlServer>, std::string> ControlServer::start(app::Host& host) {
+    auto impl = std::make_unique<Impl>(host);
+    try {
+        impl->connection = sdbus::createSessionBusConnection();
+        impl->connection->requestName(kControlName);
+        impl->object = sdbus::createObject(*impl->connection, kControlPath);
+        impl->registerInterface();
+        impl->watchHost();
+        impl->connection->enterEventLoopAsync();
+    } catch (const sdbus::Error& e) {
+        return unexpected(std::string("the control interface could not be offered on the session bus: ") + e.getMessage());
+    }
+    kLog.info(std::string("serving ") + kControlName + " on the session bus");
+    return std::unique_ptr<ControlServer>(new ControlServer(std::move(impl)));
+}
+
+ControlServer::ControlServer(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+
+ControlServer::~ControlServer() {
+    impl_->watches.clear();
+    if (impl_->connection) {
+        impl_->connection->leaveEventLoop();
+        try {
+            impl_->connection->releaseName(kControlName);
+        } catch (const sdbus::Error&) {
+        }
+    }
+    auto& uploads = impl_->host.core().uploads();
+    uploads.onAttempt = nullptr;
+}
+
+}  // namespace vell::dbus
