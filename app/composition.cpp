@@ -3,11 +3,17 @@
 #include <mutex>
 
 #include "app/core_services.h"
+#include "app/host.h"
+#include "app/xdg_autostart_login_item.h"
+#include "app/input_levels.h"
 #include "audio/mic_capture.h"
 #include "audio/microphone_settings.h"
 #include "audio/realtime_mixer.h"
 #include "audio/speech_activity_detector.h"
 #include "audio/system_audio_tap.h"
+#include "platform/dbus/logind_sleep.h"
+#include "platform/dbus/notifications.h"
+#include "platform/paths.h"
 #include "platform/runtime.h"
 #include "platform/user_defaults.h"
 #include "recording/recorder_service.h"
@@ -59,7 +65,7 @@ recording::RecorderParts recorderParts() {
     parts.chooser = std::make_shared<SharedMicrophoneChooser>();
     parts.systemAudio = std::make_shared<audio::SystemAudioTap>();
     parts.makeMixer = [](const std::filesystem::path& file, double sampleRate) -> std::unique_ptr<audio::RecordingMixer> {
-        return std::make_unique<audio::RealtimeMixer>(file, sampleRate);
+        return std::make_unique<MeteredMixer>(std::make_unique<audio::RealtimeMixer>(file, sampleRate), inputLevels());
     };
     parts.speech = std::make_shared<LazySpeechDetector>();
     // Asked on the main executor when a recording starts.
@@ -69,6 +75,31 @@ recording::RecorderParts recorderParts() {
 }
 
 void installComposition() { recording::RecorderService::setSharedPartsProvider(&recorderParts); }
+
+namespace {
+// The autostart entry starts whichever front end is installed beside this program: the tray
+// when there is one, the headless host otherwise.
+std::string autostartCommand() {
+    std::error_code ec;
+    const auto self = std::filesystem::read_symlink("/proc/self/exe", ec);
+    if (ec) return "vell daemon";
+    const auto tray = self.parent_path() / "vell-tray";
+    if (std::filesystem::exists(tray, ec)) return tray.string();
+    return (self.parent_path() / "vell").string() + " daemon";
+}
+}  // namespace
+
+Host& host() {
+    static Host* made = [] {
+        HostPorts ports;
+        ports.notifications = dbus::DesktopNotifications::connect();
+        ports.sleep = dbus::LogindSleepEvents::connect();
+        ports.loginItem = std::make_shared<XdgAutostartLoginItem>(paths::autostartEntry(),
+                                                                  autostartCommand());
+        return new Host(core(), std::move(ports), HostServices{}, UserDefaults::standard(), runtime::main());
+    }();
+    return *made;
+}
 
 CoreServices& core() {
     // Never destroyed: transfers and timers may still complete while the process ends.

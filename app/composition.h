@@ -22,4 +22,11 @@ class CoreServices;
 // stamped with its account.
 CoreServices& core();
 
+class Host;
+// The process's host over core(), with the desktop's notifications, sleep and wake and the
+// open-at-login entry; made on first use on the main executor. Only a program that owns the
+// data folder and runs as the host (`vell daemon`, the tray, a `vell record` serving
+// others) starts it.
+Host& host();
+
 }  // namespace vell::app

@@ -1,5 +1,6 @@
 #pragma once
 // Sentences of the sign-in and upload commands.
+#include "app/app_messages.h"
 #include "platform/language.h"
 
 namespace vell::cli::messages {
@@ -14,7 +15,7 @@ inline constexpr Text kMissingCode{"The two-step code is needed to finish signin
 // Followed by the account's email and a period.
 inline constexpr Text kSignedInAs{"Signed in as ", "Sesión iniciada como "};
 inline constexpr Text kSignedOut{"Signed out.", "Sesión cerrada."};
-inline constexpr Text kNotSignedIn{"Not signed in. Run \"vell login\".", "No iniciaste sesión. Ejecutá \"vell login\"."};
+inline constexpr Text kNotSignedIn = app::messages::kNotSignedIn;
 inline constexpr Text kLogoutNotReached{"The service could not be told; this computer forgot the session anyway.",
                                         "No se pudo avisar al servicio; esta computadora igual olvidó la sesión."};
 inline constexpr Text kNothingToUpload{"Nothing to upload.", "No hay nada para subir."};

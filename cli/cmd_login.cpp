@@ -9,6 +9,7 @@
 #include "cli/account_messages.h"
 #include "cli/command.h"
 #include "cli/help_messages.h"
+#include "cli/host_client.h"
 #include "app/composition.h"
 #include "app/core_services.h"
 #include "cli/runtime_scope.h"
@@ -55,6 +56,21 @@ int login(Context& context, std::string email) {
     if (!password || password->empty()) {
         std::cerr << messages::kMissingPassword.str() << "\n";
         return kExitUsage;
+    }
+    if (auto host = runningHost()) {
+        auto step = host->signIn(email, *password);
+        if (!step) return reportHostError(step.error());
+        if (*step == "mfaRequired") {
+            auto code = ask(messages::kCodePrompt);
+            if (!code || code->empty()) {
+                std::cerr << messages::kMissingCode.str() << "\n";
+                return kExitUsage;
+            }
+            if (auto verified = host->verifyCode(*code); !verified) return reportHostError(verified.error());
+        }
+        auto status = host->status();
+        std::cout << messages::kSignedInAs.str() << (status ? status->userEmail : email) << ".\n";
+        return kExitOK;
     }
     // Signing in gives unowned recordings to the account once, through the recorder, so
     // this command owns the data folder like any other that changes the pending list.

@@ -4,6 +4,7 @@
 #include "cli/account_messages.h"
 #include "cli/command.h"
 #include "cli/help_messages.h"
+#include "cli/host_client.h"
 #include "app/composition.h"
 #include "app/core_services.h"
 #include "cli/runtime_scope.h"
@@ -13,6 +14,12 @@ namespace vell::cli {
 namespace {
 
 int logout(Context& context) {
+    if (auto host = runningHost()) {
+        auto done = host->signOut();
+        if (!done) return reportHostError(done.error());
+        std::cout << messages::kSignedOut.str() << "\n";
+        return kExitOK;
+    }
     auto scope = RuntimeScope::enter(context, {.ownsDataDirectories = false});
     if (!scope) return context.exitCode;
     auto& core = app::core();

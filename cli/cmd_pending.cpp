@@ -8,6 +8,7 @@
 #include "app/composition.h"
 #include "app/core_services.h"
 #include "cli/command.h"
+#include "cli/host_client.h"
 #include "cli/pending_messages.h"
 #include "cli/runtime_scope.h"
 #include "recording/pending_recording_coding.h"
@@ -68,9 +69,20 @@ void setup(CLI::App& app, Context& context) {
     auto json = std::make_shared<bool>(false);
     cmd->add_flag("--json", *json, msg::kJsonOption.str());
     cmd->callback([&context, json] {
-        auto scope = RuntimeScope::enter(context);
-        if (!scope) return;
-        auto list = app::core().recorder().pending();
+        std::vector<recording::PendingRecording> list;
+        std::unique_ptr<RuntimeScope> scope;
+        if (auto host = runningHost()) {
+            auto json = host->pending();
+            if (!json) {
+                context.exitCode = reportHostError(json.error());
+                return;
+            }
+            list = recording::coding::decodeList(*json).value_or(std::vector<recording::PendingRecording>{});
+        } else {
+            scope = RuntimeScope::enter(context);
+            if (!scope) return;
+            list = app::core().recorder().pending();
+        }
         if (*json) {
             nlohmann::ordered_json array = nlohmann::ordered_json::array();
             for (const auto& r : list) array.push_back(recording::coding::encode(r));

@@ -10,11 +10,17 @@
 #include <atomic>
 #include <cmath>
 #include <iostream>
+#include <nlohmann/json.hpp>
 #include <thread>
 
 #include "app/composition.h"
 #include "app/core_services.h"
+#include "app/host.h"
+#include "app/input_levels.h"
 #include "cli/command.h"
+#include "cli/host_client.h"
+#include "platform/dbus/control_server.h"
+#include "cli/signal_watcher.h"
 #include "cli/record_messages.h"
 #include "cli/runtime_scope.h"
 #include "platform/runtime.h"
@@ -26,54 +32,6 @@ namespace vell::cli {
 namespace {
 namespace msg = record_messages;
 
-// Peak levels of the two inputs since the display last looked.
-struct LevelMeter {
-    std::atomic<float> mic{0};
-    std::atomic<float> system{0};
-
-    static void raise(std::atomic<float>& level, const audio::PcmBuffer& buffer) {
-        float peak = 0;
-        for (const auto& plane : buffer.channels)
-            for (float v : plane) peak = std::max(peak, std::abs(v));
-        float seen = level.load();
-        while (peak > seen && !level.compare_exchange_weak(seen, peak)) {
-        }
-    }
-};
-
-// The real mixer, with the inputs' levels measured on the way in.
-class MeteredMixer final : public audio::RecordingMixer {
-public:
-    MeteredMixer(std::unique_ptr<audio::RecordingMixer> inner, std::shared_ptr<LevelMeter> meter)
-        : inner_(std::move(inner)), meter_(std::move(meter)) {
-        inner_->onMixedBuffer = [this](audio::PcmBufferPtr b) {
-            if (onMixedBuffer) onMixedBuffer(std::move(b));
-        };
-        inner_->onSystemBuffer = [this](audio::PcmBufferPtr b) {
-            if (onSystemBuffer) onSystemBuffer(std::move(b));
-        };
-        inner_->onWriteError = [this](const std::string& e) {
-            if (onWriteError) onWriteError(e);
-        };
-    }
-    void open() override { inner_->open(); }
-    std::filesystem::path outputFile() const override { return inner_->outputFile(); }
-    void setSystemEnabled(bool enabled) override { inner_->setSystemEnabled(enabled); }
-    void appendMicrophone(audio::PcmBufferPtr buffer) override {
-        if (buffer) LevelMeter::raise(meter_->mic, *buffer);
-        inner_->appendMicrophone(std::move(buffer));
-    }
-    void appendSystem(audio::PcmBufferPtr buffer) override {
-        if (buffer) LevelMeter::raise(meter_->system, *buffer);
-        inner_->appendSystem(std::move(buffer));
-    }
-    void finish() override { inner_->finish(); }
-
-private:
-    std::unique_ptr<audio::RecordingMixer> inner_;
-    std::shared_ptr<LevelMeter> meter_;
-};
-
 // "[######    ]" for a peak level, on a -60...0 dBFS scale.
 std::string bar(float peak) {
     constexpr int kWidth = 12;
@@ -82,42 +40,70 @@ std::string bar(float peak) {
     return "[" + std::string(std::size_t(filled), '#') + std::string(std::size_t(kWidth - filled), ' ') + "]";
 }
 
-// Ctrl-C, SIGTERM (and SIGUSR1, our own wake-up) are taken by one thread with sigwait, so
-// the recording is stopped on the main loop like any other stop.
-class SignalWatcher {
-public:
-    SignalWatcher() {
-        sigemptyset(&set_);
-        sigaddset(&set_, SIGINT);
-        sigaddset(&set_, SIGTERM);
-        sigaddset(&set_, SIGUSR1);
-        // Before any other thread exists, so that every thread inherits the mask.
-        pthread_sigmask(SIG_BLOCK, &set_, &previous_);
-    }
-    ~SignalWatcher() {
-        if (thread_.joinable()) {
-            done_ = true;
-            pthread_kill(thread_.native_handle(), SIGUSR1);
-            thread_.join();
-        }
-        pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
-    }
-    void watch(std::function<void()> onStop) {
-        thread_ = std::thread([this, onStop = std::move(onStop)] {
-            while (!done_) {
-                int signal = 0;
-                if (sigwait(&set_, &signal) != 0) continue;
-                if (done_) return;
-                if (signal == SIGINT || signal == SIGTERM) onStop();
-            }
-        });
-    }
+std::string progressLine(double elapsed, float microphone, float system) {
+    const int whole = int(elapsed);
+    return fmt::format("\r\033[K  {:02}:{:02}:{:02}  {} {}  {} {}", whole / 3600, whole / 60 % 60, whole % 60,
+                       msg::kMicLabel.str(), bar(microphone), msg::kSystemLabel.str(), bar(system));
+}
 
-private:
-    sigset_t set_{}, previous_{};
-    std::atomic<bool> done_{false};
-    std::thread thread_;
-};
+// Seconds between an entry's start and finish (its JSON form), 0 while unfinished.
+double lengthOf(const nlohmann::json& entry) {
+    if (!entry.is_object() || !entry.contains("finishedAt") || !entry["finishedAt"].is_number()) return 0;
+    return entry["finishedAt"].get<double>() - entry.value("startedAt", entry["finishedAt"].get<double>());
+}
+
+// The recording made by the host that owns the data folder: started, watched and stopped
+// through its control interface, with the output of an in-process recording.
+int recordThroughHost(const dbus::ControlClient& host, double seconds, SignalWatcher& signals) {
+    std::atomic<bool> stopRequested{false};
+    signals.watch([&stopRequested] { stopRequested = true; });
+    auto started = host.startRecording();
+    if (!started) {
+        std::cerr << "vell: " << msg::kDidNotStart.str() << started.error().message << "\n";
+        return kExitFailure;
+    }
+    const auto& [id, file] = *started;
+    std::cout << msg::kRecording.str() << id << "\n" << msg::kFile.str() << file << std::endl;
+    const bool terminal = ::isatty(STDERR_FILENO) == 1;
+    if (terminal) std::cerr << msg::kStopHint.str() << "\n";
+    bool progressShown = false;
+    const auto begin = std::chrono::steady_clock::now();
+    int exitCode = kExitOK;
+    nlohmann::json entry;
+    while (true) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(250));
+        const double waited = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+        if (stopRequested || (seconds > 0 && waited >= seconds)) {
+            auto stopped = host.stopRecording(false);
+            if (stopped) entry = nlohmann::json::parse(*stopped, nullptr, false);
+            if (stopped || !stopped.error().notRecording()) break;
+        }
+        auto status = host.status();
+        if (status && status->recording && status->recordingID == id) {
+            if (terminal) {
+                std::cerr << progressLine(status->elapsed, float(status->microphoneLevel), float(status->systemLevel)) << std::flush;
+                progressShown = true;
+            }
+            continue;
+        }
+        // Stopped by someone else or by itself (limits, write error): say why.
+        if (progressShown) std::cerr << "\r\033[K";
+        progressShown = false;
+        if (status && !status->lastError.empty()) {
+            std::cerr << "vell: " << status->lastError << "\n";
+            if (status->lastError == recording::messages::kStoppedOnWriteError.str()) exitCode = kExitFailure;
+        }
+        if (auto list = host.pending()) {
+            for (const auto& e : nlohmann::json::parse(*list, nullptr, false)) {
+                if (e.is_object() && e.value("id", "") == id) entry = e;
+            }
+        }
+        break;
+    }
+    if (progressShown) std::cerr << "\r\033[K" << std::flush;
+    std::cout << msg::kSaved.str() << fmt::format("{:.1f}", lengthOf(entry)) << " s" << std::endl;
+    return exitCode;
+}
 
 void setup(CLI::App& app, Context& context) {
     auto* cmd = app.add_subcommand("record", msg::kDescription.str());
@@ -134,26 +120,22 @@ void setup(CLI::App& app, Context& context) {
         "SECONDS"));
     cmd->callback([&context, seconds] {
         SignalWatcher signals;
+        if (auto host = runningHost()) {
+            context.exitCode = recordThroughHost(*host, *seconds, signals);
+            return;
+        }
         auto scope = RuntimeScope::enter(context);
         if (!scope) return;
-        auto meter = std::make_shared<LevelMeter>();
-        recording::RecorderService::setSharedPartsProvider([meter] {
-            auto parts = app::recorderParts();
-            if (auto make = parts.makeMixer) {
-                parts.makeMixer = [make, meter](const std::filesystem::path& file, double rate) -> std::unique_ptr<audio::RecordingMixer> {
-                    auto inner = make(file, rate);
-                    if (!inner) return nullptr;
-                    return std::make_unique<MeteredMixer>(std::move(inner), meter);
-                };
-            }
-            return parts;
-        });
         auto& core = app::core();
         auto& recorder = core.recorder();
         // Signs in from the stored session meanwhile; a recording that starts before the
         // answer is stamped with the account that session belongs to.
         core.bootstrap();
+        // This process owns the data folder while it records: it serves `vell pending`,
+        // `vell status` and `vell stop` from other terminals, like a host would.
+        auto server = dbus::ControlServer::start(app::host());
         auto& main = runtime::main();
+        auto& levels = app::inputLevels();
         const bool terminal = ::isatty(STDERR_FILENO) == 1;
 
         bool started = false;
@@ -214,11 +196,8 @@ void setup(CLI::App& app, Context& context) {
             if (terminal) {
                 std::cerr << msg::kStopHint.str() << "\n";
                 progress = main.repeat(0.25, [&] {
-                    const double elapsed = recorder.state.elapsed.get();
-                    const int whole = int(elapsed);
-                    std::cerr << fmt::format("\r\033[K  {:02}:{:02}:{:02}  {} {}  {} {}", whole / 3600, whole / 60 % 60,
-                                             whole % 60, msg::kMicLabel.str(), bar(meter->mic.exchange(0)),
-                                             msg::kSystemLabel.str(), bar(meter->system.exchange(0)))
+                    std::cerr << progressLine(recorder.state.elapsed.get(), levels.microphone.exchange(0),
+                                              levels.system.exchange(0))
                               << std::flush;
                     progressShown = true;
                 });

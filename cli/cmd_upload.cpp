@@ -4,12 +4,14 @@
 
 #include <cmath>
 #include <iostream>
+#include <nlohmann/json.hpp>
 
 #include "app/composition.h"
 #include "app/core_services.h"
 #include "cli/account_messages.h"
 #include "cli/command.h"
 #include "cli/help_messages.h"
+#include "cli/host_client.h"
 #include "cli/runtime_scope.h"
 #include "recording/recorder_service.h"
 #include "service/upload_queue.h"
@@ -51,7 +53,41 @@ private:
     int percent_ = -1;
 };
 
+// Prints a pass's outcome and gives its exit code.
+int report(const service::PassSummary& summary) {
+    if (summary.uploaded == 0 && summary.failed == 0 && !summary.unauthenticated) {
+        std::cout << messages::kNothingToUpload.str() << "\n";
+        return kExitOK;
+    }
+    std::cout << messages::kUploadSummary.str() << summary.uploaded << messages::kFailedSummary.str() << summary.failed
+              << "\n";
+    if (summary.unauthenticated) return kExitSignedOut;
+    return summary.failed > 0 ? kExitFailure : kExitOK;
+}
+
+// The same pass, run by the host that owns the data folder.
+int uploadThroughHost(const dbus::ControlClient& host) {
+    auto reply = host.upload();
+    if (!reply) return reportHostError(reply.error());
+    auto outcome = nlohmann::json::parse(*reply, nullptr, false);
+    service::PassSummary summary;
+    if (outcome.is_object()) {
+        for (const auto& attempt : outcome.value("attempts", nlohmann::json::array())) {
+            std::cout << attempt.value("file", "") << ": "
+                      << (attempt.contains("recordingId")
+                              ? messages::kUploaded.str() + " (" + attempt.value("recordingId", "") + ")"
+                              : messages::kFailed.str() + ": " + attempt.value("error", ""))
+                      << "\n";
+        }
+        summary.uploaded = outcome.value("uploaded", 0);
+        summary.failed = outcome.value("failed", 0);
+        summary.unauthenticated = outcome.value("unauthenticated", false);
+    }
+    return report(summary);
+}
+
 int upload(Context& context) {
+    if (auto host = runningHost()) return uploadThroughHost(*host);
     auto scope = RuntimeScope::enter(context);
     if (!scope) return context.exitCode;
     auto& main = scope->executor();
@@ -103,15 +139,7 @@ int upload(Context& context) {
     });
     main.run();
     queue.onAttempt = nullptr;
-
-    if (summary.uploaded == 0 && summary.failed == 0 && !summary.unauthenticated) {
-        std::cout << messages::kNothingToUpload.str() << "\n";
-        return kExitOK;
-    }
-    std::cout << messages::kUploadSummary.str() << summary.uploaded << messages::kFailedSummary.str() << summary.failed
-              << "\n";
-    if (summary.unauthenticated) return kExitSignedOut;
-    return summary.failed > 0 ? kExitFailure : kExitOK;
+    return report(summary);
 }
 
 void setup(CLI::App& app, Context& context) {

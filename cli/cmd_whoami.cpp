@@ -4,13 +4,27 @@
 #include "cli/account_messages.h"
 #include "cli/command.h"
 #include "cli/help_messages.h"
+#include "cli/host_client.h"
 #include "service/account_client.h"
 
 namespace vell::cli {
 
 namespace {
 
+void printMe(const service::Me& me) {
+    std::cout << me.email << " (id " << me.id << (me.role.empty() ? "" : ", " + me.role) << (me.isAdmin ? ", admin" : "")
+              << ")\n";
+}
+
 int whoami() {
+    if (auto host = runningHost()) {
+        auto json = host->whoAmI();
+        if (!json) return reportHostError(json.error());
+        auto me = service::AccountClient::decodeMe(nlohmann::json::parse(*json, nullptr, false));
+        if (!me) return kExitFailure;
+        printMe(*me);
+        return kExitOK;
+    }
     service::APIClient client;
     service::AccountClient account(client);
     if (!account.hasSession()) {
@@ -27,8 +41,7 @@ int whoami() {
         std::cerr << me.error().description() << "\n";
         return kExitFailure;
     }
-    std::cout << me->email << " (id " << me->id << (me->role.empty() ? "" : ", " + me->role)
-              << (me->isAdmin ? ", admin" : "") << ")\n";
+    printMe(*me);
     return kExitOK;
 }
 

@@ -24,6 +24,17 @@ inline constexpr Text kUpload{"Upload the pending recordings of the signed-in ac
                               "Sube ahora las grabaciones pendientes de la cuenta con sesión iniciada"};
 inline constexpr Text kWhoami{"Show the signed-in account (exit status 3 when signed out)",
                               "Muestra la cuenta con sesión iniciada (sale con 3 si no hay sesión)"};
+inline constexpr Text kDaemon{"Run the Vell host: records, uploads and automates in the background and serves the "
+                              "other commands (started by the session with \"systemctl --user enable --now vell\")",
+                              "Ejecuta el anfitrión de Vell: graba, sube y automatiza en segundo plano y atiende a los "
+                              "demás comandos (la sesión lo inicia con \"systemctl --user enable --now vell\")"};
+inline constexpr Text kStop{"Stop the recording in progress (of the running host or of a \"vell record\")",
+                            "Detiene la grabación en curso (del anfitrión o de un \"vell record\")"};
+inline constexpr Text kStopDiscard{"Discard it instead of keeping it for upload", "Descartarla en vez de guardarla para subir"};
+inline constexpr Text kStatus{"Show what Vell is doing: sign-in, recording, elapsed time and levels",
+                              "Muestra qué está haciendo Vell: sesión, grabación, tiempo y niveles"};
+inline constexpr Text kJson{"Print JSON", "Imprime JSON"};
+inline constexpr Text kWatch{"Keep printing every second until Ctrl-C", "Sigue imprimiendo cada segundo hasta Ctrl-C"};
 
 // Headings and markers of the help layout.
 inline constexpr Text kUsage{"Usage", "Uso"};
