@@ -1,0 +1,149 @@
+// The idle host: `vell daemon` with nothing recording and no automation enabled, measured
+// over N seconds (default 60) for its CPU share of one core, its wake-ups per second (the
+// context switches of all its threads) and its peak RSS, beside a `sleep` process measured
+// over the same time. It runs on a private PulseAudio server, a private session bus and a
+// private XDG home, signed out.
+// Usage: bench_host_idle [seconds]
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+int sh(const std::string& command) { return std::system(command.c_str()); }
+
+pid_t spawn(std::vector<std::string> args, const fs::path& output) {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    pid_t pid = -1;
+    if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+struct Sample {
+    double cpuSeconds = 0;
+    long switches = 0;
+    long peakRssKiB = 0;
+};
+
+long field(const fs::path& status, const std::string& key) {
+    std::ifstream in(status);
+    std::string word;
+    while (in >> word) {
+        if (word == key) {
+            long value = 0;
+            in >> value;
+            return value;
+        }
+    }
+    return 0;
+}
+
+Sample sample(pid_t pid) {
+    Sample s;
+    const fs::path proc = "/proc/" + std::to_string(pid);
+    std::ifstream stat(proc / "stat");
+    std::string text((std::istreambuf_iterator<char>(stat)), {});
+    auto close = text.rfind(')');
+    if (close != std::string::npos) {
+        std::vector<std::string> fields;
+        std::string f;
+        for (char c : text.substr(close + 2)) {
+            if (c == ' ') fields.push_back(f), f.clear();
+            else f += c;
+        }
+        // utime and stime are the 14th and 15th fields (11th and 12th after the name).
+        if (fields.size() > 12) s.cpuSeconds = double(std::stol(fields[11]) + std::stol(fields[12])) / double(sysconf(_SC_CLK_TCK));
+    }
+    std::error_code ec;
+    for (const auto& task : fs::directory_iterator(proc / "task", ec)) {
+        s.switches += field(task.path() / "status", "voluntary_ctxt_switches:") +
+                      field(task.path() / "status", "nonvoluntary_ctxt_switches:");
+    }
+    s.peakRssKiB = field(proc / "status", "VmHWM:");
+    return s;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const double seconds = argc > 1 ? std::atof(argv[1]) : 60;
+    const fs::path vell = fs::path(VELL_BINARY_DIR) / "vell";
+    const fs::path dir = fs::temp_directory_path() / ("vell-bench-host-" + std::to_string(getpid()));
+    fs::create_directories(dir / "run");
+    fs::permissions(dir / "run", fs::perms::owner_all);
+    setenv("XDG_RUNTIME_DIR", (dir / "run").c_str(), 1);
+    setenv("XDG_DATA_HOME", (dir / "data").c_str(), 1);
+    setenv("XDG_CONFIG_HOME", (dir / "config").c_str(), 1);
+    setenv("TMPDIR", (dir / "tmp").c_str(), 1);
+    fs::create_directories(dir / "tmp");
+    unsetenv("PULSE_SERVER");
+    if (sh("pulseaudio --daemonize=yes -n --exit-idle-time=-1 --disallow-exit --load=module-native-protocol-unix "
+           "--load='module-null-sink sink_name=speakers' >/dev/null 2>&1") != 0) {
+        std::fprintf(stderr, "bench_host_idle: cannot start pulseaudio\n");
+        return 1;
+    }
+    std::ofstream(dir / "bus.conf") << "<busconfig><type>session</type><listen>unix:dir=" << dir.string()
+                                    << "</listen><auth>EXTERNAL</auth><policy context=\"default\"><allow send_destination=\"*\" "
+                                       "eavesdrop=\"true\"/><allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n";
+    FILE* bus = ::popen(("dbus-daemon --config-file=" + (dir / "bus.conf").string() + " --fork --print-address=1 --print-pid=1").c_str(), "r");
+    char line[1024] = {};
+    std::string address;
+    pid_t busPid = -1;
+    if (bus && std::fgets(line, sizeof line, bus)) address = line;
+    if (bus && std::fgets(line, sizeof line, bus)) busPid = std::atoi(line);
+    if (bus) ::pclose(bus);
+    while (!address.empty() && address.back() == '\n') address.pop_back();
+    setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
+
+    const pid_t host = spawn({vell.string(), "daemon"}, dir / "daemon.log");
+    const pid_t peer = spawn({"sleep", std::to_string(int(seconds) + 30)}, dir / "sleep.log");
+    std::this_thread::sleep_for(std::chrono::seconds(3));  // past the start-up
+    const Sample hostStart = sample(host), peerStart = sample(peer);
+    const auto begin = std::chrono::steady_clock::now();
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+    const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    const Sample hostEnd = sample(host), peerEnd = sample(peer);
+
+    ::kill(host, SIGTERM);
+    waitpid(host, nullptr, 0);
+    ::kill(peer, SIGKILL);
+    waitpid(peer, nullptr, 0);
+    if (busPid > 0) ::kill(busPid, SIGTERM);
+    sh("pulseaudio --kill 2>/dev/null");
+    std::error_code ec;
+    fs::remove_all(dir, ec);
+
+    const double hostCpu = 100 * (hostEnd.cpuSeconds - hostStart.cpuSeconds) / wall;
+    const double peerCpu = 100 * (peerEnd.cpuSeconds - peerStart.cpuSeconds) / wall;
+    const double hostWakes = double(hostEnd.switches - hostStart.switches) / wall;
+    const double peerWakes = double(peerEnd.switches - peerStart.switches) / wall;
+    std::printf("idle host over %.0f s (CPU at the clock tick's resolution, 10 ms):\n", wall);
+    std::printf("  vell daemon: %.3f %% of a core, %.2f wake-ups/s, peak RSS %.1f MiB\n", hostCpu, hostWakes,
+                double(hostEnd.peakRssKiB) / 1024);
+    std::printf("  sleep      : %.3f %% of a core, %.2f wake-ups/s, peak RSS %.1f MiB\n", peerCpu, peerWakes,
+                double(peerEnd.peakRssKiB) / 1024);
+    std::printf("  goals: < 0.1 %% of a core, < 2 wake-ups/s, < 30 MiB peak RSS\n");
+    return 0;
+}
