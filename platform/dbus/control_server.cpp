@@ -5,6 +5,8 @@
 #include <regex>
 #include <sdbus-c++/sdbus-c++.h>
 
+#include "platform/dbus/bus_loop.h"
+
 #include "app/app_messages.h"
 #include "app/input_levels.h"
 #include "platform/dbus/control_protocol.h"
@@ -50,6 +52,7 @@ struct ControlServer::Impl {
     app::Host& host;
     std::unique_ptr<sdbus::IConnection> connection;
     std::unique_ptr<sdbus::IObject> object;
+    std::unique_ptr<BusLoop> loop;
     mutable std::mutex lock;
     Snapshot snapshot;
     std::vector<Subscription> watches;
@@ -295,7 +298,7 @@ Expected<std::unique_ptr<ControlServer>, std::string> ControlServer::start(app::
         impl->object = sdbus::createObject(*impl->connection, kControlPath);
         impl->registerInterface();
         impl->watchHost();
-        impl->connection->enterEventLoopAsync();
+        impl->loop = std::make_unique<BusLoop>(*impl->connection, "the control interface");
     } catch (const sdbus::Error& e) {
         return unexpected(std::string("the control interface could not be offered on the session bus: ") + e.getMessage());
     }
@@ -307,8 +310,8 @@ ControlServer::ControlServer(std::unique_ptr<Impl> impl) : impl_(std::move(impl)
 
 ControlServer::~ControlServer() {
     impl_->watches.clear();
+    impl_->loop.reset();
     if (impl_->connection) {
-        impl_->connection->leaveEventLoop();
         try {
             impl_->connection->releaseName(kControlName);
         } catch (const sdbus::Error&) {

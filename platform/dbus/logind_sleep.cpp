@@ -2,6 +2,8 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
+#include "platform/dbus/bus_loop.h"
+
 #include "platform/log.h"
 
 namespace vell::dbus {
@@ -20,7 +22,7 @@ std::shared_ptr<LogindSleepEvents> LogindSleepEvents::connect() {
             if (raw->onChange) raw->onChange(start);
         });
         made->proxy_->finishRegistration();
-        made->connection_->enterEventLoopAsync();
+        made->loop_ = std::make_unique<BusLoop>(*made->connection_, "sleep and wake");
     } catch (const sdbus::Error& e) {
         kLog.info(std::string("no system bus; sleep and wake go unnoticed: ") + e.getMessage());
         return nullptr;
@@ -29,7 +31,7 @@ std::shared_ptr<LogindSleepEvents> LogindSleepEvents::connect() {
 }
 
 LogindSleepEvents::~LogindSleepEvents() {
-    if (connection_) connection_->leaveEventLoop();
+    loop_.reset();
     proxy_.reset();
 }
 

@@ -3,6 +3,7 @@
 // system bus or logind no event ever comes.
 #include <memory>
 
+#include "platform/dbus/bus_loop.h"
 #include "app/sleep_events.h"
 
 namespace sdbus {
@@ -22,6 +23,7 @@ private:
     LogindSleepEvents() = default;
     std::unique_ptr<sdbus::IConnection> connection_;
     std::unique_ptr<sdbus::IProxy> proxy_;
+    std::unique_ptr<BusLoop> loop_;
 };
 
 }  // namespace vell::dbus

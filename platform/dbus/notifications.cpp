@@ -2,6 +2,8 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
+#include "platform/dbus/bus_loop.h"
+
 #include "platform/log.h"
 
 namespace vell::dbus {
@@ -26,7 +28,7 @@ std::shared_ptr<DesktopNotifications> DesktopNotifications::connect() {
             raw->closed(id);
         });
         made->proxy_->finishRegistration();
-        made->connection_->enterEventLoopAsync();
+        made->loop_ = std::make_unique<BusLoop>(*made->connection_, "notifications");
     } catch (const sdbus::Error& e) {
         kLog.error(std::string("no session bus for notifications: ") + e.getMessage());
         return nullptr;
@@ -35,7 +37,7 @@ std::shared_ptr<DesktopNotifications> DesktopNotifications::connect() {
 }
 
 DesktopNotifications::~DesktopNotifications() {
-    if (connection_) connection_->leaveEventLoop();
+    loop_.reset();
     proxy_.reset();
 }
 

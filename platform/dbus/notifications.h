@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/dbus/bus_loop.h"
 #include "app/notification_center.h"
 
 namespace sdbus {
@@ -35,6 +36,7 @@ private:
 
     std::unique_ptr<sdbus::IConnection> connection_;
     std::unique_ptr<sdbus::IProxy> proxy_;
+    std::unique_ptr<BusLoop> loop_;
     std::mutex lock_;
     // category -> [action identifier, title, ...] as the server takes them
     std::map<std::string, std::vector<std::string>> actions_;
