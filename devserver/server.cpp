@@ -90,6 +90,9 @@ bool DevServer::prepare(std::string& message) {
     // A resumable upload is a long series of requests on one connection; closing it every
     // few requests (httplib's default of 5) only adds handshakes.
     p.http.set_keep_alive_max_count(1000);
+    // A reply goes out as a header write and a body write; with Nagle on, the body waits
+    // for the client's delayed ACK of the header (about 40 ms on Linux), once per upload part.
+    p.http.set_tcp_nodelay(true);
     installRequestLog(p.http);
     addAuthRoutes(p.router, p.services);
     addUploadRoutes(p.router, p.services);
