@@ -104,6 +104,12 @@ int upload(Context& context) {
     main.run();
     queue.onAttempt = nullptr;
 
+    if (summary.storageFailure) {
+        std::cout << messages::kUploadSummary.str() << summary.uploaded << messages::kFailedSummary.str() << summary.failed
+                  << "\n";
+        std::cerr << messages::kUploadStopped.str() << *summary.storageFailure << messages::kUploadStoppedEnd.str() << "\n";
+        return kExitFailure;
+    }
     if (summary.uploaded == 0 && summary.failed == 0 && !summary.unauthenticated) {
         std::cout << messages::kNothingToUpload.str() << "\n";
         return kExitOK;
