@@ -85,8 +85,9 @@ void AppState::becomeSignedIn(const service::Me& user) {
     phase.set(Phase::signedIn);
     api_.setIdentity(user);
     if (legacyAdoption_.isOpen()) {
-        if (adoptUnowned_) adoptUnowned_(user.id);
-        legacyAdoption_.close();
+        // Recorded as decided only once the pending list holds the owners: otherwise a
+        // full disk would leave the recordings unowned for good.
+        if (!adoptUnowned_ || adoptUnowned_(user.id)) legacyAdoption_.close();
     }
     launchSessionStillActive_ = false;
     keepAlive_.cancel();
@@ -149,7 +150,7 @@ void AppState::finishSignIn(Done<Unit> done) {
             if (done) done(unexpected(user.error()));
             return;
         }
-        api_.saveSession();
+        sessionNotStored_ = !api_.saveSession();
         becomeSignedIn(*user);
         if (done) done(Unit{});
     }));

@@ -24,7 +24,8 @@ public:
     static constexpr double kFirstRetrySeconds = 30;
     static constexpr double kLongestRetrySeconds = 900;
 
-    using AdoptUnowned = std::function<void(const std::string& accountID)>;
+    // Returns whether the adoption was stored; the one-time decision is kept open otherwise.
+    using AdoptUnowned = std::function<bool(const std::string& accountID)>;
     template <class T>
     using Done = std::function<void(Expected<T, service::APIError>)>;
 
@@ -38,6 +39,8 @@ public:
     Published<std::optional<service::Me>> me;
 
     bool launchSessionStillActive() const { return launchSessionStillActive_; }
+    // The last sign-in could not store its session: it lasts only as long as this process.
+    bool sessionNotStored() const { return sessionNotStored_; }
     const LegacyAdoptionWindow& legacyAdoption() const { return legacyAdoption_; }
     bool keepAliveRunning() const { return keepAlive_.active(); }
     // Who new recordings belong to: the signed-in user, or while the launch check of a
@@ -77,6 +80,7 @@ private:
     Executor& main_;
     LegacyAdoptionWindow legacyAdoption_;
     bool launchSessionStillActive_ = false;
+    bool sessionNotStored_ = false;
     bool bootstrapped_ = false;
     double nextRetrySeconds_ = kFirstRetrySeconds;
     TimerHandle keepAlive_;

@@ -16,7 +16,11 @@ CoreServices::CoreServices(service::APIClient& client, std::function<recording::
     : client_(client), account_(client), makeRecorder_(std::move(recorder)), main_(main), clock_(clock) {
     // The adoption of unowned recordings goes through the recorder, so its recovery has run.
     appState_ = std::make_unique<AppState>(
-        account_, defaults, [this](const std::string& accountID) { this->recorder().assignAccountToUnowned(accountID); },
+        account_, defaults, [this](const std::string& accountID) {
+            auto& recorder = this->recorder();
+            recorder.assignAccountToUnowned(accountID);
+            return !recorder.saveFailure();
+        },
         main);
     meWatch_ = appState_->me.subscribe([this](const std::optional<service::Me>& me) {
         accountChanged(me ? std::optional<std::string>(me->id) : std::nullopt);

@@ -15,6 +15,8 @@ inline constexpr Text kBluetoothNote{"Bluetooth mics switch headphones to call q
 // Command-line texts.
 inline constexpr Text kBadSelection{"Choose default, builtin or uid:<device UID>.",
                                     "Elegí default, builtin o uid:<UID del dispositivo>."};
+inline constexpr Text kUIDNotText{"The device UID is not valid UTF-8 text.",
+                                  "El UID del dispositivo no es texto UTF-8 válido."};
 inline constexpr Text kEmptyUID{"The device UID after \"uid:\" is empty.", "El UID del dispositivo después de \"uid:\" está vacío."};
 inline constexpr Text kNoSoundServer{"The sound server is not reachable: ", "No se puede contactar al servidor de sonido: "};
 inline constexpr Text kRecordingLabel{"Recording microphone", "Micrófono de grabación"};

@@ -22,6 +22,13 @@ private:
     std::string operation_;
 };
 
+// The sound server is there but did not answer within its time limit (frozen, or
+// overloaded): anything else that goes through it would wait just as long.
+class SoundServerNotAnswering : public CoreAudioError {
+public:
+    using CoreAudioError::CoreAudioError;
+};
+
 // The device to open was refused.
 class MicCaptureError : public std::runtime_error {
 public:

@@ -1,5 +1,6 @@
 #include "audio/mic_capture.h"
 
+#include "audio/errors.h"
 #include "audio/microphone_settings.h"
 #include "platform/alsa_mic_engine.h"
 #include "platform/log.h"
@@ -39,7 +40,10 @@ void MicCapture::start(const MicrophoneTarget& target, BufferHandler handler, st
         open(makeEngine_(), target, handler, onDeviceChange);
         usingFallback_ = false;
     } catch (const std::exception& primaryError) {
-        if (!makeFallbackEngine_) {
+        // The fallback's default device goes through the same server (ALSA's pulse
+        // plugin), so a server that does not answer would only be waited for again.
+        const bool serverFrozen = dynamic_cast<const SoundServerNotAnswering*>(&primaryError) != nullptr;
+        if (!makeFallbackEngine_ || serverFrozen) {
             if (deviceRequested && target.uid && healthReporter_) healthReporter_(*target.uid, true);
             throw;
         }

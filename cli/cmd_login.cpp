@@ -116,6 +116,10 @@ int login(Context& context, std::string email) {
         }
     }
     auto me = state.me.get();
+    if (state.sessionNotStored()) {
+        std::cerr << messages::kSessionNotStored.str() << "\n";
+        return kExitFailure;
+    }
     std::cout << messages::kSignedInAs.str() << (me ? me->email : email) << ".\n";
     return kExitOK;
 }

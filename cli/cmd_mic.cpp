@@ -1,5 +1,8 @@
 // vell mic recording|insurance default|builtin|uid:UID: stores a microphone choice.
 #include <iostream>
+#include <string_view>
+
+#include <nlohmann/json.hpp>
 
 #include "app/preference_keys.h"
 #include "audio/capture_messages.h"
@@ -13,6 +16,16 @@ namespace vell::cli {
 namespace {
 namespace msg = audio::messages;
 using audio::MicrophoneSelection;
+
+// Source names are UTF-8; anything else cannot be stored in the defaults (JSON) either.
+bool isValidUtf8(std::string_view text) {
+    try {
+        (void)nlohmann::json(std::string(text)).dump();
+        return true;
+    } catch (const nlohmann::json::exception&) {
+        return false;
+    }
+}
 
 void setup(CLI::App& app, Context& context) {
     auto* cmd = app.add_subcommand("mic", msg::kMicDescription.str());
@@ -29,6 +42,11 @@ void setup(CLI::App& app, Context& context) {
         }
         if (selection->kind == MicrophoneSelection::Kind::device && selection->uid.empty()) {
             std::cerr << "vell: " << msg::kEmptyUID.str() << "\n";
+            context.exitCode = kExitUsage;
+            return;
+        }
+        if (!isValidUtf8(*choice)) {
+            std::cerr << "vell: " << msg::kUIDNotText.str() << "\n";
             context.exitCode = kExitUsage;
             return;
         }

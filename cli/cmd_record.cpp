@@ -32,6 +32,9 @@ namespace vell::cli {
 namespace {
 namespace msg = record_messages;
 
+// One tick of the mixer: anything shorter writes no audio.
+constexpr double kShortestSeconds = 0.1;
+
 // "[######    ]" for a peak level, on a -60...0 dBFS scale.
 std::string bar(float peak) {
     constexpr int kWidth = 12;
@@ -110,9 +113,12 @@ void setup(CLI::App& app, Context& context) {
     auto seconds = std::make_shared<double>(0);
     cmd->add_option("--seconds", *seconds, msg::kSecondsOption.str())->check(CLI::Validator(
         [](std::string& text) -> std::string {
+            // "inf", "nan" and lengths shorter than one mixer tick would either never stop
+            // or stop before a single frame reached the file.
             try {
                 std::size_t used = 0;
-                if (std::stod(text, &used) > 0 && used == text.size()) return {};
+                const double value = std::stod(text, &used);
+                if (used == text.size() && std::isfinite(value) && value >= kShortestSeconds) return {};
             } catch (const std::exception&) {
             }
             return msg::kBadSeconds.str();
@@ -151,11 +157,14 @@ void setup(CLI::App& app, Context& context) {
             limit.cancel();
             progress.cancel();
             clearProgress();
-            double length = 0;
-            for (const auto& r : recorder.pending()) {
-                if (r.id == id && r.finishedAt) length = std::chrono::duration<double>(*r.finishedAt - r.startedAt).count();
+            const auto& outcome = recorder.lastStop();
+            if (outcome && outcome->id == id && !outcome->kept) {
+                // The reason was said already; nothing is waiting to be uploaded.
+                context.exitCode = kExitFailure;
+            } else {
+                const double length = outcome && outcome->id == id ? outcome->savedSeconds : 0.0;
+                std::cout << msg::kSaved.str() << fmt::format("{:.1f}", length) << " s" << std::endl;
             }
-            std::cout << msg::kSaved.str() << fmt::format("{:.1f}", length) << " s" << std::endl;
             scope->stop();
         };
         auto stopNow = [&] {
@@ -164,9 +173,10 @@ void setup(CLI::App& app, Context& context) {
             recorder.stop(true, false);
             finishRun();
         };
-        // The recorder may also stop on its own (write error, limits): say why.
+        // The recorder may also stop on its own (write error, limits): say why. Posted, so
+        // that the stop has finished (its message and the saved length are final) first.
         auto watching = recorder.state.isRecording.subscribe([&](bool recording) {
-            runtime::runOnMain([&, recording] {
+            main.post([&, recording] {
                 if (recording || !started || stopping) return;
                 stopping = true;
                 clearProgress();

@@ -55,6 +55,12 @@ private:
 
 // Prints a pass's outcome and gives its exit code.
 int report(const service::PassSummary& summary) {
+    if (summary.storageFailure) {
+        std::cout << messages::kUploadSummary.str() << summary.uploaded << messages::kFailedSummary.str() << summary.failed
+                  << "\n";
+        std::cerr << messages::kUploadStopped.str() << *summary.storageFailure << messages::kUploadStoppedEnd.str() << "\n";
+        return kExitFailure;
+    }
     if (summary.uploaded == 0 && summary.failed == 0 && !summary.unauthenticated) {
         std::cout << messages::kNothingToUpload.str() << "\n";
         return kExitOK;
@@ -82,6 +88,7 @@ int uploadThroughHost(const dbus::ControlClient& host) {
         summary.uploaded = outcome.value("uploaded", 0);
         summary.failed = outcome.value("failed", 0);
         summary.unauthenticated = outcome.value("unauthenticated", false);
+        if (outcome.contains("storageFailure")) summary.storageFailure = outcome.value("storageFailure", "");
     }
     return report(summary);
 }

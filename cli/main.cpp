@@ -89,7 +89,9 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
-        return app.exit(e);
+        // Help and version end with 0; every refused command line is a usage error.
+        const int code = app.exit(e);
+        return code == 0 ? cli::kExitOK : cli::kExitUsage;
     } catch (const std::exception& e) {
         std::cerr << "vell: " << e.what() << "\n";
         return cli::kExitFailure;

@@ -8,8 +8,8 @@ inline constexpr Text kDescription{"Record the microphone and the system audio i
                                    "Graba el micrófono y el audio del sistema en una grabación nueva"};
 inline constexpr Text kSecondsOption{"Stop by itself after this many seconds",
                                      "Se detiene sola después de esta cantidad de segundos"};
-inline constexpr Text kBadSeconds{"must be a number of seconds above 0",
-                                  "tiene que ser una cantidad de segundos mayor que 0"};
+inline constexpr Text kBadSeconds{"must be a finite number of seconds, at least 0.1",
+                                  "tiene que ser una cantidad finita de segundos, de al menos 0,1"};
 // Followed by the recording's id / the file's path.
 inline constexpr Text kRecording{"Recording: ", "Grabación: "};
 inline constexpr Text kFile{"File: ", "Archivo: "};

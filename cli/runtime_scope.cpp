@@ -13,8 +13,8 @@ std::unique_ptr<RuntimeScope> RuntimeScope::enter(Context& context, Options opti
     if (options.ownsDataDirectories) {
         auto lock = InstanceLock::acquire(paths::vellDataDirectory());
         if (!lock) {
-            std::cerr << "vell: " << lock.error() << "\n";
-            context.exitCode = kExitBusy;
+            std::cerr << "vell: " << lock.error().sentence << "\n";
+            context.exitCode = lock.error().busy ? kExitBusy : kExitFailure;
             return nullptr;
         }
         scope->lock_ = *lock;

@@ -17,8 +17,8 @@ public:
         bool ownsDataDirectories = true;
     };
 
-    // Nothing when another process owns the data folder: the reason is printed on
-    // standard error and context.exitCode is set to kExitBusy.
+    // Nothing when another process owns the data folder (context.exitCode kExitBusy) or
+    // the folder cannot be used (kExitFailure): the reason is printed on standard error.
     static std::unique_ptr<RuntimeScope> enter(Context& context, Options options);
     static std::unique_ptr<RuntimeScope> enter(Context& context) { return enter(context, Options{}); }
     ~RuntimeScope();

@@ -1,5 +1,7 @@
 #include "platform/adts_file_sink.h"
 
+#include "platform/adts_frames.h"
+
 extern "C" {
 #include <libavcodec/avcodec.h>
 }
@@ -150,6 +152,20 @@ Expected<Unit, std::string> AdtsFileSink::drain() {
         }
         done += static_cast<std::size_t>(n);
     }
+    if (!result && done > 0) {
+        // A full disk takes part of a frame: the file must end at a whole frame, or
+        // decoders report the tail as invalid data. The cut frame stays in the buffer and
+        // is written again once the disk takes it.
+        const std::size_t whole = wholeAdtsBytes(buffer_.data(), done);
+        if (whole < done) {
+            const off_t end = static_cast<off_t>(written_ + whole);
+            if (::ftruncate(fd_, end) != 0 || ::lseek(fd_, end, SEEK_SET) != end) {
+                result = unexpected(result.error() + "; " + systemError("ftruncate", errno));
+            }
+            done = whole;
+        }
+    }
+    written_ += done;
     buffer_.erase(buffer_.begin(), buffer_.begin() + static_cast<std::ptrdiff_t>(done));
     return result;
 }

@@ -50,6 +50,7 @@ private:
 
     int fd_ = -1;
     AdtsStreamConfig config_;
+    std::uint64_t written_ = 0;  // bytes in the file: whole frames only
     std::vector<std::uint8_t> buffer_;
 };
 

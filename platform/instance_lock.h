@@ -11,9 +11,16 @@ namespace vell {
 
 class InstanceLock {
 public:
+    // Why the lock was not taken, as a sentence in the interface language.
+    struct Refusal {
+        bool busy = false;  // another process holds it; otherwise the folder cannot be used
+        std::string sentence;
+        const std::string& message() const { return sentence; }
+    };
+
     // Takes the lock file in <dataDirectory>; fails at once (never waits) when another
-    // process holds it, with a sentence in the interface language.
-    static Expected<std::shared_ptr<InstanceLock>, std::string> acquire(const std::filesystem::path& dataDirectory);
+    // process holds it, or when the folder cannot be created or written.
+    static Expected<std::shared_ptr<InstanceLock>, Refusal> acquire(const std::filesystem::path& dataDirectory);
     ~InstanceLock();
     InstanceLock(const InstanceLock&) = delete;
     InstanceLock& operator=(const InstanceLock&) = delete;

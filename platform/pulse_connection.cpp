@@ -7,6 +7,7 @@
 namespace vell::pulse {
 
 using audio::CoreAudioError;
+using audio::SoundServerNotAnswering;
 
 namespace {
 
@@ -127,6 +128,7 @@ void Connection::connect() {
     if (pa_context_get_state(context_) == PA_CONTEXT_READY) return;
     const int error = settled ? pa_context_errno(context_) : PA_ERR_TIMEOUT;
     releaseContext();
+    if (!settled) throw SoundServerNotAnswering(error, "pa_context_connect");
     throw CoreAudioError(error, "pa_context_connect");
 }
 
@@ -188,7 +190,7 @@ bool Connection::await(pa_operation* op, const char* operation) const {
     bool done = pa_operation_get_state(op) == PA_OPERATION_DONE;
     pa_operation_set_state_callback(op, nullptr, nullptr);
     pa_operation_unref(op);
-    if (timedOut) throw CoreAudioError(PA_ERR_TIMEOUT, operation);
+    if (timedOut) throw SoundServerNotAnswering(PA_ERR_TIMEOUT, operation);
     return done;
 }
 

@@ -99,6 +99,14 @@ std::optional<nlohmann::json> UserDefaults::dictionary(std::string_view key) con
 bool UserDefaults::contains(std::string_view key) const { return raw(key).has_value(); }
 
 bool UserDefaults::set(std::string_view key, nlohmann::json value) {
+    // A value that cannot be written out (text that is not UTF-8) must not stay behind
+    // and make every later save fail.
+    try {
+        (void)value.dump();
+    } catch (const nlohmann::json::exception& e) {
+        kLog.error(std::string("defaults value refused for ") + std::string(key) + ": " + e.what());
+        return false;
+    }
     std::lock_guard lock(mutex_);
     values_[std::string(key)] = std::move(value);
     return save();

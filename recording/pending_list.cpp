@@ -1,6 +1,12 @@
 #include "recording/pending_list.h"
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 
 #include <chrono>
 #include <map>
@@ -16,7 +22,29 @@ namespace fs = std::filesystem;
 
 namespace {
 const log::Logger kLog("PendingRecordings");
+
+// Renames the file to "<name>.corrupt-<seconds>", adding "-2", "-3"... when a copy kept
+// earlier in the same second has that name: a kept copy is never replaced.
+std::optional<fs::path> moveAside(const fs::path& file) {
+    const auto seconds =
+        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch()).count();
+    for (int n = 1; n < 1000; ++n) {
+        fs::path aside = file;
+        aside += ".corrupt-" + std::to_string(seconds) + (n > 1 ? "-" + std::to_string(n) : "");
+        if (::renameat2(AT_FDCWD, file.c_str(), AT_FDCWD, aside.c_str(), RENAME_NOREPLACE) == 0) return aside;
+        if (errno == EEXIST) continue;
+        if (errno != EINVAL && errno != ENOSYS) break;
+        // A file system without RENAME_NOREPLACE: link refuses an existing name too.
+        if (::link(file.c_str(), aside.c_str()) == 0) {
+            ::unlink(file.c_str());
+            return aside;
+        }
+        if (errno != EEXIST) break;
+    }
+    kLog.error("cannot move " + file.filename().string() + " aside: " + std::strerror(errno));
+    return std::nullopt;
 }
+}  // namespace
 
 PendingListFile::PendingListFile(fs::path directory) : directory_(std::move(directory)) {}
 
@@ -29,14 +57,14 @@ std::optional<std::vector<PendingRecording>> PendingListFile::load() const {
     }
     auto list = coding::decodeList(*text);
     if (!list) {
-        auto seconds = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch());
-        fs::path aside = manifest();
-        aside += ".corrupt-" + std::to_string(seconds.count());
-        std::error_code renameError;
-        fs::rename(manifest(), aside, renameError);
-        kLog.error("pending list does not decode; kept as " + aside.filename().string() +
-                   (renameError ? " (move failed: " + renameError.message() + ")" : ""));
-        return std::nullopt;
+        // Kept for inspection under a name no earlier copy holds; the entries that still
+        // read keep their state and owner, the audio of the others is found by the scan.
+        const auto aside = moveAside(manifest());
+        list = coding::decodeReadableEntries(*text);
+        kLog.error("pending list does not decode; " +
+                   (aside ? "kept as " + aside->filename().string() : std::string("could not be moved aside")) +
+                   (list ? "; " + std::to_string(list->size()) + " readable entries recovered" : std::string()));
+        if (!list) return std::nullopt;
     }
     return keepingExistingFiles(std::move(*list));
 }

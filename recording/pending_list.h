@@ -20,9 +20,11 @@ public:
     std::filesystem::path manifest() const { return directory_ / "manifest.json"; }
 
     // The stored list with entries whose audio file is gone left out, or nothing when the
-    // file is missing, unreadable or does not decode. A file that does not decode is moved
-    // aside ("manifest.json.corrupt-<seconds>") so that its content is never lost by the
-    // next save; the audio files it named are found again by the recovery scan.
+    // file is missing, unreadable or not a JSON array. A file that does not decode is moved
+    // aside ("manifest.json.corrupt-<seconds>", never over an earlier copy) so that its
+    // content is never lost by the next save; when it is still a JSON array, the entries
+    // that decode on their own are kept, and the audio of the others is found again by the
+    // recovery scan.
     std::optional<std::vector<PendingRecording>> load() const;
 
     // Compact JSON, written atomically: a failed write leaves the previous file intact.

@@ -44,6 +44,9 @@ public:
     virtual void add(PendingRecording recording) = 0;
     // Removes the entry and saves; the audio file is left to the caller.
     virtual bool remove(const std::string& id) = 0;
+    // Why the last save did not reach the disk (a full disk); nothing once a save succeeded.
+    // The list in memory is ahead of the file meanwhile.
+    virtual std::optional<std::string> saveFailure() const { return std::nullopt; }
 };
 
 }  // namespace vell::recording

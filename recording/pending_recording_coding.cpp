@@ -277,4 +277,15 @@ std::optional<std::vector<PendingRecording>> decodeList(std::string_view text) {
     return std::move(reader.list);
 }
 
+std::optional<std::vector<PendingRecording>> decodeReadableEntries(std::string_view text) {
+    auto document = json::parse(text, nullptr, /*allow_exceptions=*/false);
+    if (!document.is_array()) return std::nullopt;
+    std::vector<PendingRecording> list;
+    for (const auto& element : document) {
+        if (!element.is_object()) continue;
+        if (auto entry = decode(element)) list.push_back(std::move(*entry));
+    }
+    return list;
+}
+
 }  // namespace vell::recording::coding

@@ -25,5 +25,9 @@ std::optional<PendingRecording> decode(const nlohmann::json& object);
 std::string encodeList(const std::vector<PendingRecording>& list);
 // Nothing when the text is not a JSON array or any entry fails to decode.
 std::optional<std::vector<PendingRecording>> decodeList(std::string_view text);
+// For a list that failed to decode: the entries that decode on their own, in order, when
+// the text is still a JSON array (one unknown status must not cost every other entry its
+// state and owner); nothing when it is not.
+std::optional<std::vector<PendingRecording>> decodeReadableEntries(std::string_view text);
 
 }  // namespace vell::recording::coding

@@ -13,6 +13,20 @@ inline constexpr Text kStoppedAfterSilence{"Recording stopped after 10 minutes w
 inline constexpr Text kStoppedOnWriteError{
     "Recording stopped because Vell could no longer save audio. The saved part will be uploaded.",
     "La grabación se detuvo porque Vell ya no pudo guardar audio. La parte guardada se subirá."};
+inline constexpr Text kStoppedNothingSaved{
+    "Recording stopped because Vell could not save any audio (is the disk full?). Nothing was saved.",
+    "La grabación se detuvo porque Vell no pudo guardar audio (¿está lleno el disco?). No se guardó nada."};
+inline constexpr Text kStoppedFileDeleted{
+    "Recording stopped because its file was deleted. There is nothing left to upload.",
+    "La grabación se detuvo porque se borró su archivo. No queda nada para subir."};
+inline constexpr Text kSoundServerNotAnswering{
+    "The sound server (PulseAudio or PipeWire) is not answering, so the microphone could not be opened. "
+    "Restart it (for example: systemctl --user restart pipewire-pulse) and try again.",
+    "El servidor de sonido (PulseAudio o PipeWire) no responde, así que no se pudo abrir el micrófono. "
+    "Reinicialo (por ejemplo: systemctl --user restart pipewire-pulse) y volvé a intentar."};
+// Followed by the system's reason.
+inline constexpr Text kListNotSaved{"Vell could not save its list of recordings: ",
+                                    "Vell no pudo guardar su lista de grabaciones: "};
 // Followed by the error's own description.
 inline constexpr Text kMicrophoneReopenFailed{"The microphone could not be reopened: ", "No se pudo reabrir el micrófono: "};
 // Also set on a recording that was still running when the previous run ended.

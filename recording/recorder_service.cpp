@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <mutex>
 
 #include "audio/errors.h"
+#include "platform/adts_frames.h"
 #include "platform/log.h"
 #include "platform/runtime.h"
 #include "platform/uuid.h"
@@ -29,6 +31,26 @@ std::function<RecorderParts()>& provider() {
 }
 
 double secondsBetween(WallTime from, WallTime to) { return std::chrono::duration<double>(to - from).count(); }
+
+bool isAdtsFile(const fs::path& file) {
+    std::string ext = file.extension().string();
+    std::transform(ext.begin(), ext.end(), ext.begin(), [](unsigned char c) { return std::tolower(c); });
+    return ext == ".aac";
+}
+
+// Cuts a half-written last frame off the ADTS files of the folder that no entry names.
+void trimOrphanFiles(const fs::path& directory, const std::vector<PendingRecording>& list) {
+    std::set<fs::path> named;
+    for (const auto& r : list) named.insert(r.fileURL.lexically_normal());
+    std::error_code ec;
+    for (fs::directory_iterator it(directory, ec), end; !ec && it != end; it.increment(ec)) {
+        const fs::path& path = it->path();
+        if (path.filename().string().rfind(kRecordingFilePrefix, 0) != 0 || !isAdtsFile(path)) continue;
+        if (named.count(path.lexically_normal())) continue;
+        std::error_code trimError;
+        (void)media::trimAdtsFile(path, trimError);
+    }
+}
 }  // namespace
 
 // One recording's audio objects, shared with the microphone queue and the callbacks.
@@ -88,7 +110,28 @@ void RecorderService::loadAndRecover() {
     if (auto loaded = listFile_.load()) list_ = std::move(*loaded);
     const WallTime now = runtime::clock().now();
     const std::string note = messages::kRecovered.str();
-    bool changed = settleInterrupted(list_, now, note) > 0;
+    // A run cut off by a full disk or a crash may have left half a frame at the end of an
+    // ADTS file; decoders read a file to its end only without it. Orphans are trimmed
+    // before the scan, so one left with no whole frame is not recovered.
+    bool changed = false;
+    for (auto it = list_.begin(); it != list_.end();) {
+        if (it->status != Status::recording || !isAdtsFile(it->fileURL)) {
+            ++it;
+            continue;
+        }
+        std::error_code ec;
+        const auto extent = media::trimAdtsFile(it->fileURL, ec);
+        if (!ec && extent.fileBytes == 0) {
+            kLog.info("dropped interrupted recording " + it->id + ": no audio was saved");
+            fs::remove(it->fileURL, ec);
+            it = list_.erase(it);
+            changed = true;
+        } else {
+            ++it;
+        }
+    }
+    trimOrphanFiles(listFile_.directory(), list_);
+    changed = settleInterrupted(list_, now, note) > 0 || changed;
     auto orphans = findOrphanRecordings(listFile_.directory(), list_, now, note);
     for (auto& r : orphans) {
         kLog.info("recovered interrupted recording " + r.fileURL.filename().string());
@@ -104,10 +147,19 @@ void RecorderService::loadAndRecover() {
     }
 }
 
-void RecorderService::commitList() {
+bool RecorderService::commitList() {
     std::error_code error;
-    if (!listFile_.save(list_, error)) kLog.error("pending list save failed: " + error.message());
+    const bool saved = listFile_.save(list_, error);
+    if (saved) {
+        if (saveFailure_) kLog.info("pending list saved again");
+        saveFailure_.reset();
+    } else {
+        // Once per run of failures: a full disk refuses every save of a pass alike.
+        if (!saveFailure_) kLog.error("pending list save failed: " + error.message());
+        saveFailure_ = error.message();
+    }
     state.pending.set(list_);
+    return saved;
 }
 
 bool RecorderService::update(const std::string& id, const std::function<void(PendingRecording&)>& change) {
@@ -209,6 +261,9 @@ void RecorderService::startOnMicQueue(std::shared_ptr<Session> session, audio::M
             failure = messages::kMicrophonePermissionMissing.str();
         } catch (const audio::MixerOpenError&) {
             failure = messages::kMixerFailed.str();
+        } catch (const audio::SoundServerNotAnswering& e) {
+            kLog.error(std::string("sound server not answering: ") + e.what());
+            failure = messages::kSoundServerNotAnswering.str();
         } catch (const std::exception& e) {
             failure = e.what();
         }
@@ -233,14 +288,15 @@ void RecorderService::startOnMicQueue(std::shared_ptr<Session> session, audio::M
         }
         runtime::runOnMain([this, alive, session, options, liveSessionID, failure, done] {
             if (alive.expired()) return;
+            bool started = false;
             if (failure) {
-                // A live session opened for this recording has nothing to follow.
-                if (liveSessionID && parts_.liveAdvisor.recordingEnded) parts_.liveAdvisor.recordingEnded(session->id);
                 failStart(*failure);
             } else {
-                finishStart(session, options, liveSessionID);
+                started = finishStart(session, options, liveSessionID);
             }
-            if (done) done(!failure);
+            // A live session opened for this recording has nothing to follow.
+            if (!started && liveSessionID && parts_.liveAdvisor.recordingEnded) parts_.liveAdvisor.recordingEnded(session->id);
+            if (done) done(started);
         });
     });
 }
@@ -326,8 +382,7 @@ void RecorderService::installMixerCallbacks(const std::shared_ptr<Session>& sess
         kLog.error("recording file write failed: " + error);
         runtime::runOnMain([this, alive, id] {
             if (alive.expired() || currentID_ != id || !state.isRecording.get()) return;
-            state.lastError.set(messages::kStoppedOnWriteError.str());
-            stop(false, false);
+            stopOnWriteError();
         });
     };
 }
@@ -338,9 +393,33 @@ void RecorderService::markMeaningfulAudio(const std::string& recordingID) {
     heardMeaningfulAudio_ = true;
 }
 
-void RecorderService::finishStart(const std::shared_ptr<Session>& session, const StartOptions& options,
+bool RecorderService::finishStart(const std::shared_ptr<Session>& session, const StartOptions& options,
                                   const std::optional<std::string>& liveSessionID) {
     const WallTime now = runtime::clock().now();
+
+    // The entry first: a recording the pending list does not hold would be a file nobody
+    // uploads (a full disk refuses the list as it would refuse the audio).
+    PendingRecording r;
+    r.id = session->id;
+    r.fileURL = session->mixer->outputFile();
+    r.startedAt = now;
+    r.status = Status::recording;
+    r.attempts = 0;
+    if (parts_.accountID) r.accountID = parts_.accountID();
+    r.liveSessionID = liveSessionID;
+    list_.push_back(r);
+    if (!commitList()) {
+        const std::string reason = saveFailure_.value_or("");
+        list_.pop_back();
+        state.pending.set(list_);
+        closeSession(session);
+        std::error_code ignored;
+        fs::remove(r.fileURL, ignored);
+        failStart(messages::kListNotSaved.str() + reason);
+        return false;
+    }
+    if (!r.accountID) unownedThisRun_.insert(r.id);
+
     session_ = session;
     currentID_ = session->id;
     startedAt_ = now;
@@ -356,23 +435,22 @@ void RecorderService::finishStart(const std::shared_ptr<Session>& session, const
     state.lastError.set(std::nullopt);
     state.isRecording.set(true);
 
-    PendingRecording r;
-    r.id = session->id;
-    r.fileURL = session->mixer->outputFile();
-    r.startedAt = now;
-    r.status = Status::recording;
-    r.attempts = 0;
-    if (parts_.accountID) r.accountID = parts_.accountID();
-    if (!r.accountID) unownedThisRun_.insert(r.id);
-    r.liveSessionID = liveSessionID;
-    add(std::move(r));
-
     std::weak_ptr<int> alive = alive_;
     ticker_ = runtime::main().repeat(kTickSeconds, [this, alive] {
         if (!alive.expired()) tick();
     });
     starting_ = false;
     kLog.info("recording " + session->id + " started" + (session->systemRunning ? "" : " (microphone only)"));
+    return true;
+}
+
+void RecorderService::closeSession(const std::shared_ptr<Session>& session) {
+    micQueue_->sync([&] {
+        session->closed = true;
+        parts_.microphone->stop();
+        if (parts_.systemAudio && session->systemRunning) parts_.systemAudio->stop();
+        session->mixer->finish();
+    });
 }
 
 void RecorderService::failStart(const std::string& message) {
@@ -406,6 +484,33 @@ void RecorderService::tick() {
     if (secondsBetween(*reference, now) >= kSilenceLimitSeconds) stopAutomatically(messages::kStoppedAfterSilence.str());
 }
 
+void RecorderService::stopOnWriteError() {
+    // Provisional: the stop decides between this and "nothing was saved".
+    state.lastError.set(messages::kStoppedOnWriteError.str());
+    stoppingOnWriteError_ = true;
+    stop(false, false);
+}
+
+bool RecorderService::keepAfterWriteError(const fs::path& file) {
+    std::error_code ec;
+    if (file.empty() || !fs::exists(file, ec)) {
+        kLog.error("the recording file was deleted; its entry is dropped");
+        state.lastError.set(messages::kStoppedFileDeleted.str());
+        return false;
+    }
+    if (isAdtsFile(file)) {
+        const auto extent = media::trimAdtsFile(file, ec);
+        if (!ec && extent.fileBytes == 0) {
+            kLog.error("no audio reached the recording file; it is removed with its entry");
+            fs::remove(file, ec);
+            state.lastError.set(messages::kStoppedNothingSaved.str());
+            return false;
+        }
+    }
+    state.lastError.set(messages::kStoppedOnWriteError.str());
+    return true;
+}
+
 void RecorderService::stopAutomatically(const std::string& message) {
     autoStopping_ = true;
     kLog.info("automatic stop: " + message);
@@ -425,29 +530,44 @@ void RecorderService::stop(bool userInitiated, bool discard) {
 
     // Closing waits for the mixer to write what it holds, so the entry below only becomes
     // ready for upload once the file is complete.
+    fs::path file;
     if (auto session = session_) {
-        micQueue_->sync([&] {
-            session->closed = true;
-            parts_.microphone->stop();
-            if (parts_.systemAudio && session->systemRunning) parts_.systemAudio->stop();
-            session->mixer->finish();
-        });
+        file = session->mixer->outputFile();
+        closeSession(session);
         if (parts_.liveSegments && (!parts_.liveAdvisor.isActive || parts_.liveAdvisor.isActive())) {
             parts_.liveSegments->finish();
         }
     }
     session_.reset();
+    const std::string id = *currentID_;
+    RecordingStopOutcome outcome{id, true, duration};
+    if (stoppingOnWriteError_) {
+        stoppingOnWriteError_ = false;
+        outcome.kept = keepAfterWriteError(file);
+    }
+    if (outcome.kept && isAdtsFile(file)) {
+        // What the file holds, not how long the recording ran: a full disk keeps less.
+        std::error_code ec;
+        const auto extent = media::measureAdtsFile(file, ec);
+        if (!ec && extent.sampleRate > 0) outcome.savedSeconds = extent.seconds();
+    }
+    lastStop_ = outcome;
     state.isRecording.set(false);
     state.calendarMeetingTitle.set(std::nullopt);
 
-    const std::string id = *currentID_;
     if (userInitiated && parts_.liveAdvisor.recordingEnded) parts_.liveAdvisor.recordingEnded(id);
 
-    update(id, [&](PendingRecording& r) {
-        r.status = discard ? Status::discarded : Status::ready;
-        r.finishedAt = now;
-        r.discardedAt = discard ? std::optional<WallTime>(now) : std::nullopt;
-    });
+    if (!outcome.kept) {
+        remove(id);
+    } else {
+        // A full disk may refuse this save: the entry then stays "recording" in the file and
+        // the next start settles it as ready (its audio is complete up to the last frame).
+        update(id, [&](PendingRecording& r) {
+            r.status = discard ? Status::discarded : Status::ready;
+            r.finishedAt = now;
+            r.discardedAt = discard ? std::optional<WallTime>(now) : std::nullopt;
+        });
+    }
     kLog.info("recording " + id + (discard ? " discarded" : " stopped") + " after " + std::to_string(duration) + " s");
     currentID_.reset();
     startedAt_.reset();

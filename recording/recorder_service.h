@@ -23,6 +23,13 @@
 
 namespace vell::recording {
 
+// How the last recording ended, for the program that asked for it.
+struct RecordingStopOutcome {
+    std::string id;
+    bool kept = true;          // false: nothing was saved, or the file was deleted; the entry is gone
+    double savedSeconds = 0;   // audio in the file (whole frames), or the recording's duration
+};
+
 struct RecordingStartOptions {
     bool automatic = false;                           // started by an automatic recorder
     std::optional<std::string> calendarMeetingTitle;  // the meeting that started it
@@ -73,6 +80,9 @@ public:
     // an adoption that has already been decided.
     int assignAccountToThisRun(const std::string& accountID);
 
+    // The last stop; nothing before the first one.
+    const std::optional<RecordingStopOutcome>& lastStop() const { return lastStop_; }
+
     bool isStarting() const { return starting_; }
     bool isAutomaticRecording() const { return isAutomaticRecording_; }
     const std::optional<std::string>& currentID() const { return currentID_; }
@@ -86,20 +96,28 @@ public:
     bool update(const std::string& id, const std::function<void(PendingRecording&)>& change) override;
     void add(PendingRecording recording) override;
     bool remove(const std::string& id) override;
+    std::optional<std::string> saveFailure() const override { return saveFailure_; }
 
 private:
     struct Session;
 
     void loadAndRecover();
-    void commitList();
+    // Saves the list and publishes it; false (and saveFailure()) when the file was not written.
+    bool commitList();
+    void stopOnWriteError();
+    // After a write error: keeps the saved part, or drops the entry when nothing usable is
+    // left (the file was deleted, or it holds no whole frame). Sets the message.
+    bool keepAfterWriteError(const std::filesystem::path& file);
     audio::MicrophoneTarget chooseTarget();
     void startOnMicQueue(std::shared_ptr<Session> session, audio::MicrophoneTarget target, StartOptions options,
                          std::optional<std::string> liveSessionID, std::function<void(bool)> done);
     void startMic(const std::shared_ptr<Session>& session, const audio::MicrophoneTarget& target, bool restart);
     void reopenMic(const std::weak_ptr<Session>& weak, const audio::MicrophoneTarget& target, bool retrying = false);
     void installMixerCallbacks(const std::shared_ptr<Session>& session);
-    void finishStart(const std::shared_ptr<Session>& session, const StartOptions& options,
+    // False when the recording could not be entered in the pending list (it is then undone).
+    bool finishStart(const std::shared_ptr<Session>& session, const StartOptions& options,
                      const std::optional<std::string>& liveSessionID);
+    void closeSession(const std::shared_ptr<Session>& session);
     void failStart(const std::string& message);
     void tick();
     std::optional<WallTime> silenceReference() const;
@@ -117,6 +135,9 @@ private:
     bool heardMeaningfulAudio_ = false;
     std::optional<std::string> currentID_;
     std::set<std::string> unownedThisRun_;
+    std::optional<std::string> saveFailure_;
+    bool stoppingOnWriteError_ = false;
+    std::optional<RecordingStopOutcome> lastStop_;
     std::optional<WallTime> startedAt_;
     std::optional<WallTime> lastMeaningfulAudioAt_;
     std::shared_ptr<Session> session_;

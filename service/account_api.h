@@ -39,8 +39,9 @@ public:
     virtual void signIn(const std::string& email, const std::string& password, Done<SignInStep> done) = 0;  // api/auth/login
     virtual void verifyMfa(const MfaAnswer& answer, Done<Unit> done) = 0;                         // api/auth/mfa
     virtual void logout(Done<Unit> done) = 0;                                                     // api/logout
-    // Stores the cookie snapshot so that a restart stays signed in.
-    virtual void saveSession() = 0;
+    // Stores the cookie snapshot so that a restart stays signed in; false when it could
+    // not be stored anywhere.
+    virtual bool saveSession() = 0;
     // Forgets the cookies here and in session storage.
     virtual void clearSession() = 0;
     // The signed-in user's identity, for requests that carry it.

@@ -23,7 +23,7 @@ public:
     void signIn(const std::string& email, const std::string& password, Done<SignInStep> done) override;
     void verifyMfa(const MfaAnswer& answer, Done<Unit> done) override;
     void logout(Done<Unit> done) override;
-    void saveSession() override { client_.saveSession(); }
+    bool saveSession() override { return client_.saveSession(); }
     void clearSession() override { client_.clearSession(); }
     void setIdentity(const std::optional<Me>& me) override;
     std::optional<Me> identity() const;

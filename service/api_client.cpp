@@ -149,8 +149,8 @@ bool APIClient::hasSessionCookie() const {
     return false;
 }
 
-void APIClient::saveSession() const {
-    session::SessionFileStore::write(kCookieSnapshotKey, plist::encodeCookies(session_.cookiesForHost(host_)));
+bool APIClient::saveSession() const {
+    return session::SessionFileStore::write(kCookieSnapshotKey, plist::encodeCookies(session_.cookiesForHost(host_)));
 }
 
 void APIClient::restoreSession() const {

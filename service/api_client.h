@@ -73,8 +73,9 @@ public:
     static Expected<Json, APIError> validate(const http::Response& response);
 
     bool hasSessionCookie() const;
-    // Snapshot of the cookies of the base URL's host into session storage.
-    void saveSession() const;
+    // Snapshot of the cookies of the base URL's host into session storage; false when it
+    // could not be stored.
+    bool saveSession() const;
     // Rebuilds the cookie jar from the snapshot (done at construction).
     void restoreSession() const;
     // Forgets the base URL's cookies here and in session storage.

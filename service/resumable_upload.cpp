@@ -91,6 +91,10 @@ Expected<std::string, UploadError> RecordingUploads::uploadRecording(const std::
     report(progress, offset, totalBytes);
 
     const std::string partPath = "api/recordings/upload/" + start->uploadId + "/part";
+    // The furthest offset the service has confirmed, and the offset corrections in a row
+    // that did not move past it.
+    long long highWater = offset;
+    int stalledResyncs = 0;
     while (offset < totalBytes) {
         long long length = std::min(totalBytes - offset, kUploadChunkBytes);
         auto chunk = readAt(in.fd, offset, length);
@@ -112,6 +116,20 @@ Expected<std::string, UploadError> RecordingUploads::uploadRecording(const std::
             if (acknowledged && *acknowledged >= 0 && *acknowledged <= totalBytes) {
                 logger().info(fileName + ": service holds " + std::to_string(*acknowledged) + " bytes, not " +
                               std::to_string(offset));
+                // A service that keeps naming an offset it never gets past would have the
+                // same part sent for ever: after a few such answers in a row the call ends
+                // and the caller's backoff decides when to try again.
+                if (*acknowledged > highWater) {
+                    highWater = *acknowledged;
+                    stalledResyncs = 0;
+                } else if (++stalledResyncs >= kMaxStalledResyncs) {
+                    logger().error(fileName + ": " + std::to_string(stalledResyncs) +
+                                   " offset corrections in a row without progress past " + std::to_string(highWater) +
+                                   " bytes; giving up for now");
+                    return unexpected(APIError::http(409, part->error ? part->error : std::optional<std::string>(
+                                                                                          "offset_mismatch"),
+                                                     std::nullopt));
+                }
                 offset = *acknowledged;
                 report(progress, offset, totalBytes);
                 continue;
@@ -123,6 +141,10 @@ Expected<std::string, UploadError> RecordingUploads::uploadRecording(const std::
             return unexpected(APIError::decoding("invalid resumable acknowledgement"));
         }
         offset = *acknowledged;
+        if (offset > highWater) {
+            highWater = offset;
+            stalledResyncs = 0;
+        }
         report(progress, offset, totalBytes);
     }
 

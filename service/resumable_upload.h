@@ -16,6 +16,9 @@
 namespace vell::service {
 
 inline constexpr long long kUploadChunkBytes = 8'388'608;
+// Offset corrections (409 offset_mismatch) in a row that do not move past the furthest
+// offset confirmed so far before an upload call gives up.
+inline constexpr int kMaxStalledResyncs = 3;
 
 struct CaptureWindow {
     WallTime start;

@@ -137,6 +137,12 @@ void UploadQueue::next() {
     PendingRecording recording = candidates.front();
     attempted_.insert(recording.id);
     store_.update(recording.id, [](PendingRecording& e) { e.status = Status::uploading; });
+    if (store_.saveFailure()) {
+        // Not marked on disk: put it back as it was and upload nothing until it can be.
+        store_.update(recording.id, [&](PendingRecording& e) { e.status = recording.status; });
+        stopIfUnsaved();
+        return;
+    }
     activity_.set({recording.id, 0});
     logger().info("uploading " + recording.id);
     std::weak_ptr<bool> alive = alive_;
@@ -159,9 +165,15 @@ void UploadQueue::finished(const PendingRecording& recording, Expected<std::stri
             e.lastErrorIsNetwork.reset();
         });
         retryAt_.erase(recording.id);
-        receipts_.record(recording.id, {clock_.now(), *result});
         summary_.uploaded++;
         logger().info("uploaded " + recording.id + " as " + *result);
+        // The receipt only follows a list that says "uploaded": the two files never tell
+        // different stories. The service has the recording either way; the next pass finds
+        // it "done" at once for the same file.
+        const bool receiptSaved = !store_.saveFailure() && receipts_.record(recording.id, {clock_.now(), *result});
+        if (onAttempt) onAttempt(recording, result);
+        if (stopIfUnsaved(receiptSaved)) return;
+        return next();
     } else {
         const UploadError& error = result.error();
         std::string text = error.description();
@@ -184,9 +196,20 @@ void UploadQueue::finished(const PendingRecording& recording, Expected<std::stri
         if (onUnauthenticated) onUnauthenticated();
         return;
     }
+    if (stopIfUnsaved()) return;
     // Offline: the others would fail the same way; the backoff brings the pass back.
     if (!result && result.error().isNetwork()) return finishPass();
     next();
+}
+
+bool UploadQueue::stopIfUnsaved(bool receiptsSaved) {
+    auto failure = store_.saveFailure();
+    if (!failure && receiptsSaved) return false;
+    summary_.storageFailure = failure ? *failure : std::string("upload receipts not saved");
+    logger().info("upload pass stopped: its state could not be saved (" + *summary_.storageFailure + ")");
+    again_ = false;
+    finishPass();
+    return true;
 }
 
 void UploadQueue::finishPass() {
@@ -224,6 +247,9 @@ void UploadQueue::scheduleRetry() {
 }
 
 void UploadQueue::sweepRetention() {
+    // While the list cannot be saved, its state in memory is ahead of the file: nothing is
+    // deleted or recorded on the strength of it.
+    if (store_.saveFailure()) return;
     WallTime now = clock_.now();
     std::set<std::string> listed;
     for (const auto& r : store_.pending()) {

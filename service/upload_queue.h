@@ -60,6 +60,9 @@ struct PassSummary {
     int uploaded = 0;
     int failed = 0;
     bool unauthenticated = false;
+    // The pending list or the receipts could not be saved (a full disk): the pass stopped
+    // there rather than go on with a state the files no longer show. The system's reason.
+    std::optional<std::string> storageFailure;
 };
 
 class UploadQueue {
@@ -102,6 +105,8 @@ private:
     void next();
     void finished(const recording::PendingRecording& recording, Expected<std::string, UploadError> result);
     void finishPass();
+    // True (and the pass ended) when the last change of the list or receipts was not saved.
+    bool stopIfUnsaved(bool receiptsSaved = true);
     void scheduleRetry();
     double backoffSeconds(long long attempts) const;
 

@@ -36,16 +36,17 @@ std::optional<UploadReceipt> UploadReceipts::find(const std::string& id) const {
     return it->second;
 }
 
-void UploadReceipts::record(const std::string& id, UploadReceipt receipt) {
+bool UploadReceipts::record(const std::string& id, UploadReceipt receipt) {
     receipts_[id] = std::move(receipt);
-    save();
+    return save();
 }
 
-void UploadReceipts::forget(const std::string& id) {
-    if (receipts_.erase(id)) save();
+bool UploadReceipts::forget(const std::string& id) {
+    if (receipts_.erase(id)) return save();
+    return true;
 }
 
-void UploadReceipts::save() const {
+bool UploadReceipts::save() const {
     nlohmann::json json = nlohmann::json::object();
     for (const auto& [id, r] : receipts_) {
         json[id] = {{"uploadedAt", millisecondsSince1970(r.uploadedAt)}, {"recordingId", r.recordingID}};
@@ -54,7 +55,9 @@ void UploadReceipts::save() const {
     std::filesystem::create_directories(file_.parent_path(), ec);
     if (!files::writeAtomically(file_, json.dump(), ec)) {
         logger().error("upload receipts not saved: " + ec.message());
+        return false;
     }
+    return true;
 }
 
 }  // namespace vell::service

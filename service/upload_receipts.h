@@ -19,12 +19,14 @@ class UploadReceipts {
 public:
     explicit UploadReceipts(std::filesystem::path file);
     std::optional<UploadReceipt> find(const std::string& id) const;
-    void record(const std::string& id, UploadReceipt receipt);
-    void forget(const std::string& id);
+    // Both save the file at once; false when it could not be written (the change is kept
+    // in memory and goes out with the next save that succeeds).
+    bool record(const std::string& id, UploadReceipt receipt);
+    bool forget(const std::string& id);
     const std::map<std::string, UploadReceipt>& all() const { return receipts_; }
 
 private:
-    void save() const;
+    bool save() const;
     std::filesystem::path file_;
     std::map<std::string, UploadReceipt> receipts_;
 };

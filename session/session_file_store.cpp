@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <mutex>
 
@@ -57,18 +58,18 @@ bool writeToSecretService(const std::string& key, std::string_view bytes, int& c
     return false;
 }
 
-void writeSessionFile(const std::string& key, std::string_view bytes) {
+bool writeSessionFile(const std::string& key, std::string_view bytes) {
     ensureDataDirectory();
     auto written = SessionFileStore::writeFile(SessionFileStore::filePath(key), bytes);
     if (!written) logger().error("session file write failed: " + written.error().description());
+    return written.has_value();
 }
 
 // The file's blob; nothing when missing (silently) or unreadable (logged).
 std::optional<std::string> readSessionFile(const std::string& key) {
-    std::error_code ec;
-    auto data = files::read(SessionFileStore::filePath(key), ec);
-    if (data) return data;
-    if (ec && ec.value() != ENOENT) logger().error("session file read failed: " + ec.message());
+    auto data = SessionFileStore::readFile(SessionFileStore::filePath(key));
+    if (data) return *data;
+    if (data.error().code != ENOENT) logger().error("session file read failed: " + data.error().description());
     return std::nullopt;
 }
 
@@ -98,8 +99,40 @@ fs::path SessionFileStore::filePath(const std::string& key) {
     return paths::vellDataDirectory() / ("session-" + key + ".bin");
 }
 
+Expected<std::string, Failure> SessionFileStore::readFile(const fs::path& path) {
+    // Without blocking: a FIFO put at the path would otherwise wait for a writer for ever.
+    int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) return unexpected(Failure{"open", errno});
+    auto fail = [fd](const char* operation, int err) {
+        ::close(fd);
+        return unexpected(Failure{operation, err});
+    };
+    struct stat st {};
+    if (::fstat(fd, &st) != 0) return fail("fstat", errno);
+    if (!S_ISREG(st.st_mode)) return fail("fstat", EINVAL);
+    // A secret readable by others is narrowed at once, not at the next sign-in.
+    if ((st.st_mode & 07777) != 0600) {
+        if (::fchmod(fd, 0600) != 0) return fail("fchmod", errno);
+        char mode[8];
+        std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
+        logger().error(std::string("session file had mode ") + mode + "; narrowed to 0600");
+    }
+    std::string out;
+    char buffer[16384];
+    for (;;) {
+        ssize_t n = ::read(fd, buffer, sizeof buffer);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return fail("read", errno);
+        if (n == 0) break;
+        out.append(buffer, static_cast<size_t>(n));
+    }
+    ::close(fd);
+    return out;
+}
+
 Expected<Unit, Failure> SessionFileStore::writeFile(const fs::path& path, std::string_view bytes) {
-    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
+    // Non-blocking open: a FIFO at the path fails at once instead of waiting for a reader.
+    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
     if (fd < 0) return unexpected(Failure{"open", errno});
     auto fail = [fd](const char* operation) {
         int err = errno;
@@ -126,17 +159,17 @@ Expected<Unit, Failure> SessionFileStore::writeFile(const fs::path& path, std::s
     return Unit{};
 }
 
-void SessionFileStore::write(const std::string& key, std::string_view bytes) {
+bool SessionFileStore::write(const std::string& key, std::string_view bytes) {
     if (!validKey(key)) {
         logger().error("session write refused: invalid key \"" + key + "\"");
-        return;
+        return false;
     }
     if (kind() == StorageKind::secretService) {
         int code = 0;
-        if (writeToSecretService(key, bytes, code)) return;
+        if (writeToSecretService(key, bytes, code)) return true;
         logger().error("keychain write failed: " + std::to_string(code));
     }
-    writeSessionFile(key, bytes);
+    return writeSessionFile(key, bytes);
 }
 
 std::optional<std::string> SessionFileStore::read(const std::string& key) {

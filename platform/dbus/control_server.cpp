@@ -186,6 +186,7 @@ void ControlServer::Impl::registerInterface() {
                 (*collector)["uploaded"] = summary.uploaded;
                 (*collector)["failed"] = summary.failed;
                 (*collector)["unauthenticated"] = summary.unauthenticated;
+                if (summary.storageFailure) (*collector)["storageFailure"] = *summary.storageFailure;
                 r->returnResults(collector->dump());
             });
         });

@@ -38,7 +38,10 @@ public:
         ++logouts;
         main_.post([done] { done(unexpected(APIError::transport(7, "offline", true))); });
     }
-    void saveSession() override { ++saves; }
+    bool saveSession() override {
+        ++saves;
+        return true;
+    }
     void clearSession() override {
         session = false;
         ++clears;
@@ -62,7 +65,10 @@ class AppStateTest : public ::testing::Test {
 protected:
     AppStateTest() : exec(clock), api(exec) {}
     AppState& make() {
-        state = std::make_unique<AppState>(api, home.defaults(), [this](const std::string& id) { adopted.push_back(id); }, exec);
+        state = std::make_unique<AppState>(api, home.defaults(), [this](const std::string& id) {
+            adopted.push_back(id);
+            return true;
+        }, exec);
         return *state;
     }
     test::TempHome home;

@@ -45,6 +45,11 @@ TEST(CaptureCommandsTest, MicStoresAValidChoiceAndRefusesABadOne) {
     EXPECT_EQ(bad.status, 2);
     EXPECT_NE(bad.output.find("Choose default, builtin or uid:<device UID>."), std::string::npos) << bad.output;
     EXPECT_NE(vell("mic camera default").status, 0);
+    // Bytes that are not text get a sentence, not the JSON library's exception.
+    auto bytes = vell("mic recording \"$(printf 'uid:\\377\\376')\"");
+    EXPECT_EQ(bytes.status, 2) << bytes.output;
+    EXPECT_NE(bytes.output.find("The device UID is not valid UTF-8 text."), std::string::npos) << bytes.output;
+    EXPECT_EQ(bytes.output.find("json"), std::string::npos) << bytes.output;
 
     auto ok = vell("mic recording uid:fakemic");
     EXPECT_EQ(ok.status, 0) << ok.output;

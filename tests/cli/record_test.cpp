@@ -18,6 +18,7 @@
 #include "tests/support/devserver_process.h"
 #include "tests/support/pulse_server.h"
 #include "tests/support/temp_home.h"
+#include "tests/support/tmpfs_mount.h"
 
 extern char** environ;
 
@@ -187,6 +188,94 @@ TEST_F(RecordCommand, SigtermStopsTheRecordingCleanly) {
     auto decoded = test::decodeAudioFile(lineAfter(run.output, "File: "));
     ASSERT_TRUE(decoded.ok);
     EXPECT_GT(decoded.seconds(), 1.0);
+}
+
+// What FFmpeg itself says about a file: nothing when every frame decodes.
+std::string ffmpegComplaints(const fs::path& file) {
+    return test::runCommand("ffmpeg -hide_banner -nostdin -v error -i '" + file.string() + "' -f null - 2>&1").output;
+}
+
+TEST_F(RecordCommand, AFullDiskCostsOnlyTheAudioThatDidNotFit) {
+    pulse.playTone(kToneHz, 30, false, 0.3);
+    test::TmpfsMount disk(home.dataHome(), 3 * 1024);
+    if (!disk.mounted()) GTEST_SKIP() << disk.error();
+    fs::create_directories(recordings());
+
+    // About three seconds of audio fit (128 kbit/s), then the disk is full.
+    disk.fillLeaving(48 * 1024);
+    auto run = test::runCommand(vell() + " --lang en record --seconds 12 2>&1");
+    EXPECT_EQ(run.status, cli::kExitFailure) << run.output;
+    EXPECT_NE(run.output.find("Recording stopped because Vell could no longer save audio. The saved part will be uploaded."),
+              std::string::npos)
+        << run.output;
+    const fs::path file = lineAfter(run.output, "File: ");
+    ASSERT_FALSE(file.empty()) << run.output;
+    // The file ends at its last whole frame, and the stop says how much it holds.
+    EXPECT_EQ(ffmpegComplaints(file), "");
+    auto decoded = test::decodeAudioFile(file);
+    ASSERT_TRUE(decoded.ok) << decoded.error;
+    EXPECT_GT(decoded.seconds(), 1.0);
+    const double said = std::stod(lineAfter(run.output, "Saved, ready to upload. Length: "));
+    EXPECT_NEAR(said, decoded.seconds(), 0.1) << run.output;
+
+    // Space comes back: the next run finds the entry ready, with its audio intact.
+    disk.unfill();
+    auto pending = test::runCommand(vell() + " pending --json 2>/dev/null");
+    auto list = nlohmann::json::parse(pending.output);
+    ASSERT_EQ(list.size(), 1u) << pending.output;
+    EXPECT_EQ(list[0]["status"], "ready");
+    EXPECT_EQ(ffmpegComplaints(file), "");
+
+    // No room at all: the start is refused, and no empty file is left behind.
+    disk.fill();
+    auto full = test::runCommand(vell() + " --lang es record --seconds 2 2>&1");
+    EXPECT_EQ(full.status, cli::kExitFailure) << full.output;
+    EXPECT_EQ(full.output.find("Guardada"), std::string::npos) << full.output;
+    EXPECT_NE(full.output.find("Vell no pudo guardar su lista de grabaciones: No space left on device"), std::string::npos)
+        << full.output;
+    int audioFiles = 0;
+    for (const auto& e : fs::directory_iterator(recordings())) audioFiles += e.path().extension() == ".aac";
+    EXPECT_EQ(audioFiles, 1);
+}
+
+TEST_F(RecordCommand, ARecordingWhoseFileIsDeletedPromisesNoUpload) {
+    auto run = test::runCommand("( " + vell() + " --lang en record --seconds 20 & pid=$!; sleep 2; rm -f '" +
+                                recordings().string() + "'/vell_rec_*.aac; wait $pid ) 2>&1");
+    EXPECT_EQ(run.status, cli::kExitFailure) << run.output;
+    EXPECT_NE(run.output.find("Recording stopped because its file was deleted. There is nothing left to upload."),
+              std::string::npos)
+        << run.output;
+    EXPECT_EQ(run.output.find("will be uploaded"), std::string::npos) << run.output;
+    EXPECT_EQ(run.output.find("Saved, ready to upload"), std::string::npos) << run.output;
+    auto list = nlohmann::json::parse(test::runCommand(vell() + " pending --json 2>/dev/null").output);
+    EXPECT_TRUE(list.empty()) << list.dump();
+}
+
+TEST_F(RecordCommand, AFrozenSoundServerFailsTheStartSoonWithASentenceNamingIt) {
+    ::kill(pulse.pid(), SIGSTOP);
+    const auto started = std::chrono::steady_clock::now();
+    auto run = test::runCommand(vell() + " --lang en record --seconds 2 2>&1");
+    const double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    ::kill(pulse.pid(), SIGCONT);
+    EXPECT_EQ(run.status, cli::kExitFailure) << run.output;
+    EXPECT_NE(run.output.find("The recording did not start: The sound server (PulseAudio or PipeWire) is not answering"),
+              std::string::npos)
+        << run.output;
+    EXPECT_EQ(lineAfter(run.output, "The recording did not start: ").find("Core Audio"), std::string::npos) << run.output;
+    // No fallback through the same frozen server (it took 45 s once); the microphone listing
+    // and the start still wait 5 s each, one after the other.
+    EXPECT_LT(took, 30.0) << run.output;
+    auto list = nlohmann::json::parse(test::runCommand(vell() + " pending --json 2>/dev/null").output);
+    EXPECT_TRUE(list.empty()) << list.dump();
+}
+
+TEST_F(RecordCommand, LengthsThatNeverEndOrFitNoFrameAreUsageErrors) {
+    for (const std::string bad : {"inf", "nan", "1e-9", "0.05", "-1", "abc"}) {
+        auto run = test::runCommand(vell() + " --lang en record --seconds " + bad + " 2>&1");
+        EXPECT_EQ(run.status, cli::kExitUsage) << bad << ": " << run.output;
+        EXPECT_NE(run.output.find("must be a finite number of seconds, at least 0.1"), std::string::npos) << run.output;
+    }
+    EXPECT_FALSE(fs::exists(recordings() / "manifest.json"));
 }
 
 // Who the service holds recordings for, by account, as "email:file" pairs.

@@ -7,6 +7,7 @@
 #include "recording/pending_list.h"
 #include "tests/cli/cli_env.h"
 #include "tests/support/devserver_process.h"
+#include "tests/support/tmpfs_mount.h"
 
 namespace vell::test {
 namespace {
@@ -71,6 +72,55 @@ TEST(CliUpload, UploadsPendingRecordingsAndReportsFailures) {
         auto file = paths::recordingsDirectory() / r.value("filename", "");
         EXPECT_EQ(r.value("sha256", ""), sha256File(file));
     }
+}
+
+std::size_t occurrences(const std::string& text, const std::string& part) {
+    std::size_t n = 0;
+    for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+    return n;
+}
+
+TEST(CliUpload, ADiskThatFillsUpMidPassStopsThePassWithoutDivergingState) {
+    VELL_REQUIRE_DEVSERVER();
+    TempHome home;
+    TmpfsMount disk(home.dataHome(), 2 * 1024);
+    if (!disk.mounted()) GTEST_SKIP() << disk.error();
+    DevServer server({.users = {"full@vell.test:pw"}});
+    ASSERT_EQ(runVell(home, "login --email full@vell.test", "pw").status, 0);
+    fs::create_directories(paths::recordingsDirectory());
+    // Two audio files no entry names yet: this run's recovery gives them to the account.
+    for (std::string id : {"A", "B"}) {
+        std::ofstream(paths::recordingsDirectory() / ("vell_rec_" + id + ".aac"), std::ios::binary)
+            << std::string(100'000, id[0]);
+    }
+    // The first upload is held up at the service while the disk fills.
+    server.addFault({{"method", "POST"}, {"path", "upload/start"}, {"action", "delay"}, {"delayMs", 2500}});
+    const std::string filler = (home.dataHome() / ".filler").string();
+    auto run = runCommand("( env -u DBUS_SESSION_BUS_ADDRESS XDG_RUNTIME_DIR='" + home.root().string() +
+                          "' '" + binaryPath("vell").string() + "' --lang en upload & pid=$!; sleep 1; "
+                          "dd if=/dev/zero of='" + filler + "' bs=4k 2>/dev/null; wait $pid ) 2>&1");
+    EXPECT_EQ(run.status, 1) << run.output;
+    EXPECT_NE(run.output.find("Uploaded: 1, failed: 0"), std::string::npos) << run.output;
+    EXPECT_EQ(occurrences(run.output, "The upload stopped because Vell could not save its records on this computer "
+                                      "(No space left on device)."),
+              1u)
+        << run.output;
+    EXPECT_LE(occurrences(run.output, "No space left on device"), 2u) << run.output;  // one log line, one sentence
+    EXPECT_EQ(server.recordings().size(), 1u);  // the pass stopped after the first
+
+    // Space again: the next pass settles what the files could not say, and nothing is sent twice.
+    disk.unfill();
+    auto again = runVell(home, "upload");
+    EXPECT_EQ(again.status, 0) << again.output;
+    EXPECT_EQ(server.recordings().size(), 2u);
+    auto stored = recording::PendingListFile(paths::recordingsDirectory()).load();
+    ASSERT_TRUE(stored);
+    ASSERT_EQ(stored->size(), 2u);
+    for (const auto& r : *stored) EXPECT_EQ(r.status, PendingRecording::Status::uploaded) << r.id;
+    std::ifstream receipts(paths::vellDataDirectory() / "upload-receipts.json");
+    const std::string receiptText((std::istreambuf_iterator<char>(receipts)), {});
+    EXPECT_NE(receiptText.find("\"A\""), std::string::npos) << receiptText;
+    EXPECT_NE(receiptText.find("\"B\""), std::string::npos) << receiptText;
 }
 
 }  // namespace

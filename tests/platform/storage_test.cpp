@@ -97,7 +97,8 @@ TEST(InstanceLock, SecondHolderIsRefusedUntilTheFirstReleases) {
     // conflicts just as another process would.
     auto second = InstanceLock::acquire(paths::vellDataDirectory());
     ASSERT_FALSE(second.has_value());
-    EXPECT_NE(second.error().find("already running"), std::string::npos);
+    EXPECT_TRUE(second.error().busy);
+    EXPECT_NE(second.error().sentence.find("already running"), std::string::npos);
     first = InstanceLock::acquire(home.root());  // drop the first lock
     EXPECT_TRUE(InstanceLock::acquire(paths::vellDataDirectory()).has_value());
 }

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <csignal>
 
 #include <fstream>
@@ -85,22 +86,48 @@ TEST(PendingListFile, FailedSaveKeepsThePreviousFile) {
     for (auto& e : fs::directory_iterator(dir)) EXPECT_EQ(e.path().filename(), "manifest.json");  // no temp file left
 }
 
-TEST(PendingListFile, CorruptListIsMovedAsideNotOverwritten) {
+std::vector<std::string> keptAside(const fs::path& dir) {
+    std::vector<std::string> kept;
+    for (auto& e : fs::directory_iterator(dir)) {
+        if (e.path().filename().string().rfind("manifest.json.corrupt-", 0) == 0) kept.push_back(readAll(e.path()));
+    }
+    std::sort(kept.begin(), kept.end());
+    return kept;
+}
+
+TEST(PendingListFile, CorruptListsAreMovedAsideAndNeverReplaceAnEarlierCopy) {
     test::TempHome home;
     fs::path dir = home.dataHome() / "rec";
     PendingListFile file(dir);
-    const std::string corrupt = R"([{"id":"A","fileURL":"file:///a.aac","startedAt":1,"status":"paused","attempts":0}])";
-    writeFile(file.manifest(), corrupt);
+    // Two corrupt lists within the same second: both copies are kept.
+    writeFile(file.manifest(), "[{\"id\":");
     EXPECT_FALSE(file.load());
     EXPECT_FALSE(fs::exists(file.manifest()));
-    int aside = 0;
-    for (auto& e : fs::directory_iterator(dir)) {
-        if (e.path().filename().string().rfind("manifest.json.corrupt-", 0) == 0) {
-            ++aside;
-            EXPECT_EQ(readAll(e.path()), corrupt);
-        }
-    }
-    EXPECT_EQ(aside, 1);
+    writeFile(file.manifest(), "not json at all");
+    EXPECT_FALSE(file.load());
+    EXPECT_EQ(keptAside(dir), (std::vector<std::string>{"[{\"id\":", "not json at all"}));
+}
+
+TEST(PendingListFile, OneUnknownStatusCostsOnlyItsOwnEntry) {
+    test::TempHome home;
+    fs::path dir = home.dataHome() / "rec";
+    PendingListFile file(dir);
+    auto uploaded = entry(dir, "UP", Status::uploaded, "acct-1");
+    uploaded.attempts = 2;
+    uploaded.finishedAt = fromSecondsSinceReferenceDate(200);
+    auto discarded = entry(dir, "DI", Status::discarded, "acct-2");
+    discarded.discardedAt = fromSecondsSinceReferenceDate(300);
+    for (const auto& r : {uploaded, discarded}) writeFile(r.fileURL, "x");
+    writeFile(dir / "vell_rec_ODD.aac", "x");
+    std::string corrupt = coding::encodeList({uploaded, discarded});
+    corrupt.insert(corrupt.size() - 1, ",{\"id\":\"ODD\",\"fileURL\":\"file://" + dir.string() +
+                                           "/vell_rec_ODD.aac\",\"startedAt\":1,\"status\":\"paused\",\"attempts\":0}");
+    writeFile(file.manifest(), corrupt);
+
+    auto loaded = file.load();
+    ASSERT_TRUE(loaded);
+    EXPECT_EQ(*loaded, (std::vector<PendingRecording>{uploaded, discarded}));  // state and owner kept
+    EXPECT_EQ(keptAside(dir), std::vector<std::string>{corrupt});
 }
 
 TEST(PendingRules, AdoptionGivesOnlyUnownedEntriesToTheAccount) {

@@ -83,7 +83,10 @@ public:
     }
     void open() override {
         if (failOpen_) throw audio::MixerOpenError("no encoder");
-        std::ofstream(probe_->file, std::ios::binary) << "ADTS";
+        // One whole ADTS frame (AAC-LC, 44.1 kHz, stereo, one payload byte): a file with
+        // audio in it.
+        static const char kFrame[] = {'\xFF', '\xF1', '\x50', '\x80', '\x01', '\x1F', '\xFC', '\x00'};
+        std::ofstream(probe_->file, std::ios::binary).write(kFrame, sizeof kFrame);
         probe_->opened = true;
     }
     std::filesystem::path outputFile() const override { return probe_->file; }

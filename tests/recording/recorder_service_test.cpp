@@ -281,6 +281,77 @@ TEST_F(RecorderTest, WriteErrorStopsAndKeepsTheSavedPart) {
     ASSERT_EQ(list.size(), 1u);
     EXPECT_EQ(list[0].status, Status::ready);
     EXPECT_TRUE(fs::exists(list[0].fileURL));
+    ASSERT_TRUE(r.lastStop());
+    EXPECT_TRUE(r.lastStop()->kept);
+    EXPECT_NEAR(r.lastStop()->savedSeconds, 1024.0 / 44100, 1e-9);  // the one frame in the file
+
+    // Nothing whole reached the file (the disk was full from the start): no entry promises
+    // an upload, and no empty file is left.
+    ASSERT_TRUE(startAndWait());
+    const fs::path empty = rig.mixer().outputFile();
+    { std::ofstream(empty, std::ios::binary | std::ios::trunc).write("\xFF\xF1\x50", 3); }  // half a header
+    rig.mixer().onWriteError("No space left on device");
+    exec.runPending();
+    EXPECT_EQ(r.state.lastError.get(),
+              "Recording stopped because Vell could not save any audio (is the disk full?). Nothing was saved.");
+    EXPECT_FALSE(r.lastStop()->kept);
+    EXPECT_FALSE(fs::exists(empty));
+    EXPECT_EQ(onDisk().size(), 1u);
+
+    // The file deleted behind its back: the entry goes, and the message promises nothing.
+    setInterfaceLanguage(Language::Spanish);
+    ASSERT_TRUE(startAndWait());
+    fs::remove(rig.mixer().outputFile());
+    rig.mixer().onWriteError("the file was deleted while it was being written");
+    exec.runPending();
+    EXPECT_EQ(r.state.lastError.get(), "La grabación se detuvo porque se borró su archivo. No queda nada para subir.");
+    EXPECT_FALSE(r.lastStop()->kept);
+    EXPECT_EQ(onDisk().size(), 1u);
+    EXPECT_EQ(r.pending().size(), 1u);
+}
+
+TEST_F(RecorderTest, StartUndoesItselfWhenThePendingListCannotBeSaved) {
+    auto& r = make();
+    fs::create_directories(dir());
+    // A directory where the list's temporary file would go makes every save fail.
+    fs::create_directories(dir() / "manifest.json" / "x");
+    EXPECT_FALSE(startAndWait());
+    EXPECT_FALSE(r.state.isRecording.get());
+    ASSERT_TRUE(r.state.lastError.get());
+    EXPECT_EQ(r.state.lastError.get()->rfind("Vell could not save its list of recordings: ", 0), 0u) << *r.state.lastError.get();
+    EXPECT_TRUE(r.pending().empty());
+    EXPECT_FALSE(rig.mic->running);
+    for (const auto& e : fs::directory_iterator(dir())) EXPECT_NE(e.path().extension(), ".aac") << e.path();
+}
+
+TEST_F(RecorderTest, RecoveryCutsAHalfWrittenLastFrameAndDropsRecordingsWithoutAudio) {
+    fs::create_directories(dir());
+    const std::string frame("\xFF\xF1\x50\x80\x01\x1F\xFC\x00", 8);
+    std::ofstream(dir() / "vell_rec_CUT.aac", std::ios::binary) << frame << frame << frame.substr(0, 5);
+    std::ofstream(dir() / "vell_rec_ORPHAN.aac", std::ios::binary) << frame << frame.substr(0, 3);
+    std::ofstream(dir() / "vell_rec_EMPTY.aac", std::ios::binary) << frame.substr(0, 6);
+    auto entry = [&](const std::string& id) {
+        PendingRecording e;
+        e.id = id;
+        e.fileURL = dir() / ("vell_rec_" + id + ".aac");
+        e.startedAt = fromSecondsSinceReferenceDate(5);
+        e.status = Status::recording;
+        return e;
+    };
+    {
+        std::error_code ec;
+        ASSERT_TRUE(PendingListFile(dir()).save({entry("CUT"), entry("EMPTY")}, ec));
+    }
+    auto& r = make();
+    auto list = r.pending();
+    ASSERT_EQ(list.size(), 2u);
+    EXPECT_EQ(list[0].id, "CUT");
+    EXPECT_EQ(list[0].status, Status::ready);
+    EXPECT_EQ(list[1].id, "ORPHAN");
+    EXPECT_EQ(fs::file_size(dir() / "vell_rec_CUT.aac"), 16u);
+    EXPECT_EQ(fs::file_size(dir() / "vell_rec_ORPHAN.aac"), 8u);
+    EXPECT_FALSE(fs::exists(dir() / "vell_rec_EMPTY.aac"));
+    EXPECT_EQ(onDisk(), list);
 }
 
 TEST_F(RecorderTest, MicrophoneIsReopenedOnDeviceChangeAndAFailedReopenIsReportedAndRetried) {

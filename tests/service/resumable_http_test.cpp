@@ -114,6 +114,41 @@ TEST_F(UploadTest, ConflictMovesTheOffsetForwardAndBackAndPartialAcksAreFollowed
     expectStored(*id, file);
 }
 
+int partRequestsIn(const std::string& log, const std::string& status) {
+    int n = 0;
+    for (std::size_t at = 0; (at = log.find("/part " + status, at)) != std::string::npos; ++at) ++n;
+    return n;
+}
+
+TEST_F(UploadTest, ConflictsThatNeverMoveTheOffsetEndTheCallInsteadOfLooping) {
+    auto file = makeFile("vell_rec_stuck.aac", 20 * MiB);
+    // Every part answered with "you are at 0": the offset never gets anywhere.
+    server->addFault({{"method", "PUT"}, {"path", "/part"}, {"action", "conflict"}, {"bytesReceived", 0}, {"times", 1000}});
+    auto stuck = upload(file);
+    ASSERT_FALSE(stuck);
+    EXPECT_FALSE(stuck.error().isNetwork());
+    // The service logs a request after answering it: give its last line a moment to land.
+    for (int i = 0; i < 40 && partRequestsIn(server->log(), "409") < kMaxStalledResyncs; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    EXPECT_EQ(partRequestsIn(server->log(), "409"), kMaxStalledResyncs) << server->log();
+
+    // After a first part went through, corrections back to where it already was count too;
+    // a correction forward is progress and starts the count again.
+    server->clearFaults();
+    auto held = upload(file, std::nullopt, [&](double fraction) {
+        if (fraction > 0 && fraction < 0.5) {
+            server->addFault({{"method", "PUT"}, {"path", "/part"}, {"action", "conflict"}, {"bytesReceived", 8 * MiB},
+                              {"times", 1000}});
+        }
+    });
+    ASSERT_FALSE(held);
+    server->clearFaults();
+    auto id = upload(file);
+    ASSERT_TRUE(id) << id.error().description(Language::English) << server->log();
+    expectStored(*id, file);
+}
+
 TEST_F(UploadTest, FinishedUploadsReturnTheirIdWithoutSendingTheFile) {
     auto file = makeFile("vell_rec_done.aac", 3 * MiB);
     auto first = upload(file);
