@@ -1,6 +1,6 @@
 #include "platform/adts_file_sink.h"
 
-#include "platform/adts_frames.h"
+#include "audio/adts_frames.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>

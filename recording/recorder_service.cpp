@@ -6,7 +6,7 @@
 #include <mutex>
 
 #include "audio/errors.h"
-#include "platform/adts_frames.h"
+#include "audio/adts_frames.h"
 #include "platform/log.h"
 #include "platform/runtime.h"
 #include "platform/uuid.h"

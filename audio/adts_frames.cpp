@@ -1,4 +1,4 @@
-#include "platform/adts_frames.h"
+#include "audio/adts_frames.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
