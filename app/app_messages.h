@@ -1,6 +1,6 @@
 #pragma once
 // Every sentence the application core shows.
-#include "platform/language.h"
+#include "base/language.h"
 
 namespace vell::app::messages {
 

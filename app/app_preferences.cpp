@@ -1,7 +1,7 @@
 #include "app/app_preferences.h"
 
-#include "app/preference_keys.h"
-#include "platform/log.h"
+#include "base/log.h"
+#include "base/preference_keys.h"
 
 namespace vell::app {
 

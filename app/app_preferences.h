@@ -4,8 +4,8 @@
 #include <functional>
 
 #include "app/login_item.h"
-#include "platform/published.h"
-#include "platform/user_defaults.h"
+#include "base/published.h"
+#include "base/user_defaults.h"
 
 namespace vell::app {
 

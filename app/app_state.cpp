@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "app/preference_keys.h"
-#include "platform/log.h"
+#include "base/log.h"
+#include "base/preference_keys.h"
 
 namespace vell::app {
 

@@ -8,8 +8,8 @@
 #include <string>
 
 #include "app/legacy_adoption_window.h"
-#include "platform/executor.h"
-#include "platform/published.h"
+#include "base/executor.h"
+#include "base/published.h"
 #include "service/account_api.h"
 
 namespace vell::app {

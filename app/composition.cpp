@@ -4,18 +4,18 @@
 
 #include "app/core_services.h"
 #include "app/host.h"
-#include "app/xdg_autostart_login_item.h"
 #include "app/input_levels.h"
+#include "app/xdg_autostart_login_item.h"
 #include "audio/mic_capture.h"
 #include "audio/microphone_settings.h"
 #include "audio/realtime_mixer.h"
 #include "audio/speech_activity_detector.h"
-#include "audio/system_audio_tap.h"
+#include "base/paths.h"
+#include "base/runtime.h"
+#include "base/user_defaults.h"
 #include "platform/dbus/logind_sleep.h"
 #include "platform/dbus/notifications.h"
-#include "platform/paths.h"
-#include "platform/runtime.h"
-#include "platform/user_defaults.h"
+#include "platform/pulse/system_audio_tap.h"
 #include "recording/recorder_service.h"
 #include "service/api_client.h"
 
@@ -74,7 +74,10 @@ recording::RecorderParts recorderParts() {
     return parts;
 }
 
-void installComposition() { recording::RecorderService::setSharedPartsProvider(&recorderParts); }
+void installComposition() {
+    installPlatformBindings();
+    recording::RecorderService::setSharedPartsProvider(&recorderParts);
+}
 
 namespace {
 // The autostart entry starts whichever front end is installed beside this program: the tray

@@ -16,6 +16,11 @@ recording::RecorderParts recorderParts();
 // recorder is first used.
 void installComposition();
 
+// Installs the Linux bindings behind the core's ports (audio files, conversion, voice
+// detection, microphone engines and devices, secret store, HTTP). Idempotent; programs and
+// tests call it first thing.
+void installPlatformBindings();
+
 class CoreServices;
 // The process's core services (service client, signed-in identity, recorder, uploads),
 // made on first use on the main executor after installComposition(). New recordings are

@@ -2,7 +2,7 @@
 
 #include <random>
 
-#include "platform/log.h"
+#include "base/log.h"
 #include "recording/recorder_service.h"
 
 namespace vell::app {

@@ -14,7 +14,7 @@
 #include <string>
 
 #include "app/app_state.h"
-#include "platform/published.h"
+#include "base/published.h"
 #include "service/account_client.h"
 #include "service/upload_queue.h"
 

@@ -2,7 +2,7 @@
 
 #include "app/app_preferences.h"
 #include "app/quit_decision.h"
-#include "platform/log.h"
+#include "base/log.h"
 #include "recording/recorder_service.h"
 
 namespace vell::app {

@@ -16,7 +16,7 @@
 #include "app/login_item.h"
 #include "app/notification_center.h"
 #include "app/sleep_events.h"
-#include "platform/published.h"
+#include "base/published.h"
 
 namespace vell::app {
 

@@ -1,6 +1,6 @@
 #include "app/launch_sequence.h"
 
-#include "app/preference_keys.h"
+#include "base/preference_keys.h"
 
 namespace vell::app {
 

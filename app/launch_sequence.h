@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "app/notification_categories.h"
-#include "platform/executor.h"
-#include "platform/user_defaults.h"
+#include "base/executor.h"
+#include "base/user_defaults.h"
 
 namespace vell::app {
 

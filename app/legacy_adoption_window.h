@@ -4,8 +4,8 @@
 // stores the decision for good.
 #include <string>
 
-#include "app/preference_keys.h"
-#include "platform/user_defaults.h"
+#include "base/preference_keys.h"
+#include "base/user_defaults.h"
 
 namespace vell::app {
 

@@ -3,7 +3,7 @@
 // that tests can make it fail.
 #include <string>
 
-#include "platform/expected.h"
+#include "base/expected.h"
 
 namespace vell::app {
 

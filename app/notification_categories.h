@@ -3,7 +3,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/language.h"
+#include "base/language.h"
 
 namespace vell::app {
 

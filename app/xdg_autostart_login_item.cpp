@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <sstream>
 
-#include "platform/files.h"
+#include "base/files.h"
 
 namespace vell::app {
 

@@ -1,6 +1,6 @@
 #pragma once
 // Every sentence the audio capture shows to people, in both interface languages.
-#include "platform/language.h"
+#include "base/language.h"
 
 namespace vell::audio::messages {
 

@@ -3,7 +3,7 @@
 #include <mutex>
 #include <optional>
 
-#include "platform/clock.h"
+#include "base/clock.h"
 
 namespace vell::audio {
 

@@ -1,10 +1,10 @@
 #include "audio/mic_capture.h"
 
+#include <stdexcept>
+
 #include "audio/errors.h"
 #include "audio/microphone_settings.h"
-#include "platform/alsa_mic_engine.h"
-#include "platform/log.h"
-#include "platform/pulse_mic_engine.h"
+#include "base/log.h"
 
 namespace vell::audio {
 
@@ -15,12 +15,30 @@ const log::Logger& logger() {
 }
 }  // namespace
 
+namespace {
+std::mutex gDefaultEnginesMutex;
+MicCaptureEngineFactory gDefaultEngine;
+MicCaptureEngineFactory gDefaultFallbackEngine;
+}  // namespace
+
+void MicCapture::setDefaultEngines(MicCaptureEngineFactory makeEngine, MicCaptureEngineFactory makeFallbackEngine) {
+    std::lock_guard lock(gDefaultEnginesMutex);
+    gDefaultEngine = std::move(makeEngine);
+    gDefaultFallbackEngine = std::move(makeFallbackEngine);
+}
+
 MicCapture::MicCapture(MicCaptureEngineFactory makeEngine, MicCaptureEngineFactory makeFallbackEngine)
     : makeEngine_(std::move(makeEngine)), makeFallbackEngine_(std::move(makeFallbackEngine)) {}
 
 std::unique_ptr<MicCapture> MicCapture::makeDefault() {
-    auto capture = std::make_unique<MicCapture>([] { return platform::makePulseMicEngine(); },
-                                                [] { return platform::makeAlsaMicEngine(); });
+    MicCaptureEngineFactory engine, fallback;
+    {
+        std::lock_guard lock(gDefaultEnginesMutex);
+        engine = gDefaultEngine;
+        fallback = gDefaultFallbackEngine;
+    }
+    if (!engine) throw std::logic_error("vell: no microphone engine installed");
+    auto capture = std::make_unique<MicCapture>(std::move(engine), std::move(fallback));
     capture->setHealthReporter([](const std::string& uid, bool failed) { MicrophoneSettings::reportDeviceHealth(uid, failed); });
     return capture;
 }

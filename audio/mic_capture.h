@@ -37,7 +37,9 @@ using MicCaptureEngineFactory = std::function<std::unique_ptr<MicCaptureEngine>(
 class MicCapture final : public MicrophoneInput {
 public:
     explicit MicCapture(MicCaptureEngineFactory makeEngine, MicCaptureEngineFactory makeFallbackEngine = {});
-    // The sound-server engine with the ALSA fallback; devices that refuse to open are
+    // The engines of makeDefault(), installed once at start-up by the composition root.
+    static void setDefaultEngines(MicCaptureEngineFactory makeEngine, MicCaptureEngineFactory makeFallbackEngine);
+    // The installed engines (the sound server, then ALSA); devices that refuse to open are
     // recorded in the microphone health of MicrophoneSettings.
     static std::unique_ptr<MicCapture> makeDefault();
     ~MicCapture() override;

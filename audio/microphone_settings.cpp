@@ -1,13 +1,13 @@
 #include "audio/microphone_settings.h"
 
 #include <mutex>
+#include <stdexcept>
 
-#include "app/preference_keys.h"
 #include "audio/capture_messages.h"
-#include "platform/log.h"
-#include "platform/pulse_input_devices.h"
-#include "platform/runtime.h"
-#include "platform/user_defaults.h"
+#include "base/log.h"
+#include "base/preference_keys.h"
+#include "base/runtime.h"
+#include "base/user_defaults.h"
 
 namespace vell::audio {
 
@@ -146,9 +146,25 @@ MicrophoneSettings::~MicrophoneSettings() {
     if (gShared == this) gShared = nullptr;
 }
 
+namespace {
+std::mutex gProviderMutex;
+InputDeviceProviderFactory gDefaultProvider;
+}  // namespace
+
+void MicrophoneSettings::setDefaultDeviceProvider(InputDeviceProviderFactory factory) {
+    std::lock_guard lock(gProviderMutex);
+    gDefaultProvider = std::move(factory);
+}
+
 MicrophoneSettings& MicrophoneSettings::shared() {
     static MicrophoneSettings* instance = [] {
-        auto* settings = new MicrophoneSettings(platform::makePulseInputDevices(), UserDefaults::standard(), true);
+        InputDeviceProviderFactory factory;
+        {
+            std::lock_guard lock(gProviderMutex);
+            factory = gDefaultProvider;
+        }
+        if (!factory) throw std::logic_error("vell: no input device provider installed");
+        auto* settings = new MicrophoneSettings(factory(), UserDefaults::standard(), true);
         std::lock_guard lock(gHealthMutex);
         gShared = settings;
         return settings;

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "audio/ports.h"
-#include "platform/language.h"
-#include "platform/published.h"
+#include "base/language.h"
+#include "base/published.h"
 
 namespace vell {
 class UserDefaults;
@@ -88,6 +88,8 @@ public:
     virtual void setChangeHandler(std::function<void()> onChange) = 0;
 };
 
+using InputDeviceProviderFactory = std::function<std::unique_ptr<InputDeviceProvider>()>;
+
 class MicrophoneSettings final : public MicrophoneChooser {
 public:
     // Reads both selections from the defaults store and enumerates once. With `listen`,
@@ -95,7 +97,9 @@ public:
     MicrophoneSettings(std::unique_ptr<InputDeviceProvider> provider, UserDefaults& defaults, bool listen);
     ~MicrophoneSettings() override;
 
-    // The process-wide instance on the sound server and the standard defaults store; needs
+    // Where shared() takes its devices from; installed once at start-up by the composition root.
+    static void setDefaultDeviceProvider(InputDeviceProviderFactory factory);
+    // The process-wide instance on the installed provider and the standard defaults store; needs
     // the main executor.
     static MicrophoneSettings& shared();
     // Records that a device failed (or opened again); safe from any thread, published on the

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "audio/pcm_buffer.h"
-#include "platform/clock.h"
+#include "base/clock.h"
 
 namespace vell::audio {
 

@@ -5,7 +5,7 @@
 #include <cstdlib>
 
 #include "audio/errors.h"
-#include "platform/runtime.h"
+#include "base/runtime.h"
 
 namespace vell::audio {
 
@@ -17,7 +17,7 @@ RealtimeMixer::RealtimeMixer(std::filesystem::path file, double sampleRate, Opti
     : requestedFile_(std::move(file)),
       sampleRate_(sampleRate),
       clock_(options.clock ? *options.clock : runtime::clock()),
-      writerFactory_(options.writerFactory ? std::move(options.writerFactory) : media::AacWriterFactory(media::openAacWriter)),
+      writerFactory_(options.writerFactory ? std::move(options.writerFactory) : media::defaultAacWriterFactory()),
       automaticTicks_(options.automaticTicks),
       queue_(options.automaticTicks ? std::make_unique<SerialQueue>(queues::kMixer) : nullptr) {
     mic_.gain = kMicGain;

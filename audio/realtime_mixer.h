@@ -9,12 +9,12 @@
 #include <string>
 #include <vector>
 
+#include "audio/aac_writer.h"
 #include "audio/ports.h"
-#include "platform/aac_writer.h"
-#include "platform/clock.h"
-#include "platform/executor.h"
-#include "platform/resampler.h"
-#include "platform/serial_queue.h"
+#include "audio/resampler.h"
+#include "base/clock.h"
+#include "base/executor.h"
+#include "base/serial_queue.h"
 
 namespace vell::audio {
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "audio/pcm_buffer.h"
-#include "platform/expected.h"
+#include "base/expected.h"
 
 namespace vell::audio {
 

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "platform/log.h"
-#include "platform/runtime.h"
+#include "base/log.h"
+#include "base/runtime.h"
 
 namespace vell::audio {
 

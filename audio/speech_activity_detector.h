@@ -11,8 +11,8 @@
 
 #include "audio/ports.h"
 #include "audio/sound_classifier.h"
-#include "platform/clock.h"
-#include "platform/serial_queue.h"
+#include "base/clock.h"
+#include "base/serial_queue.h"
 
 namespace vell::audio {
 

@@ -2,9 +2,9 @@
 // summarised per window as the share of voiced frames.
 #include <algorithm>
 
+#include "audio/resampler.h"
 #include "audio/sound_classifier.h"
-#include "platform/resampler.h"
-#include "platform/webrtc_vad.h"
+#include "audio/voice_activity_detector.h"
 
 namespace vell::audio {
 

@@ -24,10 +24,11 @@
 #include <thread>
 #include <vector>
 
+#include "app/composition.h"
 #include "audio/mic_capture.h"
-#include "audio/system_audio_tap.h"
-#include "platform/log.h"
-#include "platform/pulse_connection.h"
+#include "base/log.h"
+#include "platform/pulse/pulse_connection.h"
+#include "platform/pulse/system_audio_tap.h"
 
 extern char** environ;
 
@@ -161,6 +162,7 @@ double peerFirstByteMs(const std::string& source) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    vell::app::installPlatformBindings();
     double seconds = argc > 1 ? std::atof(argv[1]) : 30.0;
     if (seconds <= 0) seconds = 30.0;
     vell::log::setMinimumLevel(vell::log::Level::Error);

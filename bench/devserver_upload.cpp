@@ -21,6 +21,7 @@
 #include <curl/curl.h>
 #include <httplib.h>
 #include <nlohmann/json.hpp>
+#include "app/composition.h"
 
 namespace fs = std::filesystem;
 using nlohmann::json;
@@ -158,6 +159,7 @@ struct Figures {
 }  // namespace
 
 int main(int argc, char** argv) {
+    vell::app::installPlatformBindings();
     const int64_t mib = argc > 1 ? std::stoll(argv[1]) : 1024;
     const int64_t total = mib << 20;
     char pattern[] = "/tmp/bench-devserver-XXXXXX";

@@ -18,6 +18,7 @@
 #include <string>
 #include <thread>
 #include <vector>
+#include "app/composition.h"
 
 extern char** environ;
 
@@ -88,6 +89,7 @@ Sample sample(pid_t pid) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    vell::app::installPlatformBindings();
     const double seconds = argc > 1 ? std::atof(argv[1]) : 60;
     const fs::path vell = fs::path(VELL_BINARY_DIR) / "vell";
     const fs::path dir = fs::temp_directory_path() / ("vell-bench-host-" + std::to_string(getpid()));

@@ -26,8 +26,9 @@
 #include <thread>
 #include <vector>
 
+#include "app/composition.h"
 #include "audio/realtime_mixer.h"
-#include "platform/aac_writer.h"
+#include "platform/codec/aac_writer.h"
 
 extern char** environ;
 
@@ -208,6 +209,7 @@ double runFfmpeg(const Tables& t, int minutes, const std::filesystem::path& dir)
 }  // namespace
 
 int main(int argc, char** argv) {
+    vell::app::installPlatformBindings();
     const int minutes = argc > 1 ? std::max(1, std::atoi(argv[1])) : 60;
     const char* tmp = std::getenv("TMPDIR");
     std::string templ = std::string(tmp && *tmp ? tmp : "/tmp") + "/vell-bench-mixer-XXXXXX";

@@ -9,7 +9,8 @@
 #include <nlohmann/json.hpp>
 #include <vector>
 
-#include "platform/files.h"
+#include "app/composition.h"
+#include "base/files.h"
 #include "recording/pending_list.h"
 #include "recording/pending_recording_coding.h"
 
@@ -58,6 +59,7 @@ std::vector<PendingRecording> makeList(const fs::path& dir) {
 }  // namespace
 
 int main() {
+    vell::app::installPlatformBindings();
     fs::path root = fs::temp_directory_path() / ("vell-bench-pending-" + std::to_string(::getpid()));
     fs::path ours = root / "ours";
     fs::path peer = root / "peer";

@@ -24,6 +24,7 @@
 #include <string>
 #include <thread>
 #include <vector>
+#include "app/composition.h"
 
 extern char** environ;
 
@@ -65,6 +66,7 @@ int sh(const std::string& command) { return std::system(command.c_str()); }
 }  // namespace
 
 int main(int argc, char** argv) {
+    vell::app::installPlatformBindings();
     ::signal(SIGPIPE, SIG_IGN);  // the microphone pipe closes when the server stops
     const int seconds = argc > 1 ? std::max(5, std::atoi(argv[1])) : 60;
     const int rounds = argc > 2 ? std::max(1, std::atoi(argv[2])) : 1;

@@ -27,10 +27,11 @@
 #include <string>
 #include <vector>
 
+#include "app/composition.h"
+#include "base/log.h"
 #include "bench/net/shaped_link.h"
-#include "platform/log.h"
-#include "platform/plist_cookies.h"
-#include "platform/secret_store.h"
+#include "platform/http/plist_cookies.h"
+#include "platform/secrets/secret_store.h"
 #include "service/account_client.h"
 #include "service/resumable_upload.h"
 #include "session/session_file_store.h"
@@ -260,6 +261,7 @@ std::vector<std::pair<fs::path, long long>> splitParts(const fs::path& file, lon
 }  // namespace
 
 int main(int argc, char** argv) {
+    vell::app::installPlatformBindings();
     long long mib = argc > 1 ? std::atoll(argv[1]) : 1024;
     int rounds = argc > 2 ? std::atoi(argv[2]) : 2;
     long long shapedMib = argc > 3 ? std::atoll(argv[3]) : 128;

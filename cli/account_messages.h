@@ -1,7 +1,7 @@
 #pragma once
 // Sentences of the sign-in and upload commands.
 #include "app/app_messages.h"
-#include "platform/language.h"
+#include "base/language.h"
 
 namespace vell::cli::messages {
 

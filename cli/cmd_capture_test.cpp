@@ -11,10 +11,10 @@
 #include "audio/capture_messages.h"
 #include "audio/mic_capture.h"
 #include "audio/microphone_settings.h"
-#include "audio/system_audio_tap.h"
+#include "base/user_defaults.h"
 #include "cli/command.h"
-#include "platform/pulse_input_devices.h"
-#include "platform/user_defaults.h"
+#include "platform/pulse/pulse_input_devices.h"
+#include "platform/pulse/system_audio_tap.h"
 
 namespace vell::cli {
 

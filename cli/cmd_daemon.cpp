@@ -6,13 +6,13 @@
 
 #include "app/composition.h"
 #include "app/host.h"
+#include "base/log.h"
+#include "base/runtime.h"
 #include "cli/command.h"
 #include "cli/help_messages.h"
 #include "cli/runtime_scope.h"
 #include "cli/signal_watcher.h"
 #include "platform/dbus/control_server.h"
-#include "platform/log.h"
-#include "platform/runtime.h"
 
 namespace vell::cli {
 

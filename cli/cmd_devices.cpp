@@ -5,9 +5,9 @@
 
 #include "audio/capture_messages.h"
 #include "audio/microphone_settings.h"
+#include "base/user_defaults.h"
 #include "cli/command.h"
-#include "platform/pulse_input_devices.h"
-#include "platform/user_defaults.h"
+#include "platform/pulse/pulse_input_devices.h"
 
 namespace vell::cli {
 

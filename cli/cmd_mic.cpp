@@ -4,12 +4,12 @@
 
 #include <nlohmann/json.hpp>
 
-#include "app/preference_keys.h"
 #include "audio/capture_messages.h"
 #include "audio/microphone_settings.h"
+#include "base/preference_keys.h"
+#include "base/user_defaults.h"
 #include "cli/command.h"
-#include "platform/pulse_input_devices.h"
-#include "platform/user_defaults.h"
+#include "platform/pulse/pulse_input_devices.h"
 
 namespace vell::cli {
 

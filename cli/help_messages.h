@@ -1,7 +1,7 @@
 #pragma once
 // The help screens: the program's own options, the account commands' descriptions and the
 // words of the help layout, in both languages.
-#include "platform/language.h"
+#include "base/language.h"
 
 namespace vell::cli::help {
 

@@ -4,10 +4,11 @@
 #include <string_view>
 #include <vector>
 
+#include "app/composition.h"
+#include "base/language.h"
+#include "base/log.h"
 #include "cli/command.h"
 #include "cli/help_messages.h"
-#include "platform/language.h"
-#include "platform/log.h"
 
 namespace vell::cli {
 
@@ -54,6 +55,7 @@ void localizeHelpLayout(CLI::App& app) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    vell::app::installPlatformBindings();
     using namespace vell;
     applyLanguageFlag(argc, argv);
     CLI::App app{cli::help::kProgram.str()};

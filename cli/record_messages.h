@@ -1,6 +1,6 @@
 #pragma once
 // The sentences of `vell record`.
-#include "platform/language.h"
+#include "base/language.h"
 
 namespace vell::cli::record_messages {
 

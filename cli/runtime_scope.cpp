@@ -3,8 +3,8 @@
 #include <iostream>
 
 #include "app/composition.h"
-#include "platform/paths.h"
-#include "platform/runtime.h"
+#include "base/paths.h"
+#include "base/runtime.h"
 
 namespace vell::cli {
 

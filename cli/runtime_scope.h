@@ -4,10 +4,10 @@
 // insurance buffer) the lock that makes this process the only owner of the data folder.
 #include <memory>
 
+#include "base/asio_executor.h"
+#include "base/clock.h"
+#include "base/instance_lock.h"
 #include "cli/command.h"
-#include "platform/asio_executor.h"
-#include "platform/clock.h"
-#include "platform/instance_lock.h"
 
 namespace vell::cli {
 

@@ -14,7 +14,7 @@ endfunction()
 vell_pkg(pulse libpulse)
 vell_pkg(alsa alsa)
 # The programs link the encoder side of FFmpeg only. libavformat (needed for ".m4a" files)
-# is loaded by platform/avformat_library.cpp on first use: linking it would map its score of
+# is loaded by platform/codec/avformat_library.cpp on first use: linking it would map its score of
 # dependencies into every start. Its headers still describe the structs we use.
 vell_pkg(ffmpeg libavcodec libavutil libswresample)
 pkg_check_modules(avformat_PC REQUIRED IMPORTED_TARGET libavformat)

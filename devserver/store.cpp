@@ -1,6 +1,6 @@
 #include "devserver/store.h"
 
-#include "platform/files.h"
+#include "base/files.h"
 
 namespace vell::devserver {
 

@@ -5,9 +5,9 @@
 #include <fstream>
 #include <thread>
 
-#include "platform/log.h"
-#include "platform/paths.h"
-#include "platform/runtime.h"
+#include "base/log.h"
+#include "base/paths.h"
+#include "base/runtime.h"
 
 namespace vell::recording {
 
@@ -53,7 +53,7 @@ bool hasTopLevelMoov(const std::filesystem::path& file) {
 }
 
 LiveSegmentWriter::LiveSegmentWriter(Options options)
-    : writerFactory_(options.writerFactory ? std::move(options.writerFactory) : media::AacWriterFactory(media::openAacWriter)),
+    : writerFactory_(options.writerFactory ? std::move(options.writerFactory) : media::defaultAacWriterFactory()),
       directory_(options.directory.empty() ? paths::temporaryDirectory() / "vell-live-segments" : options.directory),
       mainExecutor_(options.mainExecutor),
       sealTimeout_(options.sealTimeoutSeconds),

@@ -10,10 +10,10 @@
 #include <set>
 #include <string>
 
+#include "audio/aac_writer.h"
 #include "audio/ports.h"
-#include "platform/aac_writer.h"
-#include "platform/executor.h"
-#include "platform/serial_queue.h"
+#include "base/executor.h"
+#include "base/serial_queue.h"
 
 namespace vell::recording {
 

@@ -12,8 +12,8 @@
 #include <map>
 #include <unordered_set>
 
-#include "platform/files.h"
-#include "platform/log.h"
+#include "base/files.h"
+#include "base/log.h"
 #include "recording/pending_recording_coding.h"
 
 namespace vell::recording {

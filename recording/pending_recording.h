@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/clock.h"
+#include "base/clock.h"
 
 namespace vell::recording {
 

@@ -4,7 +4,7 @@
 #include <climits>
 #include <cmath>
 
-#include "platform/files.h"
+#include "base/files.h"
 
 namespace vell::recording::coding {
 

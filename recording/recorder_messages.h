@@ -1,6 +1,6 @@
 #pragma once
 // Every sentence the recorder and the pending list show to the user.
-#include "platform/language.h"
+#include "base/language.h"
 
 namespace vell::recording::messages {
 

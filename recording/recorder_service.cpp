@@ -5,11 +5,11 @@
 #include <cctype>
 #include <mutex>
 
-#include "audio/errors.h"
 #include "audio/adts_frames.h"
-#include "platform/log.h"
-#include "platform/runtime.h"
-#include "platform/uuid.h"
+#include "audio/errors.h"
+#include "base/log.h"
+#include "base/runtime.h"
+#include "base/uuid.h"
 #include "recording/recorder_messages.h"
 #include "recording/recovery_scan.h"
 

@@ -13,10 +13,10 @@
 #include <vector>
 
 #include "audio/digital_silence_tracker.h"
-#include "platform/executor.h"
-#include "platform/paths.h"
-#include "platform/published.h"
-#include "platform/serial_queue.h"
+#include "base/executor.h"
+#include "base/paths.h"
+#include "base/published.h"
+#include "base/serial_queue.h"
 #include "recording/pending_list.h"
 #include "recording/pending_recording.h"
 #include "recording/recorder_parts.h"

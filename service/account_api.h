@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/expected.h"
+#include "base/expected.h"
 #include "service/api_error.h"
 
 namespace vell::service {

@@ -3,9 +3,7 @@
 #include <chrono>
 #include <cstdlib>
 
-#include "platform/http_user_agent.h"
-#include "platform/log.h"
-#include "platform/plist_cookies.h"
+#include "base/log.h"
 #include "service/reply_records.h"
 #include "session/session_file_store.h"
 
@@ -47,7 +45,7 @@ std::string configuredBaseURL() {
     const char* override = std::getenv("VELL_API_BASE_URL");
     if (!override || !*override) return VELL_API_BASE_URL;
     const std::string url = override;
-    const std::string host = http::hostOf(url);
+    const std::string host = http::binding().hostOf(url);
     const bool https = url.rfind("https://", 0) == 0 && !host.empty();
     const bool localHttp = url.rfind("http://", 0) == 0 && isLoopback(host);
     if (https || localHttp) return url;
@@ -55,7 +53,8 @@ std::string configuredBaseURL() {
     return VELL_API_BASE_URL;
 }
 
-APIClient::APIClient(std::string apiBaseURL) : baseURL_(std::move(apiBaseURL)), host_(http::hostOf(baseURL_)) {
+APIClient::APIClient(std::string apiBaseURL) : baseURL_(std::move(apiBaseURL)), host_(http::binding().hostOf(baseURL_)),
+      session_(http::binding().makeSession()) {
     restoreSession();
 }
 
@@ -90,7 +89,7 @@ Expected<http::Request, APIError> APIClient::build(ApiRequest request) const {
     out.maxSeconds = kTransferLimit;
     out.cancel = &cancel_;
     out.headers.emplace_back("Accept", "application/json");
-    out.headers.emplace_back("User-Agent", http::userAgent());
+    out.headers.emplace_back("User-Agent", http::binding().userAgent());
     if (request.json) {
         try {
             out.body = request.json->dump();
@@ -111,7 +110,7 @@ Expected<http::Response, APIError> APIClient::perform(ApiRequest request) const 
     std::string method = request.method, path = request.path;
     auto built = build(std::move(request));
     if (!built) return unexpected(built.error());
-    auto result = session_.perform(*built);
+    auto result = session_->perform(*built);
     if (!result) {
         const auto& e = result.error();
         logger().info(method + " " + path + " failed: " + e.description);
@@ -143,29 +142,29 @@ Expected<Json, APIError> APIClient::send(ApiRequest request) const {
 }
 
 bool APIClient::hasSessionCookie() const {
-    for (const auto& c : session_.cookiesForHost(host_)) {
+    for (const auto& c : session_->cookiesForHost(host_)) {
         if (c.name == kSessionCookieName) return true;
     }
     return false;
 }
 
 bool APIClient::saveSession() const {
-    return session::SessionFileStore::write(kCookieSnapshotKey, plist::encodeCookies(session_.cookiesForHost(host_)));
+    return session::SessionFileStore::write(kCookieSnapshotKey, http::binding().encodeCookies(session_->cookiesForHost(host_)));
 }
 
 void APIClient::restoreSession() const {
     auto bytes = session::SessionFileStore::read(kCookieSnapshotKey);
     if (!bytes) return;
-    auto cookies = plist::decodeCookies(*bytes);
+    auto cookies = http::binding().decodeCookies(*bytes);
     if (!cookies) {
         logger().error("the stored session could not be read; signed out");
         return;
     }
-    for (const auto& c : *cookies) session_.addCookie(c);
+    for (const auto& c : *cookies) session_->addCookie(c);
 }
 
 void APIClient::clearSession() const {
-    session_.removeCookiesForHost(host_);
+    session_->removeCookiesForHost(host_);
     session::SessionFileStore::remove(kCookieSnapshotKey);
 }
 

@@ -15,10 +15,10 @@
 #include <utility>
 #include <vector>
 
-#include "platform/expected.h"
-#include "platform/http_session.h"
-#include "platform/runtime.h"
+#include "base/expected.h"
+#include "base/runtime.h"
 #include "service/api_error.h"
+#include "service/http_session.h"
 
 namespace vell::service {
 
@@ -96,7 +96,7 @@ public:
 private:
     std::string baseURL_;
     std::string host_;
-    http::Session session_;
+    std::unique_ptr<http::Session> session_;
     mutable std::atomic<bool> cancel_{false};
     mutable std::mutex workersMutex_;
     mutable std::list<std::future<void>> workers_;

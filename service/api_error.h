@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/language.h"
+#include "base/language.h"
 
 namespace vell::service {
 

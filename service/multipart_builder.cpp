@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <vector>
 
-#include "platform/paths.h"
-#include "platform/uuid.h"
+#include "base/paths.h"
+#include "base/uuid.h"
 
 namespace vell::service {
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <system_error>
 
-#include "platform/expected.h"
+#include "base/expected.h"
 
 namespace vell::service {
 

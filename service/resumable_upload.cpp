@@ -8,7 +8,7 @@
 #include <cctype>
 #include <cerrno>
 
-#include "platform/log.h"
+#include "base/log.h"
 #include "service/multipart_builder.h"
 #include "service/reply_records.h"
 

@@ -8,8 +8,8 @@
 #include <string>
 #include <utility>
 
-#include "platform/clock.h"
-#include "platform/expected.h"
+#include "base/clock.h"
+#include "base/expected.h"
 #include "service/api_client.h"
 #include "service/upload_error.h"
 

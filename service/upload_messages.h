@@ -1,6 +1,6 @@
 #pragma once
 // Sentences of the upload code that the user sees.
-#include "platform/language.h"
+#include "base/language.h"
 
 namespace vell::service::messages {
 

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <cmath>
 
-#include "platform/log.h"
-#include "platform/paths.h"
-#include "platform/runtime.h"
+#include "base/log.h"
+#include "base/paths.h"
+#include "base/runtime.h"
 #include "service/api_client.h"
 #include "service/resumable_upload.h"
 #include "service/upload_candidates.h"

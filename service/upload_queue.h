@@ -13,10 +13,10 @@
 #include <string>
 #include <vector>
 
-#include "platform/clock.h"
-#include "platform/executor.h"
-#include "platform/expected.h"
-#include "platform/published.h"
+#include "base/clock.h"
+#include "base/executor.h"
+#include "base/expected.h"
+#include "base/published.h"
 #include "recording/pending_recording.h"
 #include "service/upload_error.h"
 #include "service/upload_receipts.h"

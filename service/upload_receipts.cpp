@@ -2,8 +2,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "platform/files.h"
-#include "platform/log.h"
+#include "base/files.h"
+#include "base/log.h"
 
 namespace vell::service {
 

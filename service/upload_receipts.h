@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/clock.h"
+#include "base/clock.h"
 
 namespace vell::service {
 

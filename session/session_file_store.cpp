@@ -9,10 +9,10 @@
 #include <cstring>
 #include <mutex>
 
-#include "platform/files.h"
-#include "platform/log.h"
-#include "platform/paths.h"
-#include "platform/secret_store.h"
+#include "base/files.h"
+#include "base/log.h"
+#include "base/paths.h"
+#include "session/secret_store.h"
 
 namespace vell::session {
 

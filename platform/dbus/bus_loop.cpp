@@ -2,7 +2,7 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
-#include "platform/log.h"
+#include "base/log.h"
 
 namespace vell::dbus {
 

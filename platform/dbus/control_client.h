@@ -5,7 +5,7 @@
 #include <string>
 #include <utility>
 
-#include "platform/expected.h"
+#include "base/expected.h"
 
 namespace sdbus {
 class IConnection;

@@ -9,9 +9,9 @@
 
 #include "app/app_messages.h"
 #include "app/input_levels.h"
+#include "base/log.h"
+#include "base/runtime.h"
 #include "platform/dbus/control_protocol.h"
-#include "platform/log.h"
-#include "platform/runtime.h"
 #include "recording/pending_recording_coding.h"
 #include "recording/recorder_service.h"
 

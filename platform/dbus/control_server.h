@@ -6,7 +6,7 @@
 #include <string>
 
 #include "app/host.h"
-#include "platform/expected.h"
+#include "base/expected.h"
 
 namespace vell::dbus {
 

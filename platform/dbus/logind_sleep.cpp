@@ -4,7 +4,7 @@
 
 #include "platform/dbus/bus_loop.h"
 
-#include "platform/log.h"
+#include "base/log.h"
 
 namespace vell::dbus {
 

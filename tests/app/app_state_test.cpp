@@ -3,8 +3,8 @@
 #include <deque>
 
 #include "app/app_state.h"
-#include "app/preference_keys.h"
-#include "platform/manual_executor.h"
+#include "base/manual_executor.h"
+#include "base/preference_keys.h"
 #include "tests/support/temp_home.h"
 
 namespace vell::app {

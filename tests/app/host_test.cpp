@@ -5,9 +5,9 @@
 
 #include "app/core_services.h"
 #include "app/host.h"
-#include "app/preference_keys.h"
-#include "platform/manual_executor.h"
-#include "platform/runtime.h"
+#include "base/manual_executor.h"
+#include "base/preference_keys.h"
+#include "base/runtime.h"
 #include "recording/recorder_service.h"
 #include "tests/recording/recorder_fakes.h"
 #include "tests/service/no_secret_service.h"

@@ -3,9 +3,9 @@
 #include "app/dock_policy.h"
 #include "app/launch_sequence.h"
 #include "app/notification_categories.h"
-#include "app/preference_keys.h"
 #include "app/quit_decision.h"
-#include "platform/manual_executor.h"
+#include "base/manual_executor.h"
+#include "base/preference_keys.h"
 #include "tests/support/temp_home.h"
 
 namespace vell::app {

@@ -3,10 +3,10 @@
 #include <fstream>
 
 #include "app/app_preferences.h"
-#include "app/preference_keys.h"
 #include "app/xdg_autostart_login_item.h"
-#include "platform/log.h"
-#include "platform/paths.h"
+#include "base/log.h"
+#include "base/paths.h"
+#include "base/preference_keys.h"
 #include "tests/support/temp_home.h"
 
 namespace vell::app {

@@ -6,7 +6,7 @@
 
 #include <fstream>
 
-#include "platform/aac_writer.h"
+#include "platform/codec/aac_writer.h"
 #include "tests/audio/aac_test_decoder.h"
 #include "tests/support/temp_home.h"
 

@@ -12,8 +12,8 @@ extern "C" {
 #include <libavutil/version.h>
 }
 
-#include "platform/aac_writer.h"
-#include "platform/avformat_library.h"
+#include "platform/codec/aac_writer.h"
+#include "platform/codec/avformat_library.h"
 #include "tests/audio/aac_test_decoder.h"
 #include "tests/support/temp_home.h"
 

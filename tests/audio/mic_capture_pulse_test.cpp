@@ -13,8 +13,8 @@
 
 #include "audio/errors.h"
 #include "audio/mic_capture.h"
-#include "platform/alsa_mic_engine.h"
-#include "platform/pulse_mic_engine.h"
+#include "platform/alsa/alsa_mic_engine.h"
+#include "platform/pulse/pulse_mic_engine.h"
 #include "tests/support/pulse_server.h"
 
 namespace vell::audio {

@@ -2,9 +2,9 @@
 // are present, and labelled — without a sound server.
 #include <gtest/gtest.h>
 
-#include "app/preference_keys.h"
 #include "audio/microphone_settings.h"
-#include "platform/user_defaults.h"
+#include "base/preference_keys.h"
+#include "base/user_defaults.h"
 #include "tests/support/temp_home.h"
 
 namespace vell::audio {

@@ -5,9 +5,9 @@
 #include <algorithm>
 
 #include "audio/microphone_settings.h"
-#include "platform/manual_executor.h"
-#include "platform/pulse_input_devices.h"
-#include "platform/runtime.h"
+#include "base/manual_executor.h"
+#include "base/runtime.h"
+#include "platform/pulse/pulse_input_devices.h"
 #include "tests/support/pulse_server.h"
 #include "tests/support/temp_home.h"
 

@@ -8,7 +8,7 @@
 #include <random>
 
 #include "audio/speech_activity_detector.h"
-#include "platform/log.h"
+#include "base/log.h"
 #include "tests/audio/aac_test_decoder.h"
 #include "tests/support/temp_home.h"
 

@@ -8,9 +8,9 @@
 #include <thread>
 
 #include "audio/errors.h"
-#include "audio/system_audio_tap.h"
-#include "platform/pulse_connection.h"
-#include "platform/pulse_record_stream.h"
+#include "platform/pulse/pulse_connection.h"
+#include "platform/pulse/pulse_record_stream.h"
+#include "platform/pulse/system_audio_tap.h"
 #include "tests/support/pulse_server.h"
 
 namespace vell::audio {

@@ -11,7 +11,7 @@
 
 #include "audio/digital_silence_tracker.h"
 #include "audio/errors.h"
-#include "audio/system_audio_tap.h"
+#include "platform/pulse/system_audio_tap.h"
 #include "tests/support/pulse_server.h"
 
 namespace vell::audio {

@@ -3,8 +3,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "app/preference_keys.h"
-#include "platform/user_defaults.h"
+#include "base/preference_keys.h"
+#include "base/user_defaults.h"
 #include "tests/support/pulse_server.h"
 #include "tests/support/temp_home.h"
 

@@ -3,8 +3,8 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 
+#include "base/instance_lock.h"
 #include "cli/command.h"
-#include "platform/instance_lock.h"
 #include "tests/support/temp_home.h"
 
 namespace vell {

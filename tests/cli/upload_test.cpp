@@ -3,7 +3,7 @@
 
 #include <fstream>
 
-#include "platform/paths.h"
+#include "base/paths.h"
 #include "recording/pending_list.h"
 #include "tests/cli/cli_env.h"
 #include "tests/support/devserver_process.h"

@@ -3,10 +3,10 @@
 #include <atomic>
 #include <thread>
 
-#include "platform/asio_executor.h"
-#include "platform/manual_executor.h"
-#include "platform/published.h"
-#include "platform/serial_queue.h"
+#include "base/asio_executor.h"
+#include "base/manual_executor.h"
+#include "base/published.h"
+#include "base/serial_queue.h"
 
 namespace vell {
 namespace {

@@ -3,12 +3,12 @@
 
 #include <fstream>
 
-#include "platform/clock.h"
-#include "platform/files.h"
-#include "platform/instance_lock.h"
-#include "platform/language.h"
-#include "platform/paths.h"
-#include "platform/user_defaults.h"
+#include "base/clock.h"
+#include "base/files.h"
+#include "base/instance_lock.h"
+#include "base/language.h"
+#include "base/paths.h"
+#include "base/user_defaults.h"
 #include "tests/support/temp_home.h"
 
 namespace vell {

@@ -4,8 +4,9 @@
 #include <fstream>
 #include <mutex>
 
-#include "platform/log.h"
-#include "platform/manual_executor.h"
+#include "base/log.h"
+#include "base/manual_executor.h"
+#include "platform/codec/aac_writer.h"
 #include "recording/live_segment_writer.h"
 #include "tests/audio/aac_test_decoder.h"
 #include "tests/support/temp_home.h"

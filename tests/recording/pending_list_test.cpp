@@ -6,7 +6,7 @@
 
 #include <fstream>
 
-#include "platform/files.h"
+#include "base/files.h"
 #include "recording/pending_list.h"
 #include "recording/pending_recording_coding.h"
 #include "tests/support/temp_home.h"

@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 
 #include "audio/realtime_mixer.h"
-#include "platform/manual_executor.h"
-#include "platform/runtime.h"
+#include "base/manual_executor.h"
+#include "base/runtime.h"
 #include "recording/recorder_service.h"
 #include "tests/audio/aac_test_decoder.h"
 #include "tests/recording/recorder_fakes.h"

@@ -2,11 +2,11 @@
 
 #include <fstream>
 
-#include "platform/files.h"
-#include "platform/language.h"
-#include "platform/log.h"
-#include "platform/manual_executor.h"
-#include "platform/runtime.h"
+#include "base/files.h"
+#include "base/language.h"
+#include "base/log.h"
+#include "base/manual_executor.h"
+#include "base/runtime.h"
 #include "recording/pending_recording_coding.h"
 #include "recording/recorder_service.h"
 #include "tests/recording/recorder_fakes.h"

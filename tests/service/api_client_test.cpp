@@ -3,7 +3,7 @@
 
 #include <regex>
 
-#include "platform/http_user_agent.h"
+#include "platform/http/http_user_agent.h"
 #include "service/api_client.h"
 #include "tests/service/no_secret_service.h"
 #include "tests/support/temp_home.h"

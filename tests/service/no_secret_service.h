@@ -1,7 +1,7 @@
 #pragma once
 // Keeps a test away from the desktop's real keyring: session storage sees no Secret
 // Service and falls back to the file inside the test's private home.
-#include "platform/secret_store.h"
+#include "platform/secrets/secret_store.h"
 #include "session/session_file_store.h"
 
 namespace vell::service::testing {

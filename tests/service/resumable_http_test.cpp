@@ -1,5 +1,5 @@
 // The resumable upload against the reference service, with faults injected on the wire.
-#include "platform/runtime.h"
+#include "base/runtime.h"
 #include "service/resumable_upload.h"
 #include "tests/service/http_fixture.h"
 

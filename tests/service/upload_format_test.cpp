@@ -5,8 +5,8 @@
 #include <filesystem>
 #include <fstream>
 
-#include "platform/files.h"
-#include "platform/plist_cookies.h"
+#include "base/files.h"
+#include "platform/http/plist_cookies.h"
 #include "service/multipart_builder.h"
 #include "service/resumable_upload.h"
 #include "tests/support/temp_home.h"

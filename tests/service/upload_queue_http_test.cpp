@@ -1,10 +1,10 @@
 // The upload queue driving real uploads: a worker thread per upload, completion on the
 // main executor.
-#include "platform/manual_executor.h"
-#include "platform/runtime.h"
+#include "base/manual_executor.h"
+#include "base/runtime.h"
 #include "service/upload_queue.h"
-#include "tests/support/memory_pending_store.h"
 #include "tests/service/http_fixture.h"
+#include "tests/support/memory_pending_store.h"
 
 namespace vell::service::testing {
 namespace {

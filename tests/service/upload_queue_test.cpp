@@ -5,8 +5,8 @@
 #include <deque>
 #include <fstream>
 
-#include "platform/manual_executor.h"
-#include "platform/runtime.h"
+#include "base/manual_executor.h"
+#include "base/runtime.h"
 #include "service/upload_candidates.h"
 #include "service/upload_queue.h"
 #include "tests/support/memory_pending_store.h"

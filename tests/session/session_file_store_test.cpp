@@ -9,9 +9,9 @@
 #include <map>
 #include <mutex>
 
-#include "platform/files.h"
-#include "platform/log.h"
-#include "platform/secret_store.h"
+#include "base/files.h"
+#include "base/log.h"
+#include "platform/secrets/secret_store.h"
 #include "session/session_file_store.h"
 #include "tests/support/temp_home.h"
 

@@ -16,7 +16,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "platform/http_session.h"
+#include "platform/http/curl_session.h"
 #include "tests/support/temp_home.h"
 
 namespace vell::test {
@@ -124,7 +124,7 @@ long DevServer::peakRssKiB() const {
 
 nlohmann::json DevServer::admin(const std::string& method, const std::string& path,
                                 const std::optional<nlohmann::json>& body) const {
-    static http::Session session;
+    static http::CurlSession session;
     http::Request request;
     request.method = method;
     request.url = url_ + (path.front() == '/' ? path.substr(1) : path);

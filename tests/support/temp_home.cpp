@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <stdexcept>
 
-#include "platform/user_defaults.h"
+#include "base/user_defaults.h"
 
 namespace vell::test {
 

@@ -1,0 +1,42 @@
+// The Linux bindings behind the core's ports: PulseAudio with the ALSA fallback for capture,
+// FFmpeg for files and conversion, WebRTC for voice detection, libcurl and libplist for the
+// service, libsecret for session storage. Nothing else in the core names them.
+#include <mutex>
+
+#include "app/composition.h"
+#include "audio/mic_capture.h"
+#include "audio/microphone_settings.h"
+#include "platform/alsa/alsa_mic_engine.h"
+#include "platform/codec/aac_writer.h"
+#include "platform/codec/resampler.h"
+#include "platform/http/curl_session.h"
+#include "platform/http/http_user_agent.h"
+#include "platform/http/plist_cookies.h"
+#include "platform/pulse/pulse_input_devices.h"
+#include "platform/pulse/pulse_mic_engine.h"
+#include "platform/secrets/secret_store.h"
+#include "platform/vad/webrtc_vad.h"
+
+namespace vell::app {
+
+void installPlatformBindings() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        media::setDefaultAacWriterFactory(&media::openAacWriter);
+        media::Resampler::setFactory(&media::openSwrResampler);
+        media::VoiceActivityDetector::setFactory(&media::openWebRtcVad);
+        audio::MicCapture::setDefaultEngines([] { return platform::makePulseMicEngine(); },
+                                             [] { return platform::makeAlsaMicEngine(); });
+        audio::MicrophoneSettings::setDefaultDeviceProvider([] { return platform::makePulseInputDevices(); });
+        secret::setSystemStore([]() -> secret::Store& { return secret::libsecretStore(); });
+        http::install({
+            .makeSession = [] { return std::unique_ptr<http::Session>(std::make_unique<http::CurlSession>()); },
+            .hostOf = [](const std::string& url) { return http::hostOf(url); },
+            .userAgent = [] { return http::userAgent(); },
+            .encodeCookies = [](const std::vector<http::Cookie>& cookies) { return plist::encodeCookies(cookies); },
+            .decodeCookies = [](const std::string& bytes) { return plist::decodeCookies(bytes); },
+        });
+    });
+}
+
+}  // namespace vell::app

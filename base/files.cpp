@@ -1,0 +1,130 @@
+#include "base/files.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <random>
+
+namespace vell::files {
+
+namespace fs = std::filesystem;
+
+namespace {
+std::error_code lastError() { return {errno, std::generic_category()}; }
+
+bool writeAll(int fd, std::string_view data) {
+    const char* p = data.data();
+    size_t left = data.size();
+    while (left > 0) {
+        ssize_t n = ::write(fd, p, left);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        p += n;
+        left -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+void syncDirectory(const fs::path& dir) {
+    int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd >= 0) {
+        ::fsync(fd);
+        ::close(fd);
+    }
+}
+}  // namespace
+
+bool writeAtomically(const fs::path& path, std::string_view data, std::error_code& error) {
+    error.clear();
+    fs::path dir = path.parent_path().empty() ? fs::path(".") : path.parent_path();
+    std::random_device rd;
+    fs::path tmp = dir / ("." + path.filename().string() + ".tmp-" + std::to_string(::getpid()) + "-" + std::to_string(rd()));
+    int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        error = lastError();
+        return false;
+    }
+    bool ok = writeAll(fd, data) && ::fsync(fd) == 0;
+    if (!ok) error = lastError();
+    if (::close(fd) != 0 && ok) {
+        ok = false;
+        error = lastError();
+    }
+    if (ok && ::rename(tmp.c_str(), path.c_str()) != 0) {
+        ok = false;
+        error = lastError();
+    }
+    if (!ok) {
+        ::unlink(tmp.c_str());
+        return false;
+    }
+    syncDirectory(dir);
+    return true;
+}
+
+std::optional<std::string> read(const fs::path& path, std::error_code& error) {
+    error.clear();
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        error = lastError();
+        return std::nullopt;
+    }
+    std::string out;
+    char buffer[65536];
+    for (;;) {
+        ssize_t n = ::read(fd, buffer, sizeof buffer);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            error = lastError();
+            ::close(fd);
+            return std::nullopt;
+        }
+        if (n == 0) break;
+        out.append(buffer, static_cast<size_t>(n));
+    }
+    ::close(fd);
+    return out;
+}
+
+std::string fileURL(const fs::path& path) {
+    static const char* hex = "0123456789ABCDEF";
+    std::string out = "file://";
+    for (unsigned char c : path.string()) {
+        bool plain = std::isalnum(c) || c == '/' || c == '-' || c == '_' || c == '.' || c == '~';
+        if (plain) {
+            out += static_cast<char>(c);
+        } else {
+            out += '%';
+            out += hex[c >> 4];
+            out += hex[c & 15];
+        }
+    }
+    return out;
+}
+
+std::optional<fs::path> pathFromFileURL(std::string_view url) {
+    constexpr std::string_view scheme = "file://";
+    if (url.substr(0, scheme.size()) != scheme) return std::nullopt;
+    std::string_view rest = url.substr(scheme.size());
+    // "file://localhost/..." names the local host too.
+    if (rest.substr(0, 9) == "localhost") rest.remove_prefix(9);
+    if (rest.empty() || rest.front() != '/') return std::nullopt;
+    std::string out;
+    for (size_t i = 0; i < rest.size(); ++i) {
+        if (rest[i] == '%' && i + 2 < rest.size() && std::isxdigit(static_cast<unsigned char>(rest[i + 1])) &&
+            std::isxdigit(static_cast<unsigned char>(rest[i + 2]))) {
+            out += static_cast<char>(std::stoi(std::string(rest.substr(i + 1, 2)), nullptr, 16));
+            i += 2;
+        } else {
+            out += rest[i];
+        }
+    }
+    return fs::path(out);
+}
+
+}  // namespace vell::files

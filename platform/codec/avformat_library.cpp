@@ -1,0 +1,51 @@
+#include "platform/codec/avformat_library.h"
+
+#include <dlfcn.h>
+
+namespace vell::media {
+
+namespace {
+
+template <class Fn>
+bool resolve(void* handle, const char* name, Fn& slot, std::string& missing) {
+    slot = reinterpret_cast<Fn>(::dlsym(handle, name));
+    if (!slot && missing.empty()) missing = name;
+    return slot != nullptr;
+}
+
+}  // namespace
+
+Expected<AvformatLibrary, std::string> loadAvformatLibrary(const std::string& soname) {
+    // RTLD_LOCAL keeps its symbols out of the global scope; the FFmpeg libraries we link
+    // (libavcodec, libavutil) are found already loaded, so there is one copy of each.
+    void* handle = ::dlopen(soname.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (!handle) {
+        const char* why = ::dlerror();
+        return unexpected("cannot load " + soname + (why ? std::string(" (") + why + ")" : std::string()));
+    }
+    AvformatLibrary lib;
+    std::string missing;
+    resolve(handle, "avformat_alloc_output_context2", lib.allocOutputContext, missing);
+    resolve(handle, "avformat_new_stream", lib.newStream, missing);
+    resolve(handle, "avio_open", lib.ioOpen, missing);
+    resolve(handle, "avformat_write_header", lib.writeHeader, missing);
+    resolve(handle, "av_write_frame", lib.writeFrame, missing);
+    resolve(handle, "av_write_trailer", lib.writeTrailer, missing);
+    resolve(handle, "avio_flush", lib.ioFlush, missing);
+    resolve(handle, "avio_closep", lib.ioClose, missing);
+    resolve(handle, "avformat_free_context", lib.freeContext, missing);
+    if (!missing.empty()) {
+        ::dlclose(handle);
+        return unexpected(soname + " has no " + missing);
+    }
+    // Never unloaded: contexts made through it may outlive any one caller.
+    return lib;
+}
+
+Expected<const AvformatLibrary*, std::string> avformatLibrary() {
+    static const Expected<AvformatLibrary, std::string> loaded = loadAvformatLibrary(kAvformatSoname);
+    if (!loaded) return unexpected(loaded.error());
+    return &*loaded;
+}
+
+}  // namespace vell::media

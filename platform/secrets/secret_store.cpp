@@ -1,0 +1,98 @@
+#include "platform/secrets/secret_store.h"
+
+#include <libsecret/secret.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+namespace vell::secret {
+
+namespace {
+
+const SecretSchema* schema() {
+    static const SecretSchema s = {
+        kServiceName,
+        SECRET_SCHEMA_NONE,
+        {
+            {"service", SECRET_SCHEMA_ATTRIBUTE_STRING},
+            {"account", SECRET_SCHEMA_ATTRIBUTE_STRING},
+            {nullptr, SECRET_SCHEMA_ATTRIBUTE_STRING},
+        },
+    };
+    return &s;
+}
+
+Error take(GError* error) {
+    Error e{error ? error->code : -1, error ? error->message : "unknown Secret Service failure"};
+    if (error) g_error_free(error);
+    return e;
+}
+
+// Without a session bus libsecret would try to autolaunch one; there is nothing to find.
+bool sessionBusConfigured() {
+    if (const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS"); address && *address) return true;
+    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+    std::error_code ec;
+    return runtime && *runtime && std::filesystem::exists(std::filesystem::path(runtime) / "bus", ec);
+}
+
+class LibsecretStore final : public Store {
+public:
+    bool reachable() override {
+        if (!sessionBusConfigured()) return false;
+        GError* error = nullptr;
+        SecretService* service = secret_service_get_sync(SECRET_SERVICE_NONE, nullptr, &error);
+        if (!service) {
+            if (error) g_error_free(error);
+            return false;
+        }
+        SecretCollection* collection =
+            secret_collection_for_alias_sync(service, SECRET_COLLECTION_DEFAULT, SECRET_COLLECTION_NONE, nullptr, &error);
+        if (error) g_error_free(error);
+        bool found = collection != nullptr;
+        if (collection) g_object_unref(collection);
+        g_object_unref(service);
+        return found;
+    }
+
+    Expected<std::optional<std::string>, Error> lookup(const std::string& account) override {
+        GError* error = nullptr;
+        SecretValue* value = secret_password_lookup_binary_sync(schema(), nullptr, &error, "service", kServiceName,
+                                                                "account", account.c_str(), nullptr);
+        if (error) return unexpected(take(error));
+        if (!value) return std::optional<std::string>{};
+        gsize length = 0;
+        const gchar* bytes = secret_value_get(value, &length);
+        std::string out(bytes ? bytes : "", bytes ? length : 0);
+        secret_value_unref(value);
+        return std::optional<std::string>{std::move(out)};
+    }
+
+    Expected<Unit, Error> store(const std::string& account, const std::string& bytes) override {
+        GError* error = nullptr;
+        SecretValue* value = secret_value_new(bytes.data(), static_cast<gssize>(bytes.size()), "application/octet-stream");
+        std::string label = std::string("Vell session (") + account + ")";
+        gboolean ok = secret_password_store_binary_sync(schema(), SECRET_COLLECTION_DEFAULT, label.c_str(), value,
+                                                        nullptr, &error, "service", kServiceName, "account",
+                                                        account.c_str(), nullptr);
+        secret_value_unref(value);
+        if (!ok || error) return unexpected(take(error));
+        return Unit{};
+    }
+
+    Expected<Unit, Error> clear(const std::string& account) override {
+        GError* error = nullptr;
+        secret_password_clear_sync(schema(), nullptr, &error, "service", kServiceName, "account", account.c_str(), nullptr);
+        if (error) return unexpected(take(error));
+        return Unit{};
+    }
+};
+
+}  // namespace
+
+Store& libsecretStore() {
+    static LibsecretStore store;
+    return store;
+}
+
+}  // namespace vell::secret
