@@ -99,7 +99,9 @@ Host& host() {
         ports.sleep = dbus::LogindSleepEvents::connect();
         ports.loginItem = std::make_shared<XdgAutostartLoginItem>(paths::autostartEntry(),
                                                                   autostartCommand());
-        return new Host(core(), std::move(ports), HostServices{}, UserDefaults::standard(), runtime::main());
+        HostServices services;
+        // Each long-lived service joins the launch sequence here, at its place.
+        return new Host(core(), std::move(ports), std::move(services), UserDefaults::standard(), runtime::main());
     }();
     return *made;
 }

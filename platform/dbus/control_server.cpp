@@ -11,6 +11,7 @@
 #include "app/input_levels.h"
 #include "base/log.h"
 #include "base/runtime.h"
+#include "platform/dbus/control_context.h"
 #include "platform/dbus/control_protocol.h"
 #include "recording/pending_recording_coding.h"
 #include "recording/recorder_service.h"
@@ -48,18 +49,32 @@ std::string pendingJson(const std::vector<recording::PendingRecording>& list) {
 
 }  // namespace
 
+void ControlContext::announce(const std::vector<std::string>& names) {
+    try {
+        object.emitPropertiesChangedSignal(kControlInterface, names);
+    } catch (const sdbus::Error& e) {
+        kLog.error(std::string("could not announce a change: ") + e.what());
+    }
+}
+
+namespace {
+// The features' parts of the interface, each in its own file.
+const ControlExtension kExtensions[] = {
+    nullptr,
+};
+}  // namespace
+
 struct ControlServer::Impl {
     app::Host& host;
     std::unique_ptr<sdbus::IConnection> connection;
     std::unique_ptr<sdbus::IObject> object;
+    std::unique_ptr<ControlContext> context;
     std::unique_ptr<BusLoop> loop;
     mutable std::mutex lock;
     Snapshot snapshot;
     std::vector<Subscription> watches;
-    TimerHandle levelTimer;
     // Upload calls under way, told of each attempt of the pass they wait for.
     std::vector<std::shared_ptr<Json>> uploadCollectors;
-    std::shared_ptr<int> alive = std::make_shared<int>(0);
 
     explicit Impl(app::Host& h) : host(h) {}
 
@@ -74,22 +89,11 @@ struct ControlServer::Impl {
             std::lock_guard guard(lock);
             change(snapshot);
         }
-        try {
-            object->emitPropertiesChangedSignal(kControlInterface, names);
-        } catch (const sdbus::Error& e) {
-            kLog.error(std::string("could not announce a change: ") + e.what());
-        }
+        context->announce(names);
     }
-
-    // Runs work on the main executor with a way to answer the call.
     template <class... Results, class Work>
     void onMain(sdbus::Result<Results...>&& result, Work work) {
-        auto shared = std::make_shared<sdbus::Result<Results...>>(std::move(result));
-        std::weak_ptr<int> weak = alive;
-        runtime::main().post([weak, shared, work = std::move(work)] {
-            if (weak.expired()) return shared->returnError(sdbus::Error(errors::kFailed, "Vell is quitting."));
-            work(shared);
-        });
+        context->onMain(std::move(result), std::move(work));
     }
 
     void registerInterface();
@@ -288,6 +292,9 @@ void ControlServer::Impl::registerInterface() {
             host.quit({});
         });
     });
+    for (auto extension : kExtensions) {
+        if (extension) extension(*context);
+    }
     object->finishRegistration();
 }
 
@@ -297,6 +304,7 @@ Expected<std::unique_ptr<ControlServer>, std::string> ControlServer::start(app::
         impl->connection = sdbus::createSessionBusConnection();
         impl->connection->requestName(kControlName);
         impl->object = sdbus::createObject(*impl->connection, kControlPath);
+        impl->context = std::make_unique<ControlContext>(*impl->object, host);
         impl->registerInterface();
         impl->watchHost();
         impl->loop = std::make_unique<BusLoop>(*impl->connection, "the control interface");
@@ -311,6 +319,10 @@ ControlServer::ControlServer(std::unique_ptr<Impl> impl) : impl_(std::move(impl)
 
 ControlServer::~ControlServer() {
     impl_->watches.clear();
+    if (impl_->context) {
+        impl_->context->watches.clear();
+        impl_->context->close();
+    }
     impl_->loop.reset();
     if (impl_->connection) {
         try {
