@@ -35,6 +35,15 @@ inline constexpr Text kStatus{"Show what Vell is doing: sign-in, recording, elap
                               "Muestra qué está haciendo Vell: sesión, grabación, tiempo y niveles"};
 inline constexpr Text kJson{"Print JSON", "Imprime JSON"};
 inline constexpr Text kWatch{"Keep printing every second until Ctrl-C", "Sigue imprimiendo cada segundo hasta Ctrl-C"};
+inline constexpr Text kHelpCommand{"Show the help of vell or of one command", "Muestra la ayuda de vell o de un comando"};
+inline constexpr Text kHelpCommandName{"The command", "El comando"};
+inline constexpr Text kExitCodes{
+    "Exit status: 0 success, 1 failure, 2 wrong usage, 3 signed out, 4 another Vell owns the data folder.",
+    "Código de salida: 0 éxito, 1 falla, 2 uso incorrecto, 3 sin sesión, 4 otro Vell usa la carpeta de datos."};
+// Followed by the word that is not a command.
+inline constexpr Text kUnknownCommand{"not a vell command: ", "no es un comando de vell: "};
+inline constexpr Text kSeeHelp{"Run \"vell --help\" to see the commands.", "Ejecutá \"vell --help\" para ver los comandos."};
+inline constexpr Text kRunWithHelp{"Run with --help for more information.", "Ejecutá con --help para más información."};
 
 // Headings and markers of the help layout.
 inline constexpr Text kUsage{"Usage", "Uso"};

@@ -52,6 +52,55 @@ void localizeHelpLayout(CLI::App& app) {
     app.set_help_flag("-h,--help", help::kHelp.str());
 }
 
+// CLI11's own sentences in the interface language: the ones a user meets.
+std::string localizedParseError(const std::string& what) {
+    using vell::localized;
+    static const std::pair<std::string_view, std::string_view> kPhrases[] = {
+        {"The following arguments were not expected: ", "No se esperaban estos argumentos: "},
+        {"The following argument was not expected: ", "No se esperaba este argumento: "},
+        {"A subcommand is required", "Falta el comando"},
+        {" is required", " es obligatorio"},
+        {"Could not convert: ", "No se pudo convertir: "},
+        {" not in range ", " fuera del rango "},
+        {" to ", " a "},
+        {"Value ", "El valor "},
+        {"argument was not expected: ", "no se esperaba el argumento: "},
+        {" requires ", " requiere "},
+        {" arguments", " argumentos"},
+        {" is not a valid value", " no es un valor válido"},
+        {"not in {", "no está en {"},
+    };
+    if (vell::interfaceLanguage() != vell::Language::Spanish) return what;
+    std::string out = what;
+    for (const auto& [en, es] : kPhrases) {
+        for (std::size_t at = out.find(en); at != std::string::npos; at = out.find(en, at + es.size())) {
+            out.replace(at, en.size(), es);
+        }
+    }
+    return out;
+}
+
+// The first word that is not an option (nor the value of --lang): the command.
+std::string_view commandWord(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        std::string_view arg = argv[i];
+        if (arg == "--lang") {
+            ++i;
+            continue;
+        }
+        if (arg.empty() || arg.front() == '-') continue;
+        return arg;
+    }
+    return {};
+}
+
+CLI::App* findCommand(CLI::App& app, std::string_view name) {
+    for (auto* sub : app.get_subcommands({})) {
+        if (sub->get_name() == name) return sub;
+    }
+    return nullptr;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -63,6 +112,12 @@ int main(int argc, char** argv) {
     app.set_version_flag("--version", std::string("vell ") + VELL_VERSION + " (" + VELL_BUILD_NUMBER + ")",
                          cli::help::kVersion.str());
     app.require_subcommand(1);
+    // Global options may come after the command too (vell pending --lang es).
+    app.fallthrough();
+    app.footer(cli::help::kExitCodes.str());
+    app.failure_message([](const CLI::App*, const CLI::Error& e) {
+        return "vell: " + localizedParseError(e.what()) + "\n" + cli::help::kRunWithHelp.str() + "\n";
+    });
 
     cli::Context context;
     app.add_flag("-v,--verbose", context.verbosity, cli::help::kVerbose.str());
@@ -74,6 +129,28 @@ int main(int argc, char** argv) {
     auto& commands = cli::registry();
     std::stable_sort(commands.begin(), commands.end(), [](auto& a, auto& b) { return a.first < b.first; });
     for (auto& [order, setup] : commands) setup(app, context);
+    // vell help [COMMAND]
+    auto* help = app.add_subcommand("help", cli::help::kHelpCommand.str());
+    auto helpTopic = std::make_shared<std::string>();
+    help->add_option("command", *helpTopic, cli::help::kHelpCommandName.str());
+    help->callback([&app, helpTopic] {
+        if (helpTopic->empty()) {
+            std::cout << app.help();
+            return;
+        }
+        if (auto* sub = findCommand(app, *helpTopic)) {
+            std::cout << sub->help();
+            return;
+        }
+        std::cerr << "vell: " << cli::help::kUnknownCommand.str() << *helpTopic << "\n" << cli::help::kSeeHelp.str() << "\n";
+        throw CLI::RuntimeError(cli::kExitUsage);
+    });
+
+    // A word that is no command gets its own sentence, not "a subcommand is required".
+    if (auto word = commandWord(argc, argv); !word.empty() && !findCommand(app, word)) {
+        std::cerr << "vell: " << cli::help::kUnknownCommand.str() << word << "\n" << cli::help::kSeeHelp.str() << "\n";
+        return cli::kExitUsage;
+    }
     for (auto* sub : app.get_subcommands({})) {
         sub->group(cli::help::kSubcommands.str());
         if (auto* helpFlag = sub->get_help_ptr()) helpFlag->group(cli::help::kOptions.str());
@@ -90,6 +167,8 @@ int main(int argc, char** argv) {
 
     try {
         app.parse(argc, argv);
+    } catch (const CLI::RuntimeError& e) {
+        return e.get_exit_code();
     } catch (const CLI::ParseError& e) {
         // Help and version end with 0; every refused command line is a usage error.
         const int code = app.exit(e);

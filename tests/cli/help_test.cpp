@@ -35,5 +35,28 @@ TEST(HelpScreens, SpanishFromTheFlagOrTheEnvironmentEnglishOtherwise) {
     EXPECT_NE(english.output.find("Account email"), std::string::npos);
 }
 
+TEST(CommandLine, WrongUsageIsExitTwoWithASentenceInTheInterfaceLanguage) {
+    const std::string en = "LANGUAGE= LC_ALL= LC_MESSAGES= LANG=C", es = "LANGUAGE= LC_ALL= LC_MESSAGES= LANG=es_AR.UTF-8";
+    auto bogus = help(en, "bogus");
+    EXPECT_EQ(bogus.status, 2);
+    EXPECT_NE(bogus.output.find("not a vell command: bogus"), std::string::npos) << bogus.output;
+    EXPECT_EQ(bogus.output.find("subcommand is required"), std::string::npos) << bogus.output;
+    auto extra = help(es, "pending extra");
+    EXPECT_EQ(extra.status, 2);
+    EXPECT_NE(extra.output.find("No se esperaba"), std::string::npos) << extra.output;
+    EXPECT_NE(extra.output.find("Ejecutá con --help"), std::string::npos) << extra.output;
+    EXPECT_EQ(extra.output.find("Run with --help"), std::string::npos) << extra.output;
+
+    // vell help [COMMAND], and global options after the command.
+    auto topic = help(en, "help record");
+    EXPECT_EQ(topic.status, 0);
+    EXPECT_NE(topic.output.find("--seconds"), std::string::npos) << topic.output;
+    EXPECT_EQ(help(en, "help nope").status, 2);
+    auto top = help(en, "help");
+    EXPECT_NE(top.output.find("Exit status: 0 success, 1 failure, 2 wrong usage, 3 signed out"), std::string::npos)
+        << top.output;
+    EXPECT_EQ(help(en, "status --lang es --json").status, 0);
+}
+
 }  // namespace
 }  // namespace vell
