@@ -7,7 +7,7 @@ namespace vell::audio::messages {
 inline constexpr Text kSystemDefault{"System default", "Predeterminado del sistema"};
 // Followed by the current default device's name and ")".
 inline constexpr Text kSystemDefaultWithName{"System default (", "Predeterminado del sistema ("};
-inline constexpr Text kBuiltInMicrophone{"Mac microphone", "Micrófono de la Mac"};
+inline constexpr Text kBuiltInMicrophone{"Built-in microphone", "Micrófono integrado"};
 inline constexpr Text kDisconnectedMicrophone{"Disconnected microphone", "Micrófono desconectado"};
 inline constexpr Text kBluetoothNote{"Bluetooth mics switch headphones to call quality",
                                      "Los micrófonos Bluetooth bajan la calidad de los auriculares"};

@@ -11,7 +11,7 @@ namespace vell::audio {
 class CoreAudioError : public std::runtime_error {
 public:
     CoreAudioError(int32_t status, std::string operation)
-        : std::runtime_error("Core Audio error " + std::to_string(status) + " (" + operation + ")"),
+        : std::runtime_error("Audio error " + std::to_string(status) + " (" + operation + ")"),
           status_(status),
           operation_(std::move(operation)) {}
     int32_t status() const { return status_; }
@@ -37,7 +37,7 @@ public:
 
 private:
     explicit MicCaptureError(int32_t status)
-        : std::runtime_error("Microphone selection failed (Core Audio " + std::to_string(status) + ")"), status_(status) {}
+        : std::runtime_error("Microphone selection failed (audio error " + std::to_string(status) + ")"), status_(status) {}
     int32_t status_;
 };
 

@@ -104,7 +104,7 @@ TEST(MicCaptureTest, WhenBothRefuseTheFallbacksErrorIsThrownAndNothingStaysOpen)
         FAIL() << "start succeeded";
     } catch (const MicCaptureError& e) {
         EXPECT_EQ(e.status(), -50);
-        EXPECT_STREQ(e.what(), "Microphone selection failed (Core Audio -50)");
+        EXPECT_STREQ(e.what(), "Microphone selection failed (audio error -50)");
     }
     EXPECT_FALSE(capture.isRunning());
     EXPECT_EQ(primary.live + fallback.live, 0);
@@ -121,7 +121,7 @@ TEST(MicCaptureTest, WithoutAFallbackThePrimarysErrorIsThrown) {
         FAIL() << "start succeeded";
     } catch (const CoreAudioError& e) {
         EXPECT_EQ(e.operation(), "p_start");
-        EXPECT_STREQ(e.what(), "Core Audio error -10 (p_start)");
+        EXPECT_STREQ(e.what(), "Audio error -10 (p_start)");
     }
     EXPECT_FALSE(capture.isRunning());
     EXPECT_EQ(primary.live, 0);

@@ -80,8 +80,8 @@ TEST(MicrophoneSelectionTest, LabelsInBothLanguages) {
     const std::vector<Case> cases = {
         {Sel::systemDefault(), all, def, "System default (WH-1000XM4)", "Predeterminado del sistema (WH-1000XM4)"},
         {Sel::systemDefault(), all, std::nullopt, "System default", "Predeterminado del sistema"},
-        {Sel::builtIn(), all, def, "Mac microphone", "Micrófono de la Mac"},
-        {Sel::builtIn(), {}, def, "Mac microphone", "Micrófono de la Mac"},
+        {Sel::builtIn(), all, def, "Built-in microphone", "Micrófono integrado"},
+        {Sel::builtIn(), {}, def, "Built-in microphone", "Micrófono integrado"},
         {Sel::device(kUSB.uid), all, def, "RØDE NT-USB", "RØDE NT-USB"},
         {Sel::device(kUSB.uid), {kInternal}, def, "Disconnected microphone", "Micrófono desconectado"},
         {Sel::device(""), all, def, "Disconnected microphone", "Micrófono desconectado"},

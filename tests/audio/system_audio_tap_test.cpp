@@ -111,7 +111,7 @@ TEST(SystemAudioTapTest, AFailedStartNamesTheCallAndLeavesNothingBehind) {
     } catch (const CoreAudioError& e) {
         EXPECT_EQ(e.operation(), "pa_context_connect");
         EXPECT_NE(e.status(), 0);
-        EXPECT_EQ(std::string(e.what()), "Core Audio error " + std::to_string(e.status()) + " (pa_context_connect)");
+        EXPECT_EQ(std::string(e.what()), "Audio error " + std::to_string(e.status()) + " (pa_context_connect)");
     }
     EXPECT_FALSE(tap.isRunning());
     EXPECT_TRUE(tap.monitorName().empty());

@@ -149,9 +149,9 @@ TEST_F(RecorderTest, FailedStartsLeaveNoRecordAndSayWhy) {
     std::vector<Case> cases = {
         {[&] { rig.mic->failNext = [] { throw audio::MicrophonePermissionError(); }; }, "Microphone permission is missing."},
         {[&] { rig.mic->failNext = [] { throw audio::MicCaptureError::deviceRejected(-10851); }; },
-         "Microphone selection failed (Core Audio -10851)"},
+         "Microphone selection failed (audio error -10851)"},
         {[&] { rig.mic->failNext = [] { throw audio::CoreAudioError(-3, "pa_context_connect"); }; },
-         "Core Audio error -3 (pa_context_connect)"},
+         "Audio error -3 (pa_context_connect)"},
         {[&] { rig.mixerFailsOpen = true; }, "Could not start the audio mixer."},
     };
     for (auto& c : cases) {
@@ -187,7 +187,7 @@ TEST_F(RecorderTest, SystemAudioThatCannotStartLeavesAMicrophoneOnlyRecording) {
     ASSERT_TRUE(startAndWait());
     EXPECT_TRUE(r.state.isRecording.get());
     EXPECT_FALSE(rig.probe().systemEnabled);
-    EXPECT_TRUE(logged("recording the microphone only: Core Audio error -1 (pa_stream_connect_record)"));
+    EXPECT_TRUE(logged("recording the microphone only: Audio error -1 (pa_stream_connect_record)"));
     r.stop();
     EXPECT_EQ(rig.system->stops, 0);
 }
@@ -365,7 +365,7 @@ TEST_F(RecorderTest, MicrophoneIsReopenedOnDeviceChangeAndAFailedReopenIsReporte
     rig.mic->failNext = [] { throw audio::CoreAudioError(-7, "pa_stream_connect_record"); };
     rig.mic->onDeviceChange();
     ASSERT_TRUE(exec.runUntil([&] { return r.state.lastError.get().has_value(); }));
-    EXPECT_EQ(r.state.lastError.get(), "No se pudo reabrir el micrófono: Core Audio error -7 (pa_stream_connect_record)");
+    EXPECT_EQ(r.state.lastError.get(), "No se pudo reabrir el micrófono: Audio error -7 (pa_stream_connect_record)");
     EXPECT_TRUE(r.state.isRecording.get());  // a failed reopen does not stop by itself
     EXPECT_TRUE(logged("startMic(mixer:restart:)"));
 
