@@ -127,4 +127,27 @@ std::optional<fs::path> pathFromFileURL(std::string_view url) {
     return fs::path(out);
 }
 
+int narrowToOwner(const fs::path& root) {
+    int changed = 0;
+    auto narrow = [&changed](const fs::path& path, const fs::file_status& status) {
+        const auto wanted = fs::is_directory(status) ? fs::perms::owner_all : fs::perms::owner_read | fs::perms::owner_write;
+        const auto open = status.permissions() & (fs::perms::group_all | fs::perms::others_all);
+        if (open == fs::perms::none) return;
+        std::error_code ec;
+        fs::permissions(path, wanted, fs::perm_options::replace, ec);
+        if (!ec) ++changed;
+    };
+    std::error_code ec;
+    auto rootStatus = fs::symlink_status(root, ec);
+    if (ec || !fs::is_directory(rootStatus)) return 0;
+    narrow(root, rootStatus);
+    for (fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied, ec), end; !ec && it != end;
+         it.increment(ec)) {
+        auto status = it->symlink_status(ec);
+        if (ec || fs::is_symlink(status)) continue;
+        narrow(it->path(), status);
+    }
+    return changed;
+}
+
 }  // namespace vell::files

@@ -21,4 +21,9 @@ std::string fileURL(const std::filesystem::path& path);
 // The path of a "file://" URL; nothing when the text is not a local file URL.
 std::optional<std::filesystem::path> pathFromFileURL(std::string_view url);
 
+// Recordings and everything about them are the user's alone: folders 0700, files 0600.
+// Narrows whatever below root is open to others (symbolic links are left alone) and
+// returns how many entries it changed.
+int narrowToOwner(const std::filesystem::path& root);
+
 }  // namespace vell::files

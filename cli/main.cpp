@@ -1,4 +1,6 @@
 // vell: the command-line front end and headless agent.
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <iostream>
 #include <string_view>
@@ -104,6 +106,9 @@ CLI::App* findCommand(CLI::App& app, std::string_view name) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Everything Vell creates (recordings, the pending list, receipts, the insurance buffer,
+    // the session) is for this user alone.
+    ::umask(077);
     vell::app::installPlatformBindings();
     using namespace vell;
     applyLanguageFlag(argc, argv);

@@ -3,6 +3,8 @@
 #include <iostream>
 
 #include "app/composition.h"
+#include "base/files.h"
+#include "base/log.h"
 #include "base/paths.h"
 #include "base/runtime.h"
 
@@ -18,6 +20,10 @@ std::unique_ptr<RuntimeScope> RuntimeScope::enter(Context& context, Options opti
             return nullptr;
         }
         scope->lock_ = *lock;
+        // Older versions created recordings readable by everyone on this computer.
+        if (int narrowed = files::narrowToOwner(paths::vellDataDirectory()); narrowed > 0) {
+            log::Logger("App").info("made " + std::to_string(narrowed) + " files and folders private to their owner");
+        }
     }
     runtime::install(&scope->executor_, &scope->clock_);
     app::installComposition();

@@ -80,5 +80,18 @@ TEST_F(PendingCommand, EmptyListAndABusyDataFolder) {
     EXPECT_NE(busy.output.find("Another Vell is already running"), std::string::npos) << busy.output;
 }
 
+TEST_F(PendingCommand, RecordingsOpenToOthersAreMadePrivateAtStart) {
+    writeAudio("vell_rec_OLD.aac", std::string(100, 'a'));
+    fs::permissions(recordings(), fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
+                                      fs::perms::others_read | fs::perms::others_exec);
+    fs::permissions(recordings() / "vell_rec_OLD.aac", fs::perms::owner_read | fs::perms::owner_write |
+                                                           fs::perms::group_read | fs::perms::others_read);
+    ASSERT_EQ(vell("pending").status, 0);
+    const auto mode = [](const fs::path& p) { return fs::status(p).permissions() & fs::perms::all; };
+    EXPECT_EQ(mode(recordings()), fs::perms::owner_all);
+    EXPECT_EQ(mode(recordings() / "vell_rec_OLD.aac"), fs::perms::owner_read | fs::perms::owner_write);
+    EXPECT_EQ(mode(recordings() / "manifest.json"), fs::perms::owner_read | fs::perms::owner_write);
+}
+
 }  // namespace
 }  // namespace vell

@@ -305,6 +305,8 @@ protected:
 TEST_F(RecordAndUpload, EveryRecordingOfTheSignedInAccountReachesTheService) {
     ASSERT_EQ(vellRun("login --email a@vell.test", "pw-a").status, 0);
     const auto first = recordOne();
+    // Created private, not only narrowed by the next start.
+    EXPECT_EQ(fs::status(recordings() / first).permissions() & fs::perms::all, fs::perms::owner_read | fs::perms::owner_write);
     auto upload = vellRun("upload");
     EXPECT_EQ(upload.status, 0) << upload.output;
     const auto second = recordOne();
@@ -320,6 +322,13 @@ TEST_F(RecordAndUpload, EveryRecordingOfTheSignedInAccountReachesTheService) {
         EXPECT_EQ(entry["status"], "uploaded");
         EXPECT_TRUE(entry.contains("accountID")) << entry.dump();
     }
+    // Nobody else on this computer can read them, nor what is known about them.
+    const auto mode = [](const fs::path& p) { return fs::status(p).permissions() & fs::perms::all; };
+    for (const auto& file : {recordings() / first, recordings() / "manifest.json", home.dataHome() / "Vell" / "upload-receipts.json"}) {
+        EXPECT_EQ(mode(file), fs::perms::owner_read | fs::perms::owner_write) << file;
+    }
+    EXPECT_EQ(mode(recordings()), fs::perms::owner_all);
+    EXPECT_EQ(mode(home.dataHome() / "Vell"), fs::perms::owner_all);
 }
 
 TEST_F(RecordAndUpload, WhatACrashLeftBehindIsUploadedByTheNextUpload) {
