@@ -1,6 +1,7 @@
 // vell pending [--json]: the pending list, after the recorder's start-up recovery.
 #include <fmt/format.h>
 
+#include <cmath>
 #include <ctime>
 #include <iostream>
 #include <nlohmann/json.hpp>
@@ -24,8 +25,29 @@ std::string humanSize(const std::filesystem::path& file) {
     auto bytes = std::filesystem::file_size(file, ec);
     if (ec) return msg::kMissingFile.str();
     if (bytes < 1024) return fmt::format("{} B", bytes);
-    if (bytes < 1024 * 1024) return fmt::format("{:.1f} KB", static_cast<double>(bytes) / 1024);
-    return fmt::format("{:.1f} MB", static_cast<double>(bytes) / (1024 * 1024));
+    if (bytes < 1024 * 1024) return fmt::format("{:.1f} KiB", static_cast<double>(bytes) / 1024);
+    if (bytes < 1024ull * 1024 * 1024) return fmt::format("{:.1f} MiB", static_cast<double>(bytes) / (1024 * 1024));
+    return fmt::format("{:.2f} GiB", static_cast<double>(bytes) / (1024.0 * 1024 * 1024));
+}
+
+// h:mm:ss of a finished recording; a dash while it runs.
+std::string length(const recording::PendingRecording& r) {
+    if (!r.finishedAt) return "-";
+    const auto seconds = std::max<long long>(0, std::llround(std::chrono::duration<double>(*r.finishedAt - r.startedAt).count()));
+    return fmt::format("{}:{:02}:{:02}", seconds / 3600, seconds / 60 % 60, seconds % 60);
+}
+
+std::string statusWord(recording::PendingRecording::Status status) {
+    using S = recording::PendingRecording::Status;
+    switch (status) {
+        case S::recording: return msg::kStatusRecording.str();
+        case S::ready: return msg::kStatusReady.str();
+        case S::uploading: return msg::kStatusUploading.str();
+        case S::uploaded: return msg::kStatusUploaded.str();
+        case S::failed: return msg::kStatusFailed.str();
+        case S::discarded: return msg::kStatusDiscarded.str();
+    }
+    return recording::toString(status);
 }
 
 std::string localTime(WallTime t) {
@@ -45,20 +67,21 @@ size_t displayWidth(const std::string& s) {
 }
 
 void printTable(const std::vector<recording::PendingRecording>& list) {
-    std::vector<std::array<std::string, 5>> rows;
-    rows.push_back({msg::kColumnID.str(), msg::kColumnStatus.str(), msg::kColumnStarted.str(), msg::kColumnSize.str(),
-                    msg::kColumnLastError.str()});
+    constexpr size_t kColumns = 6;
+    std::vector<std::array<std::string, kColumns>> rows;
+    rows.push_back({msg::kColumnID.str(), msg::kColumnStatus.str(), msg::kColumnStarted.str(), msg::kColumnLength.str(),
+                    msg::kColumnSize.str(), msg::kColumnNote.str()});
     for (const auto& r : list) {
-        rows.push_back({r.id, recording::toString(r.status), localTime(r.startedAt), humanSize(r.fileURL),
+        rows.push_back({r.id, statusWord(r.status), localTime(r.startedAt), length(r), humanSize(r.fileURL),
                         r.lastError.value_or("")});
     }
-    std::array<size_t, 5> widths{};
+    std::array<size_t, kColumns> widths{};
     for (const auto& row : rows)
-        for (size_t i = 0; i < 4; ++i) widths[i] = std::max(widths[i], displayWidth(row[i]));
+        for (size_t i = 0; i + 1 < kColumns; ++i) widths[i] = std::max(widths[i], displayWidth(row[i]));
     for (const auto& row : rows) {
         std::string line;
-        for (size_t i = 0; i < 4; ++i) line += row[i] + std::string(widths[i] - displayWidth(row[i]) + 2, ' ');
-        line += row[4];
+        for (size_t i = 0; i + 1 < kColumns; ++i) line += row[i] + std::string(widths[i] - displayWidth(row[i]) + 2, ' ');
+        line += row[kColumns - 1];
         while (!line.empty() && line.back() == ' ') line.pop_back();
         std::cout << line << "\n";
     }

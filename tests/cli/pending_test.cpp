@@ -93,5 +93,19 @@ TEST_F(PendingCommand, RecordingsOpenToOthersAreMadePrivateAtStart) {
     EXPECT_EQ(mode(recordings() / "manifest.json"), fs::perms::owner_read | fs::perms::owner_write);
 }
 
+TEST_F(PendingCommand, TheTableSaysLengthSizeAndNoteInTheInterfaceLanguage) {
+    writeAudio("vell_rec_A.aac", std::string(3000, 'a'));
+    auto spanish = vell("--lang es pending");
+    EXPECT_NE(spanish.output.find("DURACIÓN"), std::string::npos) << spanish.output;
+    EXPECT_NE(spanish.output.find("NOTA"), std::string::npos) << spanish.output;
+    EXPECT_NE(spanish.output.find("lista"), std::string::npos) << spanish.output;
+    EXPECT_NE(spanish.output.find("2.9 KiB"), std::string::npos) << spanish.output;
+    EXPECT_NE(spanish.output.find("0:00:00"), std::string::npos) << spanish.output;
+    auto english = vell("--lang en pending");
+    EXPECT_NE(english.output.find("ready"), std::string::npos) << english.output;
+    EXPECT_NE(english.output.find("NOTE"), std::string::npos) << english.output;
+    EXPECT_EQ(english.output.find(" KB"), std::string::npos) << english.output;
+}
+
 }  // namespace
 }  // namespace vell
