@@ -43,7 +43,7 @@ TEST_F(PendingCommand, OrphanRecordingIsListedAsReadyWithTheRecoveryNote) {
     auto again = vell("--lang es pending");
     ASSERT_EQ(again.status, cli::kExitOK);
     EXPECT_NE(again.output.find("ESTADO"), std::string::npos) << again.output;
-    EXPECT_NE(again.output.find("4F1C2D3E-0000-4000-8000-00000000ABCD  ready"), std::string::npos) << again.output;
+    EXPECT_NE(again.output.find("4F1C2D3E-0000-4000-8000-00000000ABCD  lista"), std::string::npos) << again.output;
     EXPECT_NE(again.output.find("Recovered after an interrupted recording."), std::string::npos);  // stored text stays
 }
 
