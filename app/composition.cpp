@@ -13,6 +13,7 @@
 #include "base/paths.h"
 #include "base/runtime.h"
 #include "base/user_defaults.h"
+#include "insurance/insurance_recorder.h"
 #include "platform/dbus/logind_sleep.h"
 #include "platform/dbus/notifications.h"
 #include "platform/pulse/system_audio_tap.h"
@@ -101,6 +102,8 @@ Host& host() {
                                                                   autostartCommand());
         HostServices services;
         // Each long-lived service joins the launch sequence here, at its place.
+        services.startInsuranceRecorder = [] { insurance::InsuranceRecorder::shared().launch(&host().asleep); };
+        services.shutdownInsurance = [](std::function<void()> done) { insurance::InsuranceRecorder::shared().shutdown(std::move(done)); };
         return new Host(core(), std::move(ports), std::move(services), UserDefaults::standard(), runtime::main());
     }();
     return *made;

@@ -132,4 +132,54 @@ ControlClient::Result<Unit> ControlClient::quit() const {
     });
 }
 
+ControlClient::Result<std::string> ControlClient::insuranceStatus() const {
+    return guarded([this] {
+        std::string json;
+        proxy_->callMethod("InsuranceStatus").onInterface(kControlInterface).withTimeout(30s).storeResultsTo(json);
+        return json;
+    });
+}
+
+ControlClient::Result<std::string> ControlClient::insuranceEnable() const {
+    return guarded([this] {
+        std::string json;
+        proxy_->callMethod("InsuranceEnable").onInterface(kControlInterface).withTimeout(30s).storeResultsTo(json);
+        return json;
+    });
+}
+
+ControlClient::Result<std::string> ControlClient::insuranceDisable() const {
+    return guarded([this] {
+        std::string json;
+        proxy_->callMethod("InsuranceDisable").onInterface(kControlInterface).withTimeout(30s).storeResultsTo(json);
+        return json;
+    });
+}
+
+ControlClient::Result<int> ControlClient::insuranceSetWindow(int minutes) const {
+    return guarded([this, minutes] {
+        int32_t kept = 0;
+        proxy_->callMethod("InsuranceSetWindow").onInterface(kControlInterface).withTimeout(30s)
+            .withArguments(int32_t(minutes)).storeResultsTo(kept);
+        return int(kept);
+    });
+}
+
+ControlClient::Result<std::string> ControlClient::insuranceChunks() const {
+    return guarded([this] {
+        std::string json;
+        proxy_->callMethod("InsuranceChunks").onInterface(kControlInterface).withTimeout(30s).storeResultsTo(json);
+        return json;
+    });
+}
+
+ControlClient::Result<int> ControlClient::insuranceExport(int minutes, const std::string& path) const {
+    return guarded([this, minutes, &path] {
+        int32_t joined = 0;
+        proxy_->callMethod("InsuranceExport").onInterface(kControlInterface).withTimeout(120s)
+            .withArguments(int32_t(minutes), path).storeResultsTo(joined);
+        return int(joined);
+    });
+}
+
 }  // namespace vell::dbus

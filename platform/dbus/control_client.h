@@ -48,6 +48,12 @@ public:
     Result<Unit> signOut() const;
     Result<std::string> whoAmI() const;
     Result<Unit> quit() const;
+    Result<std::string> insuranceStatus() const;
+    Result<std::string> insuranceEnable() const;
+    Result<std::string> insuranceDisable() const;
+    Result<int> insuranceSetWindow(int minutes) const;
+    Result<std::string> insuranceChunks() const;
+    Result<int> insuranceExport(int minutes, const std::string& path) const;
 
 private:
     ControlClient() = default;

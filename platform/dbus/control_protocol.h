@@ -19,6 +19,16 @@
 //   SignOut ()
 //   WhoAmI () -> s                  {"id","email","role","isAdmin"}, checked with the service
 //   Quit ()                         stop and quit
+//   InsuranceStatus () -> s         {"enabled","privacyAccepted","listening","windowMinutes",
+//                                   "device","lastError","bufferedFrom","bufferedTo" (ms since
+//                                   1970),"bufferedSeconds","bytes","chunks"}
+//   InsuranceEnable () -> s         accepts the privacy explanation, switches on, answers the
+//                                   status once the microphone start has finished (<= 3 s)
+//   InsuranceDisable () -> s        switches off and erases the buffer; the status
+//   InsuranceSetWindow (i minutes) -> i   the value kept (clamped to 5...60; below 1: 15)
+//   InsuranceChunks () -> s         [{"file","start","end","activity","bytes","open"}]
+//   InsuranceExport (i minutes, s path) -> i   seals, then joins the sealed chunks of the
+//                                   last minutes into path; the number of chunks joined
 #include <string_view>
 
 namespace vell::dbus {

@@ -12,6 +12,7 @@
 #include "base/log.h"
 #include "base/runtime.h"
 #include "platform/dbus/control_context.h"
+#include "platform/dbus/control_insurance.h"
 #include "platform/dbus/control_protocol.h"
 #include "recording/pending_recording_coding.h"
 #include "recording/recorder_service.h"
@@ -60,6 +61,7 @@ void ControlContext::announce(const std::vector<std::string>& names) {
 namespace {
 // The features' parts of the interface, each in its own file.
 const ControlExtension kExtensions[] = {
+    registerInsuranceControl,
     nullptr,
 };
 }  // namespace

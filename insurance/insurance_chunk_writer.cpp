@@ -1,0 +1,169 @@
+#include "insurance/insurance_chunk_writer.h"
+
+#include <cmath>
+
+#include "base/log.h"
+#include "base/runtime.h"
+
+namespace vell::insurance {
+
+namespace {
+const log::Logger kLog("InsuranceChunkWriter");
+}
+
+double firstChannelRMS(const audio::PcmBuffer& buffer) {
+    if (buffer.channels.empty() || buffer.channels.front().empty()) return 0;
+    double sum = 0;
+    for (float s : buffer.channels.front()) sum += double(s) * double(s);
+    return std::sqrt(sum / double(buffer.channels.front().size()));
+}
+
+int activityPercent(int voicedBuffers, int buffers) {
+    if (buffers < 1) return 0;
+    return static_cast<int>(std::lround(double(voicedBuffers) / double(buffers) * 100.0));
+}
+
+InsuranceChunkWriter::InsuranceChunkWriter(InsuranceBufferStore& store, media::AacWriterFactory factory)
+    : store_(store), factory_(factory ? std::move(factory) : media::defaultAacWriterFactory()) {}
+
+InsuranceChunkWriter::~InsuranceChunkWriter() = default;
+
+void InsuranceChunkWriter::append(const audio::PcmBufferPtr& buffer) {
+    if (!buffer || buffer->frames() == 0) return;
+    queue_.sync([&] { write(*buffer); });
+}
+
+void InsuranceChunkWriter::seal() {
+    queue_.sync([this] { sealOnQueue(); });
+}
+
+std::optional<std::filesystem::path> InsuranceChunkWriter::activeURL() const {
+    std::lock_guard lock(stateLock_);
+    return activeURL_;
+}
+
+std::optional<WallTime> InsuranceChunkWriter::lastBufferAt() const {
+    std::lock_guard lock(stateLock_);
+    return lastBufferAt_;
+}
+
+void InsuranceChunkWriter::clearLastBufferAt() {
+    std::lock_guard lock(stateLock_);
+    lastBufferAt_.reset();
+}
+
+std::optional<int> InsuranceChunkWriter::encoderIndex() {
+    return queue_.syncResult([this] { return encoderIndex_; });
+}
+
+void InsuranceChunkWriter::setActive(std::optional<std::filesystem::path> url) {
+    std::lock_guard lock(stateLock_);
+    activeURL_ = std::move(url);
+}
+
+void InsuranceChunkWriter::write(const audio::PcmBuffer& buffer) {
+    {
+        std::lock_guard lock(stateLock_);
+        lastBufferAt_ = runtime::clock().now();
+    }
+    auto* file = openFile();
+    if (!file) return;
+    const int rate = file->processingSampleRate();
+    auto converted = convert(buffer, rate);
+    if (!converted) return;
+    const float* plane = converted->data();
+    if (auto ok = file->write(&plane, 1, converted->size(), rate); !ok) {
+        kLog.error("insurance chunk write failed: " + ok.error());
+        abandon();
+        return;
+    }
+    chunkFrames_ += static_cast<std::int64_t>(converted->size());
+    ++buffers_;
+    double sum = 0;
+    for (float s : *converted) sum += double(s) * double(s);
+    if (std::sqrt(sum / double(converted->size())) >= kVoicedRMS) ++voicedBuffers_;
+    if (double(chunkFrames_) >= double(rate) * kChunkSeconds) sealOnQueue();
+}
+
+media::AacWriter* InsuranceChunkWriter::openFile() {
+    if (file_) return file_.get();
+    const WallTime start = runtime::clock().now();
+    const auto url = store_.openChunkURL(start);
+    std::vector<int> candidates;
+    if (encoderIndex_) candidates.push_back(*encoderIndex_);
+    else
+        for (int i = 0; i < int(kEncoderRows.size()); ++i) candidates.push_back(i);
+    for (int index : candidates) {
+        const auto& row = kEncoderRows[static_cast<std::size_t>(index)];
+        auto opened = factory_(url, media::AacSettings{media::AacContainer::adts, row.sampleRate, 1, row.bitRate});
+        if (opened) {
+            encoderIndex_ = index;
+            file_ = std::move(*opened);
+            fileURL_ = url;
+            chunkFrames_ = 0;
+            voicedBuffers_ = 0;
+            buffers_ = 0;
+            setActive(url);
+            return file_.get();
+        }
+        kLog.debug("insurance encoder row " + std::to_string(index) + " failed: " + opened.error());
+        std::error_code ec;
+        std::filesystem::remove(url, ec);
+    }
+    encoderIndex_.reset();
+    return nullptr;
+}
+
+std::optional<std::vector<float>> InsuranceChunkWriter::convert(const audio::PcmBuffer& buffer, int outRate) {
+    const int inRate = static_cast<int>(std::lround(buffer.sampleRate));
+    const int inChannels = buffer.channelCount();
+    if (inRate <= 0 || inChannels < 1) return std::nullopt;
+    if (inRate == outRate && inChannels == 1) return buffer.channels.front();
+    if (!converter_ || converter_->inRate() != inRate || converter_->inChannels() != inChannels ||
+        converter_->outRate() != outRate) {
+        converter_.reset();
+        auto made = media::Resampler::create(inRate, inChannels, outRate, 1);
+        if (!made) {
+            kLog.error("no converter for the insurance microphone: " + made.error());
+            return std::nullopt;
+        }
+        converter_ = std::move(*made);
+    }
+    std::vector<const float*> planes;
+    planes.reserve(buffer.channels.size());
+    for (const auto& c : buffer.channels) planes.push_back(c.data());
+    std::vector<std::vector<float>> out;
+    if (!converter_->convert(planes.data(), buffer.frames(), out) || out.empty() || out.front().empty())
+        return std::nullopt;
+    return std::move(out.front());
+}
+
+void InsuranceChunkWriter::sealOnQueue() {
+    if (!fileURL_) return;
+    const int voiced = voicedBuffers_, total = buffers_;
+    if (file_) {
+        if (auto ok = file_->finish(); !ok) kLog.error("insurance chunk did not finish cleanly: " + ok.error());
+        file_.reset();
+    }
+    const auto url = *fileURL_;
+    fileURL_.reset();
+    setActive(std::nullopt);
+    if (!store_.seal(url, runtime::clock().now(), activityPercent(voiced, total))) {
+        std::error_code ec;
+        std::filesystem::remove(url, ec);
+    }
+    if (onChunkSealed) runtime::main().post(onChunkSealed);
+}
+
+void InsuranceChunkWriter::abandon() {
+    file_.reset();
+    std::optional<std::filesystem::path> url = std::move(fileURL_);
+    fileURL_.reset();
+    setActive(std::nullopt);
+    if (url) {
+        std::error_code ec;
+        std::filesystem::remove(*url, ec);
+    }
+}
+
+}  // namespace vell::insurance

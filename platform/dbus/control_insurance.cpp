@@ -1,0 +1,73 @@
+#include "platform/dbus/control_insurance.h"
+
+#include "base/runtime.h"
+#include "insurance/insurance_recorder.h"
+#include "insurance/insurance_status.h"
+
+namespace vell::dbus {
+
+namespace {
+insurance::InsuranceRecorder& recorder() { return insurance::InsuranceRecorder::shared(); }
+std::string statusJson() { return insurance::toJson(insurance::statusOf(recorder())).dump(); }
+}  // namespace
+
+void registerInsuranceControl(ControlContext& context) {
+    const char* I = kControlInterface;
+    auto& object = context.object;
+    auto* ctx = &context;
+
+    object.registerMethod("InsuranceStatus").onInterface(I).implementedAs([ctx](sdbus::Result<std::string>&& result) {
+        ctx->onMain(std::move(result), [](auto& r) { r->returnResults(statusJson()); });
+    });
+    object.registerMethod("InsuranceEnable").onInterface(I).implementedAs([ctx](sdbus::Result<std::string>&& result) {
+        ctx->onMain(std::move(result), [](auto& r) {
+            recorder().acceptPrivacyAndEnable();
+            // The start finishes on the microphone queue; answer once it has, or after 3 s.
+            auto answered = std::make_shared<bool>(false);
+            auto answer = [r, answered] {
+                if (*answered) return;
+                *answered = true;
+                r->returnResults(statusJson());
+            };
+            auto poll = std::make_shared<TimerHandle>();
+            *poll = runtime::main().repeat(0.05, [answer, poll, started = runtime::clock().uptime()] {
+                auto& rec = recorder();
+                if (rec.starting() && runtime::clock().uptime() - started < 3) return;
+                poll->cancel();
+                answer();
+            });
+        });
+    });
+    object.registerMethod("InsuranceDisable").onInterface(I).implementedAs([ctx](sdbus::Result<std::string>&& result) {
+        ctx->onMain(std::move(result), [](auto& r) {
+            recorder().disable();
+            r->returnResults(statusJson());
+        });
+    });
+    object.registerMethod("InsuranceSetWindow").onInterface(I).implementedAs(
+        [ctx](sdbus::Result<int32_t>&& result, int32_t minutes) {
+            ctx->onMain(std::move(result), [minutes](auto& r) { r->returnResults(int32_t(recorder().setWindowMinutes(minutes))); });
+        });
+    object.registerMethod("InsuranceChunks").onInterface(I).implementedAs([ctx](sdbus::Result<std::string>&& result) {
+        ctx->onMain(std::move(result), [](auto& r) { r->returnResults(insurance::chunksJson(recorder().store().chunks()).dump()); });
+    });
+    object.registerMethod("InsuranceExport").onInterface(I).implementedAs(
+        [ctx](sdbus::Result<int32_t>&& result, int32_t minutes, std::string path) {
+            ctx->onMain(std::move(result), [minutes, path](auto& r) {
+                auto& rec = recorder();
+                // The newest audio goes into a sealed chunk first; the writer's queue never
+                // waits on the main executor, so waiting for it here is safe.
+                rec.writer().seal();
+                const auto now = runtime::clock().now();
+                const auto from = now - std::chrono::minutes(std::max(minutes, 1));
+                auto chunks = rec.store().chunks(from, now + std::chrono::hours(1));
+                std::erase_if(chunks, [](const auto& c) { return c.isOpen; });
+                if (auto ok = rec.store().concatenate(chunks, path); !ok) {
+                    return r->returnError(sdbus::Error(errors::kFailed, ok.error()));
+                }
+                r->returnResults(int32_t(chunks.size()));
+            });
+        });
+}
+
+}  // namespace vell::dbus
