@@ -23,6 +23,7 @@
 #include "cli/record_messages.h"
 #include "cli/runtime_scope.h"
 #include "cli/signal_watcher.h"
+#include "cli/terminal.h"
 #include "platform/dbus/control_server.h"
 #include "recording/recorder_messages.h"
 #include "recording/recorder_service.h"
@@ -49,6 +50,49 @@ std::string progressLine(double elapsed, float microphone, float system) {
                        msg::kMicLabel.str(), bar(microphone), msg::kSystemLabel.str(), bar(system));
 }
 
+// What `vell record` tells: plain lines in the interface language, or JSON lines for scripts;
+// the elapsed time and levels redrawn in place only on a terminal that can.
+class RecordOutput {
+public:
+    RecordOutput(bool json, bool quiet) : json_(json), quiet_(quiet), fancy_(fancyTerminal() && !json && !quiet) {}
+    bool drawsProgress() const { return fancy_; }
+    void started(const std::string& id, const std::string& file, double limitSeconds) const {
+        if (json_) {
+            std::cout << nlohmann::json{{"event", "started"}, {"id", id}, {"file", file}}.dump() << std::endl;
+            return;
+        }
+        if (quiet_) return;
+        std::cout << msg::kRecording.str() << id << "\n" << msg::kFile.str() << file << std::endl;
+        if (limitSeconds > 0) {
+            std::cerr << msg::kStopHintLimited.str() << fmt::format("{:g}", limitSeconds) << msg::kStopHintLimitedEnd.str() << "\n";
+        } else {
+            std::cerr << msg::kStopHint.str() << "\n";
+        }
+    }
+    void progress(double elapsed, float microphone, float system) {
+        if (!fancy_) return;
+        std::cerr << progressLine(elapsed, microphone, system) << std::flush;
+        shown_ = true;
+    }
+    void clear() {
+        if (shown_) std::cerr << "\r\033[K" << std::flush;
+        shown_ = false;
+    }
+    void stopped(const std::string& id, const std::string& file, double length, bool kept) {
+        clear();
+        if (json_) {
+            std::cout << nlohmann::json{{"event", "stopped"}, {"id", id}, {"file", file}, {"length", length}, {"kept", kept}}.dump()
+                      << std::endl;
+            return;
+        }
+        if (kept && !quiet_) std::cout << msg::kSaved.str() << fmt::format("{:.1f}", length) << " s" << std::endl;
+    }
+
+private:
+    bool json_, quiet_, fancy_;
+    bool shown_ = false;
+};
+
 // Seconds between an entry's start and finish (its JSON form), 0 while unfinished.
 double lengthOf(const nlohmann::json& entry) {
     if (!entry.is_object() || !entry.contains("finishedAt") || !entry["finishedAt"].is_number()) return 0;
@@ -57,7 +101,7 @@ double lengthOf(const nlohmann::json& entry) {
 
 // The recording made by the host that owns the data folder: started, watched and stopped
 // through its control interface, with the output of an in-process recording.
-int recordThroughHost(const dbus::ControlClient& host, double seconds, SignalWatcher& signals) {
+int recordThroughHost(const dbus::ControlClient& host, double seconds, SignalWatcher& signals, RecordOutput& out) {
     std::atomic<bool> stopRequested{false};
     signals.watch([&stopRequested] { stopRequested = true; });
     auto started = host.startRecording();
@@ -66,10 +110,7 @@ int recordThroughHost(const dbus::ControlClient& host, double seconds, SignalWat
         return kExitFailure;
     }
     const auto& [id, file] = *started;
-    std::cout << msg::kRecording.str() << id << "\n" << msg::kFile.str() << file << std::endl;
-    const bool terminal = ::isatty(STDERR_FILENO) == 1;
-    if (terminal) std::cerr << msg::kStopHint.str() << "\n";
-    bool progressShown = false;
+    out.started(id, file, seconds);
     const auto begin = std::chrono::steady_clock::now();
     int exitCode = kExitOK;
     nlohmann::json entry;
@@ -83,15 +124,11 @@ int recordThroughHost(const dbus::ControlClient& host, double seconds, SignalWat
         }
         auto status = host.status();
         if (status && status->recording && status->recordingID == id) {
-            if (terminal) {
-                std::cerr << progressLine(status->elapsed, float(status->microphoneLevel), float(status->systemLevel)) << std::flush;
-                progressShown = true;
-            }
+            out.progress(status->elapsed, float(status->microphoneLevel), float(status->systemLevel));
             continue;
         }
         // Stopped by someone else or by itself (limits, write error): say why.
-        if (progressShown) std::cerr << "\r\033[K";
-        progressShown = false;
+        out.clear();
         if (status && !status->lastError.empty()) {
             std::cerr << "vell: " << status->lastError << "\n";
             if (status->lastError == recording::messages::kStoppedOnWriteError.str()) exitCode = kExitFailure;
@@ -103,14 +140,15 @@ int recordThroughHost(const dbus::ControlClient& host, double seconds, SignalWat
         }
         break;
     }
-    if (progressShown) std::cerr << "\r\033[K" << std::flush;
-    std::cout << msg::kSaved.str() << fmt::format("{:.1f}", lengthOf(entry)) << " s" << std::endl;
+    out.stopped(id, file, lengthOf(entry), entry.is_object() && !entry.empty());
     return exitCode;
 }
 
 void setup(CLI::App& app, Context& context) {
     auto* cmd = app.add_subcommand("record", msg::kDescription.str());
     auto seconds = std::make_shared<double>(0);
+    auto json = std::make_shared<bool>(false);
+    cmd->add_flag("--json", *json, msg::kJsonOption.str());
     cmd->add_option("--seconds", *seconds, msg::kSecondsOption.str())->check(CLI::Validator(
         [](std::string& text) -> std::string {
             // "inf", "nan" and lengths shorter than one mixer tick would either never stop
@@ -124,10 +162,11 @@ void setup(CLI::App& app, Context& context) {
             return msg::kBadSeconds.str();
         },
         "SECONDS"));
-    cmd->callback([&context, seconds] {
+    cmd->callback([&context, seconds, json] {
         SignalWatcher signals;
         if (auto host = runningHost()) {
-            context.exitCode = recordThroughHost(*host, *seconds, signals);
+            RecordOutput out(*json, context.quiet);
+            context.exitCode = recordThroughHost(*host, *seconds, signals, out);
             return;
         }
         auto scope = RuntimeScope::enter(context);
@@ -142,29 +181,21 @@ void setup(CLI::App& app, Context& context) {
         auto server = dbus::ControlServer::start(app::host());
         auto& main = runtime::main();
         auto& levels = app::inputLevels();
-        const bool terminal = ::isatty(STDERR_FILENO) == 1;
+        RecordOutput out(*json, context.quiet);
 
         bool started = false;
         bool stopping = false;
-        bool progressShown = false;
         std::string id;
+        std::filesystem::path file;
         TimerHandle limit, progress;
-        auto clearProgress = [&] {
-            if (progressShown) std::cerr << "\r\033[K" << std::flush;
-            progressShown = false;
-        };
         auto finishRun = [&] {
             limit.cancel();
             progress.cancel();
-            clearProgress();
             const auto& outcome = recorder.lastStop();
-            if (outcome && outcome->id == id && !outcome->kept) {
-                // The reason was said already; nothing is waiting to be uploaded.
-                context.exitCode = kExitFailure;
-            } else {
-                const double length = outcome && outcome->id == id ? outcome->savedSeconds : 0.0;
-                std::cout << msg::kSaved.str() << fmt::format("{:.1f}", length) << " s" << std::endl;
-            }
+            const bool kept = !(outcome && outcome->id == id && !outcome->kept);
+            // Without a kept part the reason was said already; nothing waits to be uploaded.
+            if (!kept) context.exitCode = kExitFailure;
+            out.stopped(id, file.string(), kept && outcome && outcome->id == id ? outcome->savedSeconds : 0.0, kept);
             scope->stop();
         };
         auto stopNow = [&] {
@@ -179,7 +210,7 @@ void setup(CLI::App& app, Context& context) {
             main.post([&, recording] {
                 if (recording || !started || stopping) return;
                 stopping = true;
-                clearProgress();
+                out.clear();
                 const auto reason = recorder.state.lastError.get();
                 if (reason) std::cerr << "vell: " << *reason << "\n";
                 if (reason && *reason == recording::messages::kStoppedOnWriteError.str()) context.exitCode = kExitFailure;
@@ -198,18 +229,13 @@ void setup(CLI::App& app, Context& context) {
             }
             started = true;
             id = recorder.currentID().value_or("");
-            std::filesystem::path file;
             for (const auto& r : recorder.pending())
                 if (r.id == id) file = r.fileURL;
-            std::cout << msg::kRecording.str() << id << "\n" << msg::kFile.str() << file.string() << std::endl;
+            out.started(id, file.string(), *seconds);
             if (*seconds > 0) limit = main.postAfter(*seconds, [&] { stopNow(); });
-            if (terminal) {
-                std::cerr << msg::kStopHint.str() << "\n";
+            if (out.drawsProgress()) {
                 progress = main.repeat(0.25, [&] {
-                    std::cerr << progressLine(recorder.state.elapsed.get(), levels.microphone.exchange(0),
-                                              levels.system.exchange(0))
-                              << std::flush;
-                    progressShown = true;
+                    out.progress(recorder.state.elapsed.get(), levels.microphone.exchange(0), levels.system.exchange(0));
                 });
             }
         });

@@ -9,6 +9,7 @@ namespace vell::cli {
 struct Context {
     int exitCode = 0;
     int verbosity = 0;
+    bool quiet = false;  // results and errors only: no hints, no progress
 };
 
 using CommandSetup = std::function<void(CLI::App& app, Context& context)>;

@@ -35,6 +35,8 @@ inline constexpr Text kStatus{"Show what Vell is doing: sign-in, recording, elap
                               "Muestra qué está haciendo Vell: sesión, grabación, tiempo y niveles"};
 inline constexpr Text kJson{"Print JSON", "Imprime JSON"};
 inline constexpr Text kWatch{"Keep printing every second until Ctrl-C", "Sigue imprimiendo cada segundo hasta Ctrl-C"};
+inline constexpr Text kQuiet{"Print results and errors only: no hints, no progress",
+                             "Muestra solo resultados y errores: sin avisos ni progreso"};
 inline constexpr Text kHelpCommand{"Show the help of vell or of one command", "Muestra la ayuda de vell o de un comando"};
 inline constexpr Text kHelpCommandName{"The command", "El comando"};
 inline constexpr Text kExitCodes{

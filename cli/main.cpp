@@ -126,6 +126,7 @@ int main(int argc, char** argv) {
 
     cli::Context context;
     app.add_flag("-v,--verbose", context.verbosity, cli::help::kVerbose.str());
+    app.add_flag("-q,--quiet", context.quiet, cli::help::kQuiet.str());
     std::string lang;
     app.add_option("--lang", lang, cli::help::kLanguage.str())->check(CLI::IsMember({"en", "es"}));
     bool logStderr = false;

@@ -14,6 +14,11 @@ inline constexpr Text kBadSeconds{"must be a finite number of seconds, at least 
 inline constexpr Text kRecording{"Recording: ", "Grabación: "};
 inline constexpr Text kFile{"File: ", "Archivo: "};
 inline constexpr Text kStopHint{"Press Ctrl-C to stop.", "Apretá Ctrl-C para detener."};
+// Followed by the limit in seconds.
+inline constexpr Text kStopHintLimited{"Stops by itself after ", "Se detiene sola a los "};
+inline constexpr Text kStopHintLimitedEnd{" s; Ctrl-C stops it sooner.", " s; Ctrl-C la detiene antes."};
+inline constexpr Text kJsonOption{"Print JSON lines (the recording at start and at stop) whatever the language",
+                                  "Imprime líneas JSON (la grabación al empezar y al terminar) sea cual sea el idioma"};
 inline constexpr Text kMicLabel{"mic", "mic"};
 inline constexpr Text kSystemLabel{"system", "sistema"};
 // Followed by the reason.

@@ -30,7 +30,7 @@ std::shared_ptr<DesktopNotifications> DesktopNotifications::connect() {
         made->proxy_->finishRegistration();
         made->loop_ = std::make_unique<BusLoop>(*made->connection_, "notifications");
     } catch (const sdbus::Error& e) {
-        kLog.error(std::string("no session bus for notifications: ") + e.getMessage());
+        kLog.info(std::string("no session bus for notifications: ") + e.getMessage());
         return nullptr;
     }
     return made;

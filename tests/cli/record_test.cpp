@@ -11,6 +11,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <sstream>
 #include <thread>
 
 #include "cli/command.h"
@@ -376,6 +377,30 @@ TEST_F(RecordAndUpload, TwoAccountsNeverGetEachOthersRecordings) {
     ASSERT_EQ(vellRun("login --email a@vell.test", "pw-a").status, 0);
     EXPECT_EQ(vellRun("upload").status, 0);
     EXPECT_EQ(recordingsByAccount(server), (std::multiset<std::string>{"b@vell.test:" + ofB, "a@vell.test:" + ofA}));
+}
+
+TEST_F(RecordCommand, JsonLinesForScriptsWhateverTheLanguageAndNoEscapeCodesOnADumbTerminal) {
+    auto run = test::runCommand("LANG=es_AR.UTF-8 TERM=dumb " + vell() + " record --seconds 1 --json 2>&1");
+    ASSERT_EQ(run.status, cli::kExitOK) << run.output;
+    EXPECT_EQ(run.output.find('\033'), std::string::npos) << run.output;
+    std::vector<nlohmann::json> lines;
+    std::istringstream in(run.output);
+    for (std::string line; std::getline(in, line);) {
+        auto parsed = nlohmann::json::parse(line, nullptr, false);
+        ASSERT_FALSE(parsed.is_discarded()) << "not JSON: " << line;
+        lines.push_back(parsed);
+    }
+    ASSERT_EQ(lines.size(), 2u) << run.output;
+    EXPECT_EQ(lines[0]["event"], "started");
+    EXPECT_EQ(lines[1]["event"], "stopped");
+    EXPECT_EQ(lines[1]["id"], lines[0]["id"]);
+    EXPECT_TRUE(lines[1]["kept"].get<bool>());
+    EXPECT_NEAR(lines[1]["length"].get<double>(), 1.0, 0.3);
+    EXPECT_TRUE(fs::exists(lines[0]["file"].get<std::string>()));
+
+    auto quiet = test::runCommand(vell() + " --quiet record --seconds 0.5 2>&1");
+    EXPECT_EQ(quiet.status, cli::kExitOK);
+    EXPECT_EQ(quiet.output, "") << quiet.output;
 }
 
 }  // namespace
