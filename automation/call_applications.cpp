@@ -53,7 +53,7 @@ const Set& desktopAudioComponents() {
     static const Set set{
         "pipewire", "wireplumber", "pipewire-media-session", "pulseaudio",
         "org.pulseaudio.pavucontrol", "pavucontrol", "pavucontrol-qt", "org.pipewire.helvum",
-        "gnome-control-center", "org.gnome.settings", "gnome-shell", "plasmashell", "kmix",
+        "gnome-control-center", "org.gnome.settings", "org.gnome.volumecontrol", "org.kde.plasma-pa", "gnome-shell", "plasmashell", "kmix",
         "org.kde.plasma.volume", "org.kde.kmix", "speech-dispatcher", "sd_espeak-ng", "sd_espeak",
         "sd_dummy", "sd_generic", "easyeffects", "com.github.wwmm.easyeffects",
     };
