@@ -48,6 +48,8 @@ public:
     Result<Unit> signOut() const;
     Result<std::string> whoAmI() const;
     Result<Unit> quit() const;
+    Result<std::string> callsStatus() const;
+    Result<std::string> setCallsEnabled(bool enabled) const;
 
 private:
     ControlClient() = default;

@@ -19,6 +19,13 @@
 //   SignOut ()
 //   WhoAmI () -> s                  {"id","email","role","isAdmin"}, checked with the service
 //   Quit ()                         stop and quit
+//   CallsStatus () -> s             the automatic call recorder: {"enabled","monitoring",
+//                                   "activeCallers","callers":[{"bundleID","displayName",
+//                                   "isRunningOutput","outputKnown"}],"presence",
+//                                   "startEligible","callEnded","state":{...},"offer":{...}}
+//   SetCallsEnabled (b) -> s        the "Record calls automatically" switch; the new status
+// Property ActiveCallers as: the display names of the callers seen by the latest poll (read
+// on demand; not announced).
 #include <string_view>
 
 namespace vell::dbus {
