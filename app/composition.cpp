@@ -2,6 +2,7 @@
 
 #include <mutex>
 
+#include "app/composition_calls.h"
 #include "app/core_services.h"
 #include "app/host.h"
 #include "app/input_levels.h"
@@ -104,6 +105,7 @@ Host& host() {
         // Each long-lived service joins the launch sequence here, at its place.
         services.startInsuranceRecorder = [] { insurance::InsuranceRecorder::shared().launch(&host().asleep); };
         services.shutdownInsurance = [](std::function<void()> done) { insurance::InsuranceRecorder::shared().shutdown(std::move(done)); };
+        services.startCallRecorder = [] { startCallRecorder(host()); };
         return new Host(core(), std::move(ports), std::move(services), UserDefaults::standard(), runtime::main());
     }();
     return *made;

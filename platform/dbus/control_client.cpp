@@ -182,4 +182,21 @@ ControlClient::Result<int> ControlClient::insuranceExport(int minutes, const std
     });
 }
 
+ControlClient::Result<std::string> ControlClient::callsStatus() const {
+    return guarded([this] {
+        std::string json;
+        proxy_->callMethod("CallsStatus").onInterface(kControlInterface).withTimeout(30s).storeResultsTo(json);
+        return json;
+    });
+}
+
+ControlClient::Result<std::string> ControlClient::setCallsEnabled(bool enabled) const {
+    return guarded([this, enabled] {
+        std::string json;
+        proxy_->callMethod("SetCallsEnabled").onInterface(kControlInterface).withTimeout(30s).withArguments(enabled)
+            .storeResultsTo(json);
+        return json;
+    });
+}
+
 }  // namespace vell::dbus

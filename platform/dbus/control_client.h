@@ -54,6 +54,8 @@ public:
     Result<int> insuranceSetWindow(int minutes) const;
     Result<std::string> insuranceChunks() const;
     Result<int> insuranceExport(int minutes, const std::string& path) const;
+    Result<std::string> callsStatus() const;
+    Result<std::string> setCallsEnabled(bool enabled) const;
 
 private:
     ControlClient() = default;

@@ -29,6 +29,13 @@
 //   InsuranceChunks () -> s         [{"file","start","end","activity","bytes","open"}]
 //   InsuranceExport (i minutes, s path) -> i   seals, then joins the sealed chunks of the
 //                                   last minutes into path; the number of chunks joined
+//   CallsStatus () -> s             the automatic call recorder: {"enabled","monitoring",
+//                                   "activeCallers","callers":[{"bundleID","displayName",
+//                                   "isRunningOutput","outputKnown"}],"presence",
+//                                   "startEligible","callEnded","state":{...},"offer":{...}}
+//   SetCallsEnabled (b) -> s        the "Record calls automatically" switch; the new status
+// Property ActiveCallers as: the display names of the callers seen by the latest poll (read
+// on demand; not announced).
 #include <string_view>
 
 namespace vell::dbus {

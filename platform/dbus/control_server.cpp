@@ -11,6 +11,7 @@
 #include "app/input_levels.h"
 #include "base/log.h"
 #include "base/runtime.h"
+#include "platform/dbus/control_calls.h"
 #include "platform/dbus/control_context.h"
 #include "platform/dbus/control_insurance.h"
 #include "platform/dbus/control_protocol.h"
@@ -61,8 +62,8 @@ void ControlContext::announce(const std::vector<std::string>& names) {
 namespace {
 // The features' parts of the interface, each in its own file.
 const ControlExtension kExtensions[] = {
-    registerInsuranceControl,
-    nullptr,
+    &registerInsuranceControl,
+    &registerCallsControl,
 };
 }  // namespace
 

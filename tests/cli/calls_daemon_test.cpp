@@ -1,0 +1,189 @@
+// `vell daemon` records a call by itself: a private session bus with a notification server
+// the test serves, a private PulseAudio, and a fake call program that records from the
+// microphone and plays into the speakers.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <sdbus-c++/sdbus-c++.h>
+#include <thread>
+
+#include "tests/support/devserver_process.h"
+#include "tests/support/private_bus.h"
+#include "tests/support/pulse_server.h"
+#include "tests/support/temp_home.h"
+
+extern char** environ;
+
+namespace vell {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+pid_t spawnShell(const std::string& command, const fs::path& output) {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
+    const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
+    pid_t pid = -1;
+    if (posix_spawn(&pid, "/bin/sh", &actions, nullptr, const_cast<char**>(argv), environ) != 0) pid = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+void end(pid_t& pid) {
+    if (pid <= 0) return;
+    ::kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+    pid = -1;
+}
+
+std::string readAll(const fs::path& file) {
+    std::ifstream in(file);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+template <class Pred>
+bool eventually(Pred pred, std::chrono::milliseconds limit = 5s) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (pred()) return true;
+        std::this_thread::sleep_for(100ms);
+    }
+    return pred();
+}
+
+// org.freedesktop.Notifications as a desktop serves it, keeping what it was asked to show.
+class NotificationServer {
+public:
+    NotificationServer() : connection_(sdbus::createSessionBusConnection("org.freedesktop.Notifications")) {
+        object_ = sdbus::createObject(*connection_, "/org/freedesktop/Notifications");
+        const char* I = "org.freedesktop.Notifications";
+        object_->registerMethod("Notify").onInterface(I).implementedAs(
+            [this](std::string, uint32_t replaces, std::string, std::string summary, std::string body,
+                   std::vector<std::string> actions, std::map<std::string, sdbus::Variant>, int32_t) {
+                std::lock_guard guard(m_);
+                uint32_t id = replaces ? replaces : ++lastID_;
+                shown_.push_back({id, summary, body, actions});
+                return id;
+            });
+        object_->registerMethod("CloseNotification").onInterface(I).implementedAs([](uint32_t) {});
+        object_->registerMethod("GetCapabilities").onInterface(I).implementedAs(
+            [] { return std::vector<std::string>{"actions", "body"}; });
+        object_->registerSignal("ActionInvoked").onInterface(I).withParameters<uint32_t, std::string>();
+        object_->registerSignal("NotificationClosed").onInterface(I).withParameters<uint32_t, uint32_t>();
+        object_->finishRegistration();
+        connection_->enterEventLoopAsync();
+    }
+    ~NotificationServer() { connection_->leaveEventLoop(); }
+    void click(uint32_t id, const std::string& action) {
+        object_->emitSignal("ActionInvoked").onInterface("org.freedesktop.Notifications").withArguments(id, action);
+    }
+    struct Shown {
+        uint32_t id;
+        std::string summary, body;
+        std::vector<std::string> actions;
+    };
+    std::optional<Shown> find(const std::string& summary) {
+        std::lock_guard guard(m_);
+        for (const auto& s : shown_) {
+            if (s.summary == summary) return s;
+        }
+        return std::nullopt;
+    }
+
+private:
+    std::mutex m_;
+    std::vector<Shown> shown_;
+    uint32_t lastID_ = 0;
+    std::unique_ptr<sdbus::IConnection> connection_;
+    std::unique_ptr<sdbus::IObject> object_;
+};
+
+class CallsDaemonTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        daemon = spawnShell(vell() + " --lang en -v daemon", home.tmp() / "daemon.log");
+        ASSERT_TRUE(eventually([&] { return run("status --json").output.find("\"host\":true") != std::string::npos; },
+                               10s))
+            << log();
+    }
+    void TearDown() override {
+        end(zoomIn);
+        end(zoomOut);
+        end(daemon);
+    }
+    std::string vell() const { return test::binaryPath("vell").string(); }
+    std::string log() const { return readAll(home.tmp() / "daemon.log"); }
+    test::CommandResult run(const std::string& arguments) { return test::runCommand(vell() + " --lang en " + arguments + " 2>&1"); }
+    nlohmann::json json(const std::string& arguments) {
+        auto j = nlohmann::json::parse(run(arguments).output, nullptr, false);
+        return j.is_discarded() ? nlohmann::json::object() : j;
+    }
+    bool recording() { return json("status --json").value("recording", false); }
+    void startCall() {
+        const std::string props = "PULSE_PROP=\"application.process.binary=zoom\" exec ";
+        zoomIn = spawnShell(props + "pacat --record --raw -d fakemic > /dev/null", home.tmp() / "in.log");
+        zoomOut = spawnShell(props + "pacat --playback --raw -d speakers < /dev/zero", home.tmp() / "out.log");
+    }
+
+    test::TempHome home;
+    test::PrivateBus bus;
+    NotificationServer notifications;
+    test::PulseServer pulse;
+    test::DevServer server{{.users = {"a@vell.test:pw-a"}}};
+    pid_t daemon = -1, zoomIn = -1, zoomOut = -1;
+};
+
+TEST_F(CallsDaemonTest, ACallStartsARecordingAndItsStopEndsIt) {
+    auto idle = json("calls --json");
+    EXPECT_EQ(idle.value("enabled", false), true) << idle.dump();
+    EXPECT_EQ(idle.value("monitoring", false), true) << idle.dump();
+    EXPECT_FALSE(recording());
+
+    startCall();
+    ASSERT_TRUE(eventually([&] { return recording(); })) << log();
+    auto status = json("calls --json");
+    EXPECT_EQ(status["callers"][0].value("bundleID", ""), "us.zoom.xos") << status.dump();
+    EXPECT_TRUE(status["state"].value("ownsRecording", false)) << status.dump();
+
+    std::optional<NotificationServer::Shown> started;
+    ASSERT_TRUE(eventually([&] { return (started = notifications.find("Recording the call")).has_value(); })) << log();
+    EXPECT_EQ(started->body, "Saved on this computer. Sign in to sync it.");
+    EXPECT_NE(std::find(started->actions.begin(), started->actions.end(), "app.quillon.mac.stopAutoRecording"),
+              started->actions.end());
+
+    // "Stop" on the notification ends it; the call goes on, and no new recording starts.
+    notifications.click(started->id, "app.quillon.mac.stopAutoRecording");
+    ASSERT_TRUE(eventually([&] { return !recording(); })) << log();
+    std::this_thread::sleep_for(3s);
+    EXPECT_FALSE(recording()) << log();
+    EXPECT_TRUE(json("calls --json")["state"].value("suppressedUntilIdle", false));
+    auto pending = nlohmann::json::parse(run("pending --json").output, nullptr, false);
+    ASSERT_TRUE(pending.is_array() && pending.size() == 1u) << pending.dump();
+    EXPECT_NE(pending[0].value("status", ""), "recording");
+}
+
+TEST_F(CallsDaemonTest, SwitchedOffNothingStartsAndTheSwitchIsKept) {
+    auto off = json("calls off --json");
+    EXPECT_EQ(off.value("enabled", true), false) << off.dump();
+    EXPECT_EQ(off.value("monitoring", true), false);
+    startCall();
+    std::this_thread::sleep_for(3s);
+    EXPECT_FALSE(recording()) << log();
+    auto on = json("calls on --json");
+    EXPECT_EQ(on.value("enabled", false), true);
+    EXPECT_TRUE(eventually([&] { return recording(); })) << log();
+}
+
+}  // namespace
+}  // namespace vell
