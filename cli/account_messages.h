@@ -31,6 +31,7 @@ inline constexpr Text kUploadStoppedEnd{"). Free some space and run \"vell uploa
                                         "). Liberá espacio y volvé a ejecutar \"vell upload\"."};
 inline constexpr Text kNothingToUpload{"Nothing to upload.", "No hay nada para subir."};
 inline constexpr Text kUploaded{"uploaded", "subida"};
+inline constexpr Text kLeft{"left", "restante"};
 inline constexpr Text kFailed{"failed", "falló"};
 // Followed by the counts.
 inline constexpr Text kUploadSummary{"Uploaded: ", "Subidas: "};

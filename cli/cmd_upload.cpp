@@ -1,7 +1,10 @@
 // vell upload: one pass of the upload queue over the pending recordings of the signed-in
 // account, with a progress bar per file. Exits non-zero when any upload failed.
+#include <fmt/format.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cmath>
 #include <iostream>
 #include <nlohmann/json.hpp>
@@ -12,6 +15,7 @@
 #include "cli/command.h"
 #include "cli/help_messages.h"
 #include "cli/host_client.h"
+#include "cli/terminal.h"
 #include "cli/runtime_scope.h"
 #include "recording/recorder_service.h"
 #include "service/upload_queue.h"
@@ -22,39 +26,83 @@ namespace {
 
 using recording::PendingRecording;
 
-// A bar redrawn in place on a terminal; in a log or a pipe one line per step instead.
-class ProgressBar {
+// Size in the units a person reads: B, KiB, MiB, GiB.
+std::string bytesText(double bytes) {
+    if (bytes < 1024) return fmt::format("{:.0f} B", bytes);
+    if (bytes < 1024 * 1024) return fmt::format("{:.1f} KiB", bytes / 1024);
+    if (bytes < 1024.0 * 1024 * 1024) return fmt::format("{:.1f} MiB", bytes / (1024 * 1024));
+    return fmt::format("{:.2f} GiB", bytes / (1024.0 * 1024 * 1024));
+}
+
+// One line on standard error, redrawn in place on a terminal, as curl does: the file, the
+// share sent, bytes sent of the total, the rate and the time left, fitted to the width.
+// Elsewhere (a pipe, a log, TERM=dumb) nothing is drawn; the result lines say it all.
+class ProgressLine {
 public:
-    void show(const std::string& name, double fraction) {
-        int percent = static_cast<int>(std::floor(std::clamp(fraction, 0.0, 1.0) * 100));
-        if (name == name_ && percent == percent_) return;
-        name_ = name;
-        percent_ = percent;
-        if (!tty_) {
-            std::cout << name << ": " << percent << "%\n" << std::flush;
-            return;
+    explicit ProgressLine(bool draw) : draw_(draw) {}
+    void update(const std::string& name, const service::UploadActivity& activity) {
+        if (!draw_) return;
+        const auto now = std::chrono::steady_clock::now();
+        if (name != name_) {
+            name_ = name;
+            began_ = now;
+            firstBytes_ = activity.bytesSent;
         }
-        int filled = percent * kWidth / 100;
-        std::cout << "\r" << name << " [" << std::string(filled, '#') << std::string(kWidth - filled, '.') << "] "
-                  << percent << "%" << std::flush;
+        if (now - drawn_ < std::chrono::milliseconds(250) && activity.bytesSent < activity.totalBytes) return;
+        drawn_ = now;
+        const double seconds = std::chrono::duration<double>(now - began_).count();
+        const double total = double(activity.totalBytes);
+        const double sent = double(std::max(activity.bytesSent, (long long)(activity.progress * total)));
+        const double rate = seconds > 0.5 ? (sent - double(firstBytes_)) / seconds : 0;
+        std::string tail = fmt::format("{:3.0f}%  {} / {}", total > 0 ? 100 * sent / total : 0.0, bytesText(sent), bytesText(total));
+        if (rate > 0) {
+            const long left = std::lround((total - sent) / rate);
+            tail += fmt::format("  {}/s  {}:{:02}:{:02} {}", bytesText(rate), left / 3600, left / 60 % 60, left % 60,
+                                messages::kLeft.str());
+        }
+        std::string head = name;
+        const std::size_t width = terminalWidth();
+        if (head.size() + 2 + tail.size() >= width) {
+            const std::size_t room = width > tail.size() + 6 ? width - tail.size() - 6 : 1;
+            if (head.size() > room) head = "..." + head.substr(head.size() - room);
+        }
+        std::cerr << "\r\033[K" << head << "  " << tail << std::flush;
+        shown_ = true;
     }
-    void end(const std::string& line) {
-        if (!name_.empty() && tty_) std::cout << "\r" << name_ << " [" << std::string(kWidth, '#') << "] ";
-        if (!name_.empty() && !tty_) std::cout << name_ << ": ";
-        std::cout << line << "\n" << std::flush;
-        name_.clear();
-        percent_ = -1;
+    void clear() {
+        if (shown_) std::cerr << "\r\033[K" << std::flush;
+        shown_ = false;
     }
 
 private:
-    static constexpr int kWidth = 30;
-    bool tty_ = ::isatty(STDOUT_FILENO) != 0;
+    static std::size_t terminalWidth() {
+        winsize size{};
+        if (::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 20) return size.ws_col;
+        return 80;
+    }
+    bool draw_;
+    bool shown_ = false;
     std::string name_;
-    int percent_ = -1;
+    long long firstBytes_ = 0;
+    std::chrono::steady_clock::time_point began_{}, drawn_{};
 };
 
-// Prints a pass's outcome and gives its exit code.
-int report(const service::PassSummary& summary) {
+// The exit code of a pass's outcome.
+int exitCodeOf(const service::PassSummary& summary) {
+    if (summary.storageFailure) return kExitFailure;
+    if (summary.unauthenticated) return kExitSignedOut;
+    return summary.failed > 0 ? kExitFailure : kExitOK;
+}
+
+// Prints a pass's outcome (as one JSON object for scripts) and gives its exit code.
+int report(const service::PassSummary& summary, const nlohmann::json& attempts, bool json) {
+    if (json) {
+        nlohmann::json out{{"uploaded", summary.uploaded}, {"failed", summary.failed},
+                           {"unauthenticated", summary.unauthenticated}, {"attempts", attempts}};
+        if (summary.storageFailure) out["storageFailure"] = *summary.storageFailure;
+        std::cout << out.dump() << std::endl;
+        return exitCodeOf(summary);
+    }
     if (summary.storageFailure) {
         std::cout << messages::kUploadSummary.str() << summary.uploaded << messages::kFailedSummary.str() << summary.failed
                   << "\n";
@@ -67,18 +115,20 @@ int report(const service::PassSummary& summary) {
     }
     std::cout << messages::kUploadSummary.str() << summary.uploaded << messages::kFailedSummary.str() << summary.failed
               << "\n";
-    if (summary.unauthenticated) return kExitSignedOut;
-    return summary.failed > 0 ? kExitFailure : kExitOK;
+    return exitCodeOf(summary);
 }
 
 // The same pass, run by the host that owns the data folder.
-int uploadThroughHost(const dbus::ControlClient& host) {
+int uploadThroughHost(const dbus::ControlClient& host, bool json) {
     auto reply = host.upload();
     if (!reply) return reportHostError(reply.error());
     auto outcome = nlohmann::json::parse(*reply, nullptr, false);
     service::PassSummary summary;
+    nlohmann::json attempts = nlohmann::json::array();
     if (outcome.is_object()) {
-        for (const auto& attempt : outcome.value("attempts", nlohmann::json::array())) {
+        attempts = outcome.value("attempts", nlohmann::json::array());
+        for (const auto& attempt : attempts) {
+            if (json) break;
             std::cout << attempt.value("file", "") << ": "
                       << (attempt.contains("recordingId")
                               ? messages::kUploaded.str() + " (" + attempt.value("recordingId", "") + ")"
@@ -90,11 +140,11 @@ int uploadThroughHost(const dbus::ControlClient& host) {
         summary.unauthenticated = outcome.value("unauthenticated", false);
         if (outcome.contains("storageFailure")) summary.storageFailure = outcome.value("storageFailure", "");
     }
-    return report(summary);
+    return report(summary, attempts, json);
 }
 
-int upload(Context& context) {
-    if (auto host = runningHost()) return uploadThroughHost(*host);
+int upload(Context& context, bool json) {
+    if (auto host = runningHost()) return uploadThroughHost(*host, json);
     auto scope = RuntimeScope::enter(context);
     if (!scope) return context.exitCode;
     auto& main = scope->executor();
@@ -123,7 +173,7 @@ int upload(Context& context) {
     }
 
     auto& queue = core.uploads();
-    ProgressBar bar;
+    ProgressLine bar(fancyTerminal() && !context.quiet && !json);
     auto nameOf = [&store](const std::string& id) {
         for (const auto& r : store.pending()) {
             if (r.id == id) return r.fileURL.filename().string();
@@ -131,12 +181,20 @@ int upload(Context& context) {
         return id;
     };
     auto watching = queue.activity().subscribe([&](const service::UploadActivity& activity) {
-        if (activity.currentID) bar.show(nameOf(*activity.currentID), activity.progress);
+        if (activity.currentID) bar.update(nameOf(*activity.currentID), activity);
     });
+    nlohmann::json attempts = nlohmann::json::array();
     queue.onAttempt = [&](const PendingRecording& r, const Expected<std::string, service::UploadError>& result) {
-        bar.show(r.fileURL.filename().string(), result ? 1.0 : queue.activity().get().progress);
-        bar.end(result ? messages::kUploaded.str() + " (" + *result + ")"
-                       : messages::kFailed.str() + ": " + result.error().description());
+        bar.clear();
+        nlohmann::json attempt{{"file", r.fileURL.filename().string()}};
+        if (result) attempt["recordingId"] = *result;
+        else attempt["error"] = result.error().description();
+        attempts.push_back(attempt);
+        if (json) return;
+        std::cout << r.fileURL.filename().string() << ": "
+                  << (result ? messages::kUploaded.str() + " (" + *result + ")"
+                             : messages::kFailed.str() + ": " + result.error().description())
+                  << std::endl;
     };
 
     service::PassSummary summary;
@@ -146,12 +204,15 @@ int upload(Context& context) {
     });
     main.run();
     queue.onAttempt = nullptr;
-    return report(summary);
+    bar.clear();
+    return report(summary, attempts, json);
 }
 
 void setup(CLI::App& app, Context& context) {
     auto* cmd = app.add_subcommand("upload", help::kUpload.str());
-    cmd->callback([&context] { context.exitCode = upload(context); });
+    auto json = std::make_shared<bool>(false);
+    cmd->add_flag("--json", *json, help::kJson.str());
+    cmd->callback([&context, json] { context.exitCode = upload(context, *json); });
 }
 
 }  // namespace

@@ -87,6 +87,7 @@ Expected<http::Request, APIError> APIClient::build(ApiRequest request) const {
     }
     out.idleSeconds = request.idleSeconds;
     out.maxSeconds = kTransferLimit;
+    out.onUpload = std::move(request.onUpload);
     out.cancel = &cancel_;
     out.headers.emplace_back("Accept", "application/json");
     out.headers.emplace_back("User-Agent", http::binding().userAgent());

@@ -42,6 +42,7 @@ struct ApiRequest {
     std::optional<std::string> body;
     std::optional<std::filesystem::path> bodyFile;
     double idleSeconds = kRequestTimeout;
+    std::function<void(long long sent)> onUpload;  // bytes of the body sent so far
 };
 
 // The service's root URL: the one fixed at build time, or for development and tests the

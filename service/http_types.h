@@ -3,6 +3,7 @@
 // transfer library.
 #include <atomic>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <utility>
@@ -26,6 +27,8 @@ struct Request {
     double maxSeconds = 600;
     // Set from another thread to abandon the transfer.
     const std::atomic<bool>* cancel = nullptr;
+    // Bytes of the body sent so far, told from the transfer's thread as they go.
+    std::function<void(long long sent)> onUpload;
 };
 
 struct Response {

@@ -65,7 +65,8 @@ std::string mimeTypeFor(const std::filesystem::path& file) {
 Expected<std::string, UploadError> RecordingUploads::uploadRecording(const std::filesystem::path& file,
                                                                      const std::optional<std::string>& summaryPromptID,
                                                                      const std::optional<CaptureWindow>& capture,
-                                                                     const Progress& progress) const {
+                                                                     const Progress& progress,
+                                                                     const std::function<void(long long, long long)>& bytes) const {
     const std::string mimeType = mimeTypeFor(file);
     const std::string fileName = file.filename().string();
     Fd in{::open(file.c_str(), O_RDONLY | O_CLOEXEC)};
@@ -106,7 +107,11 @@ Expected<std::string, UploadError> RecordingUploads::uploadRecording(const std::
                                       .path = partPath,
                                       .headers = {{"Content-Type", mimeType}, {"X-Upload-Offset", std::to_string(offset)}},
                                       .body = std::move(*chunk),
-                                      .idleSeconds = kPartTimeout});
+                                      .idleSeconds = kPartTimeout,
+                                      .onUpload = bytes ? std::function<void(long long)>([&bytes, offset, totalBytes](long long sent) {
+                                          bytes(offset + sent, totalBytes);
+                                      })
+                                                        : std::function<void(long long)>()});
         if (!reply) return unexpected(reply.error());
         auto part = decodeResumablePart(reply->body);
         std::optional<long long> acknowledged;

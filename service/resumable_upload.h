@@ -39,10 +39,13 @@ public:
     // Returns the service's recording identifier. Keeps no state between calls: calling it
     // again after any failure resumes from the byte count the service holds for this file
     // name. Progress is reported after the start and after each acknowledged part.
+    // bytes, when given, follows the body inside each part (sent so far, total), from the
+    // transfer's thread; progress keeps to the start and each acknowledged part.
     Expected<std::string, UploadError> uploadRecording(const std::filesystem::path& file,
                                                        const std::optional<std::string>& summaryPromptID,
                                                        const std::optional<CaptureWindow>& capture,
-                                                       const Progress& progress) const;
+                                                       const Progress& progress,
+                                                       const std::function<void(long long sent, long long total)>& bytes = {}) const;
 
     // One multipart form POST; the body is streamed through a temporary file.
     Expected<std::string, UploadError> uploadMultipart(const std::filesystem::path& file,

@@ -25,13 +25,22 @@ constexpr double kSweepIntervalSeconds = 3600;
 
 void ApiRecordingUploader::upload(const PendingRecording& recording, std::function<void(double)> progress, Done done) {
     std::optional<CaptureWindow> capture = CaptureWindow{recording.startedAt, recording.finishedAt};
-    client_.spawn([this, file = recording.fileURL, capture, progress = std::move(progress), done = std::move(done)] {
+    client_.spawn([this, id = recording.id, file = recording.fileURL, capture, progress = std::move(progress),
+                   done = std::move(done), onBytes = onBytes] {
         RecordingUploads uploads(client_);
         auto onProgress = [&progress](double fraction) {
             if (progress) runtime::main().post([progress, fraction] { progress(fraction); });
         };
+        // Told a few times a second at most: the transfer calls back far more often.
+        auto lastTold = std::chrono::steady_clock::time_point{};
+        auto onSent = [&](long long sent, long long total) {
+            const auto now = std::chrono::steady_clock::now();
+            if (!onBytes || (now - lastTold < std::chrono::milliseconds(200) && sent < total)) return;
+            lastTold = now;
+            runtime::main().post([onBytes, id, sent, total] { onBytes(id, sent, total); });
+        };
         auto result = std::make_shared<Expected<std::string, UploadError>>(
-            uploads.uploadRecording(file, std::nullopt, capture, onProgress));
+            uploads.uploadRecording(file, std::nullopt, capture, onProgress, onSent));
         runtime::main().post([done, result] { done(std::move(*result)); });
     });
 }
@@ -45,10 +54,21 @@ UploadQueue::UploadQueue(recording::PendingRecordingStore& store, RecordingUploa
       random_(std::move(random01)),
       settings_(std::move(settings)),
       receipts_(settings_.receiptsFile.empty() ? paths::vellDataDirectory() / "upload-receipts.json"
-                                               : settings_.receiptsFile) {}
+                                               : settings_.receiptsFile) {
+    std::weak_ptr<bool> alive = alive_;
+    uploader_.onBytes = [this, alive](const std::string& id, long long sent, long long total) {
+        auto a = alive.lock();
+        if (!a || !*a || activity_.get().currentID != id) return;
+        activity_.modify([&](UploadActivity& activity) {
+            activity.bytesSent = sent;
+            activity.totalBytes = total;
+        });
+    };
+}
 
 UploadQueue::~UploadQueue() {
     *alive_ = false;
+    uploader_.onBytes = nullptr;
     retryTimer_.cancel();
     sweepTimer_.cancel();
 }
@@ -150,7 +170,9 @@ void UploadQueue::next() {
     uploader_.upload(
         recording,
         [this, alive, id](double fraction) {
-            if (auto a = alive.lock(); a && *a && activity_.get().currentID == id) activity_.set({id, fraction});
+            if (auto a = alive.lock(); a && *a && activity_.get().currentID == id) {
+                activity_.modify([&](UploadActivity& activity) { activity.progress = fraction; });
+            }
         },
         [this, alive, recording](Expected<std::string, UploadError> result) {
             if (auto a = alive.lock(); a && *a) finished(recording, std::move(result));

@@ -31,6 +31,9 @@ public:
     using Done = std::function<void(Expected<std::string, UploadError>)>;
     virtual ~RecordingUploader() = default;
     virtual void upload(const recording::PendingRecording& recording, std::function<void(double)> progress, Done done) = 0;
+    // Bytes sent of the recording being uploaded (sent, total), on the main executor and
+    // at most a few times a second, for displays that show speed and time left.
+    std::function<void(const std::string& id, long long sent, long long total)> onBytes;
 };
 
 // The resumable protocol on a worker thread of the API client.
@@ -52,7 +55,9 @@ struct UploadQueueSettings {
 
 struct UploadActivity {
     std::optional<std::string> currentID;  // the recording being uploaded
-    double progress = 0;
+    double progress = 0;                   // acknowledged by the service, 0...1
+    long long bytesSent = 0;               // sent so far, acknowledged or not
+    long long totalBytes = 0;
     bool operator==(const UploadActivity&) const = default;
 };
 

@@ -68,9 +68,11 @@ size_t writeResponse(char* data, size_t size, size_t count, void* user) {
     return n;
 }
 
-int progress(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
-    auto* cancel = static_cast<const std::atomic<bool>*>(user);
-    return cancel && cancel->load() ? 1 : 0;
+int progress(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t uploaded) {
+    const auto* request = static_cast<const Request*>(user);
+    if (request->cancel && request->cancel->load()) return 1;
+    if (request->onUpload && uploaded > 0) request->onUpload(static_cast<long long>(uploaded));
+    return 0;
 }
 
 struct SList {
@@ -201,8 +203,8 @@ Expected<Response, TransportError> CurlSession::perform(const Request& request) 
     curl_easy_setopt(h, CURLOPT_LOW_SPEED_TIME, static_cast<long>(std::ceil(idle)));
     curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, static_cast<long>(std::max(request.maxSeconds, idle) * 1000));
     curl_easy_setopt(h, CURLOPT_XFERINFOFUNCTION, &progress);
-    curl_easy_setopt(h, CURLOPT_XFERINFODATA, request.cancel);
-    curl_easy_setopt(h, CURLOPT_NOPROGRESS, request.cancel ? 0L : 1L);
+    curl_easy_setopt(h, CURLOPT_XFERINFODATA, &request);
+    curl_easy_setopt(h, CURLOPT_NOPROGRESS, request.cancel || request.onUpload ? 0L : 1L);
 
     Body body;
     int fd = -1;

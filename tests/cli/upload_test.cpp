@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <nlohmann/json.hpp>
 
 #include "base/paths.h"
 #include "recording/pending_list.h"
@@ -62,9 +63,14 @@ TEST(CliUpload, UploadsPendingRecordingsAndReportsFailures) {
     EXPECT_EQ((*stored)[0].attempts, 1);
     EXPECT_EQ((*stored)[1].status, PendingRecording::Status::uploaded);
 
-    auto rest = runVell(home, "upload");
+    auto rest = runVell(home, "--lang es upload --json");
     EXPECT_EQ(rest.status, 0) << rest.output;
-    EXPECT_NE(rest.output.find("100%"), std::string::npos) << rest.output;
+    auto outcome = nlohmann::json::parse(rest.output, nullptr, false);  // one object, no progress off a terminal
+    ASSERT_TRUE(outcome.is_object()) << rest.output;
+    EXPECT_EQ(outcome["uploaded"], 1);
+    EXPECT_EQ(outcome["failed"], 0);
+    ASSERT_EQ(outcome["attempts"].size(), 1u);
+    EXPECT_EQ(outcome["attempts"][0]["file"], "vell_rec_one.aac");
     stored = manifest.load();
     EXPECT_EQ((*stored)[0].status, PendingRecording::Status::uploaded);
     EXPECT_EQ(server.recordings().size(), 2u);
