@@ -2,6 +2,7 @@
 
 #include <mutex>
 
+#include "app/composition_automation.h"
 #include "app/core_services.h"
 #include "app/host.h"
 #include "app/input_levels.h"
@@ -101,6 +102,8 @@ Host& host() {
                                                                   autostartCommand());
         HostServices services;
         // Each long-lived service joins the launch sequence here, at its place.
+        services.startDiscardedPurge = &startDiscardedPurge;
+        services.startCalendarRecorder = &startCalendarRecorder;
         return new Host(core(), std::move(ports), std::move(services), UserDefaults::standard(), runtime::main());
     }();
     return *made;

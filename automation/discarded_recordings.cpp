@@ -45,9 +45,16 @@ void DiscardedRecordings::start() {
         nobodySpoke_.insert(id);
         return true;
     };
-    // Discards made before this run are not offered again, only removed when their time is up.
+    // Discards made before this run (a restart, or another process) are not announced again;
+    // the newest one still inside its window stays undoable.
+    const WallTime now = clock_.now();
     for (const auto& r : recorder_.pending()) {
-        if (r.status == Status::discarded) seenDiscards_.insert(r.id);
+        if (r.status != Status::discarded) continue;
+        seenDiscards_.insert(r.id);
+        const auto current = latest.get();
+        if (secondsBetween(discardTime(r), now) < kUndoWindowSeconds && (!current || current->discardedAt <= discardTime(r))) {
+            latest.set(DiscardedEntry{r.id, discardTime(r), std::nullopt, DiscardReason::user});
+        }
     }
     pendingWatch_ = recorder_.state.pending.subscribe([this](const auto&) { pendingChanged(); });
     removeExpired(clock_.now());

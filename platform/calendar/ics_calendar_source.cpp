@@ -146,12 +146,15 @@ void IcsCalendarSource::refreshIfDue(const std::string& source) {
     std::weak_ptr<int> alive = alive_;
     downloads_->post([this, alive, source] {
         if (alive.expired()) return;
-        download(source);
+        auto error = download(source);
+        main_.post([this, alive, source, error] {
+            if (!alive.expired()) applyDownload(source, error);
+        });
     });
 }
 
-// On the download queue.
-void IcsCalendarSource::download(const std::string& source) {
+// On the download queue: the error, or nothing when the cached copy is current.
+std::optional<std::string> IcsCalendarSource::download(const std::string& source) {
     const fs::path file = cacheFile(source);
     fs::path meta = file;
     meta.replace_extension(".json");
@@ -181,15 +184,16 @@ void IcsCalendarSource::download(const std::string& source) {
         }
     }
     if (error) kLog.error("calendar " + source + " not refreshed: " + *error);
-    std::weak_ptr<int> alive = alive_;
-    main_.post([this, alive, source, error] {
-        if (alive.expired()) return;
-        auto it = loaded_.find(source);
-        if (it == loaded_.end()) return;
-        it->second->downloading = false;
-        it->second->state.error = error;
-        if (!error) it->second->state.loadedAt = clock_.now();
-    });
+    return error;
+}
+
+void IcsCalendarSource::applyDownload(const std::string& source, const std::optional<std::string>& error) {
+    auto it = loaded_.find(source);
+    if (it == loaded_.end()) return;
+    it->second->downloading = false;
+    it->second->state.error = error;
+    if (!error) it->second->state.loadedAt = clock_.now();
+    load(source);
 }
 
 CalendarAccess IcsCalendarSource::access() {
@@ -231,7 +235,9 @@ void IcsCalendarSource::refreshNow() {
     for (const auto& s : configuredSources(defaults_)) {
         if (!isRemoteSource(s)) continue;
         load(s);
-        downloads_->sync([&] { download(s); });
+        std::optional<std::string> error;
+        downloads_->sync([&] { error = download(s); });
+        applyDownload(s, error);
     }
 }
 

@@ -56,7 +56,8 @@ private:
     struct Loaded;
     void load(const std::string& source);
     void refreshIfDue(const std::string& source);
-    void download(const std::string& source);
+    std::optional<std::string> download(const std::string& source);
+    void applyDownload(const std::string& source, const std::optional<std::string>& error);
     std::filesystem::path cacheFile(const std::string& source) const;
 
     UserDefaults& defaults_;

@@ -48,6 +48,11 @@ public:
     Result<Unit> signOut() const;
     Result<std::string> whoAmI() const;
     Result<Unit> quit() const;
+    Result<std::string> calendarAdd(const std::string& source) const;
+    Result<std::string> calendarRemove(const std::string& source) const;
+    Result<Unit> calendarSetEnabled(bool enabled) const;
+    Result<std::string> calendarReport(bool upcoming) const;
+    Result<std::string> undo() const;
 
 private:
     ControlClient() = default;

@@ -19,6 +19,13 @@
 //   SignOut ()
 //   WhoAmI () -> s                  {"id","email","role","isAdmin"}, checked with the service
 //   Quit ()                         stop and quit
+//   CalendarAdd (s source) -> s     an iCalendar file or http(s)/webcal address; the stored form
+//   CalendarRemove (s source) -> s  by stored form or 1-based position; the removed source
+//   CalendarSetEnabled (b)          record calendar meetings on or off
+//   CalendarReport (b upcoming) -> s  {"enabled","access","sources":[...],"upcoming":[...],
+//                                   "recordingMeeting","undo":{"takeID","meeting","reason",
+//                                   "secondsLeft"} or {}}
+//   Undo () -> s                    restores the latest discard: {"takeID","meeting"}
 #include <string_view>
 
 namespace vell::dbus {

@@ -11,6 +11,7 @@
 #include "app/input_levels.h"
 #include "base/log.h"
 #include "base/runtime.h"
+#include "platform/dbus/control_calendar.h"
 #include "platform/dbus/control_context.h"
 #include "platform/dbus/control_protocol.h"
 #include "recording/pending_recording_coding.h"
@@ -61,6 +62,7 @@ namespace {
 // The features' parts of the interface, each in its own file.
 const ControlExtension kExtensions[] = {
     nullptr,
+    &registerCalendarControl,
 };
 }  // namespace
 
