@@ -153,3 +153,30 @@ TEST_F(DiscardedRecordingsTest, PurgesSurviveRestartsUntilTheServiceConfirms) {
 
 }  // namespace
 }  // namespace vell::automation
+
+namespace vell::automation {
+namespace {
+
+class DiscardAcrossRestartsTest : public test_rig::AutomationTest {};
+
+TEST_F(DiscardAcrossRestartsTest, TheNewestDiscardInsideItsWindowStaysUndoableAfterARestart) {
+    ASSERT_TRUE(startAndWait());
+    const auto older = *recorder->currentID();
+    recorder->stop(true, true);
+    exec.advance(10);
+    ASSERT_TRUE(startAndWait());
+    const auto newer = *recorder->currentID();
+    recorder->stop(true, true);
+    exec.advance(100);
+    auto& d = makeDiscards();
+    ASSERT_TRUE(d.latest.get());
+    EXPECT_EQ(d.latest.get()->takeID, newer);
+    EXPECT_DOUBLE_EQ(d.secondsLeft(), 200.0);
+    EXPECT_TRUE(posted.empty());
+    ASSERT_TRUE(d.undo());
+    EXPECT_EQ(entry(newer)->status, Status::ready);
+    EXPECT_EQ(entry(older)->status, Status::discarded);
+}
+
+}  // namespace
+}  // namespace vell::automation
