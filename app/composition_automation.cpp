@@ -68,8 +68,9 @@ automation::DiscardedRecordings& discardedRecordings() {
 automation::CalendarAutoRecorder& calendarAutoRecorder() {
     static auto* made = [] {
         automation::CalendarAutoRecorder::Ports ports;
-        // Recordings belong to an account: a meeting starts one once the user is signed in.
-        ports.readyToRecord = [] { return core().appState().phase.get() == AppState::Phase::signedIn; };
+        // Recordings belong to an account: a meeting starts one once the user is signed in,
+        // or at launch while the stored session's account is being checked.
+        ports.readyToRecord = [] { return core().accountID().has_value(); };
         ports.post = [](const automation::AutomationNotice& notice) { host().post(toNotification(notice)); };
         return new automation::CalendarAutoRecorder(calendarSource(), core().recorder(), UserDefaults::standard(),
                                                     runtime::main(), runtime::clock(), std::move(ports));
