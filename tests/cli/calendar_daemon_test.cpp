@@ -10,7 +10,11 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <condition_variable>
 #include <ctime>
+#include <map>
+#include <mutex>
+#include <sdbus-c++/sdbus-c++.h>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <thread>
@@ -56,9 +60,56 @@ std::string icsTime(std::chrono::system_clock::time_point t) {
     return buffer;
 }
 
+// org.freedesktop.Notifications on the private bus, keeping what the host shows.
+class NotificationServer {
+public:
+    NotificationServer() : connection_(sdbus::createSessionBusConnection("org.freedesktop.Notifications")) {
+        object_ = sdbus::createObject(*connection_, "/org/freedesktop/Notifications");
+        const char* I = "org.freedesktop.Notifications";
+        object_->registerMethod("Notify").onInterface(I).implementedAs(
+            [this](std::string, uint32_t replaces, std::string, std::string summary, std::string body,
+                   std::vector<std::string> actions, std::map<std::string, sdbus::Variant>, int32_t) {
+                std::lock_guard guard(m);
+                uint32_t id = replaces ? replaces : ++lastID;
+                shown.push_back({id, summary, body, actions});
+                return id;
+            });
+        object_->registerMethod("CloseNotification").onInterface(I).implementedAs([](uint32_t) {});
+        object_->registerMethod("GetCapabilities").onInterface(I).implementedAs(
+            [] { return std::vector<std::string>{"actions", "body"}; });
+        object_->registerSignal("ActionInvoked").onInterface(I).withParameters<uint32_t, std::string>();
+        object_->registerSignal("NotificationClosed").onInterface(I).withParameters<uint32_t, uint32_t>();
+        object_->finishRegistration();
+        connection_->enterEventLoopAsync();
+    }
+    ~NotificationServer() { connection_->leaveEventLoop(); }
+    void click(uint32_t id, const std::string& action) {
+        object_->emitSignal("ActionInvoked").onInterface("org.freedesktop.Notifications").withArguments(id, action);
+    }
+    struct Shown {
+        uint32_t id;
+        std::string summary, body;
+        std::vector<std::string> actions;
+    };
+    std::optional<Shown> find(const std::string& summary) {
+        std::lock_guard guard(m);
+        for (auto& s : shown)
+            if (s.summary == summary) return s;
+        return std::nullopt;
+    }
+
+private:
+    std::mutex m;
+    std::vector<Shown> shown;
+    uint32_t lastID = 0;
+    std::unique_ptr<sdbus::IConnection> connection_;
+    std::unique_ptr<sdbus::IObject> object_;
+};
+
 class CalendarDaemonTest : public ::testing::Test {
 protected:
     void SetUp() override {
+        notifications = std::make_unique<NotificationServer>();
         drainer = spawnTo({"parec", "--device=fakemic", "--raw", "/dev/null"}, home.tmp() / "drainer.out");
         daemon = spawnTo({vell(), "--lang", "en", "-v", "daemon"}, daemonLog());
         ASSERT_GT(daemon, 0);
@@ -93,6 +144,7 @@ protected:
     test::PrivateBus bus;
     test::PulseServer pulse;
     test::DevServer server{{.users = {"a@vell.test:pw-a"}}};
+    std::unique_ptr<NotificationServer> notifications;
     pid_t drainer = -1;
     pid_t daemon = -1;
 };
@@ -123,13 +175,18 @@ TEST_F(CalendarDaemonTest, AMeetingUnderWayStartsARecordingUnderItsTitleAndADisc
     }
     ASSERT_EQ(status["recordingMeeting"], "Standup with Bruno") << readAll(daemonLog());
     EXPECT_NE(run("status").output.find("ecording"), std::string::npos);
-    // No notification server on this bus: the host logs what it would have shown.
-    EXPECT_NE(readAll(daemonLog()).find("Recording \u201cStandup with Bruno\u201d"), std::string::npos)
-        << readAll(daemonLog());
-
-    // Deleted: undoable, and `vell undo` brings it back as an ordinary pending recording.
-    std::this_thread::sleep_for(1s);
-    ASSERT_EQ(run("stop --discard").status, 0);
+    // The notification offers Delete; choosing it discards the recording, undoably.
+    const std::string title = "Recording \u201cStandup with Bruno\u201d";
+    std::optional<NotificationServer::Shown> shown;
+    for (int i = 0; i < 50 && !shown; ++i) {
+        std::this_thread::sleep_for(100ms);
+        shown = notifications->find(title);
+    }
+    ASSERT_TRUE(shown) << readAll(daemonLog());
+    EXPECT_EQ(shown->body, "Started from your calendar. Delete it if it's the wrong moment.");
+    ASSERT_NE(std::find(shown->actions.begin(), shown->actions.end(), "app.quillon.mac.deleteRecording"), shown->actions.end());
+    notifications->click(shown->id, "app.quillon.mac.deleteRecording");
+    for (int i = 0; i < 50 && calendarStatus()["recordingMeeting"].is_string(); ++i) std::this_thread::sleep_for(100ms);
     status = calendarStatus();
     ASSERT_TRUE(status["undo"].contains("takeID")) << status.dump();
     EXPECT_EQ(status["undo"]["meeting"], "Standup with Bruno");
