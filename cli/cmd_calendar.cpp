@@ -154,7 +154,10 @@ int add(Context& context, const std::string& source) {
     if (auto report = fetchReport(context, false)) {
         for (const auto& s : (*report)["sources"]) {
             if (text(s, "source") != stored) continue;
-            if (!s.value("readable", false)) std::cerr << msg::kAddedButUnreadable.str() << text(s, "error") << "\n";
+            // A subscription the host is still downloading has no error yet.
+            if (!s.value("readable", false) && !text(s, "error").empty()) {
+                std::cerr << msg::kAddedButUnreadable.str() << text(s, "error") << "\n";
+            }
         }
     }
     context.exitCode = kExitOK;

@@ -42,8 +42,9 @@ void registerCalendarControl(ControlContext& context) {
         ctx->onMain(std::move(result), [source](auto& r) {
             auto added = calendar::addSource(UserDefaults::standard(), source);
             if (!added) return r->returnError(failed(added.error()));
-            // A new subscription is read at once rather than at the next refresh.
-            if (auto* ics = icsSource(); ics && calendar::isRemoteSource(*added)) ics->refreshNow();
+            // A new subscription starts downloading now (on its own queue) rather than at the
+            // next tick.
+            if (auto* ics = icsSource()) ics->access();
             r->returnResults(*added);
         });
     });

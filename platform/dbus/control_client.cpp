@@ -135,8 +135,7 @@ ControlClient::Result<Unit> ControlClient::quit() const {
 ControlClient::Result<std::string> ControlClient::calendarAdd(const std::string& source) const {
     return guarded([this, &source] {
         std::string stored;
-        // A subscription is downloaded once before the answer.
-        proxy_->callMethod("CalendarAdd").onInterface(kControlInterface).withTimeout(90s).withArguments(source).storeResultsTo(stored);
+        proxy_->callMethod("CalendarAdd").onInterface(kControlInterface).withTimeout(30s).withArguments(source).storeResultsTo(stored);
         return stored;
     });
 }
