@@ -3,6 +3,7 @@
 #include <mutex>
 
 #include "app/composition_calls.h"
+#include "app/composition_automation.h"
 #include "app/core_services.h"
 #include "app/host.h"
 #include "app/input_levels.h"
@@ -106,6 +107,8 @@ Host& host() {
         services.startInsuranceRecorder = [] { insurance::InsuranceRecorder::shared().launch(&host().asleep); };
         services.shutdownInsurance = [](std::function<void()> done) { insurance::InsuranceRecorder::shared().shutdown(std::move(done)); };
         services.startCallRecorder = [] { startCallRecorder(host()); };
+        services.startDiscardedPurge = &startDiscardedPurge;
+        services.startCalendarRecorder = &startCalendarRecorder;
         return new Host(core(), std::move(ports), std::move(services), UserDefaults::standard(), runtime::main());
     }();
     return *made;

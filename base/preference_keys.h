@@ -31,6 +31,10 @@ inline constexpr std::string_view kInsuranceWindowMinutes = "app.quillon.mac.ins
 inline constexpr std::string_view kCalendarHandledMeetings = "app.quillon.mac.calendarHandledMeetings";
 // List of text; empty.
 inline constexpr std::string_view kPendingLiveSessionPurges = "app.quillon.mac.pendingLiveSessionPurges";
+// List of text: the calendars to read (iCalendar file paths and http(s) URLs); empty.
+inline constexpr std::string_view kCalendarSources = "app.quillon.mac.calendarSources";
+// List of text: the user's own attendee addresses besides the signed-in email; empty.
+inline constexpr std::string_view kCalendarAddresses = "app.quillon.mac.calendarAddresses";
 
 inline constexpr bool kShowsDockIconDefault = true;
 inline constexpr bool kAutoRecordCallsDefault = true;

@@ -523,6 +523,14 @@ void RecorderService::stopAutomatically(const std::string& message) {
 
 void RecorderService::stop(bool userInitiated, bool discard) {
     if (!state.isRecording.get() || !currentID_) return;
+    if (!discard && discardAtStop) {
+        bool heardSpeech = heardMeaningfulAudio_;
+        if (parts_.speech && parts_.speech->usable()) {
+            const auto heard = parts_.speech->lastSpeech();
+            heardSpeech = heard && startedAt_ && *heard >= *startedAt_;
+        }
+        discard = discardAtStop(*currentID_, heardSpeech);
+    }
     ticker_.cancel();
     ticker_ = {};
     const WallTime now = runtime::clock().now();

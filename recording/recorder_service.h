@@ -71,6 +71,10 @@ public:
     // executor with whether the recording started (false also when a start was ignored).
     void start(StartOptions options = {}, std::function<void(bool started)> done = {});
     void stop(bool userInitiated = true, bool discard = false);
+    // Asked as a recording stops without a discard: true discards it instead (a meeting
+    // recording nobody spoke in). heardSpeech: the speech detector heard someone since the
+    // start (without a usable detector: meaningful audio arrived). Main executor.
+    std::function<bool(const std::string& id, bool heardSpeech)> discardAtStop;
 
     // One-time adoption of recordings made before accounts were tracked.
     int assignAccountToUnowned(const std::string& accountID);

@@ -199,4 +199,43 @@ ControlClient::Result<std::string> ControlClient::setCallsEnabled(bool enabled) 
     });
 }
 
+ControlClient::Result<std::string> ControlClient::calendarAdd(const std::string& source) const {
+    return guarded([this, &source] {
+        std::string stored;
+        proxy_->callMethod("CalendarAdd").onInterface(kControlInterface).withTimeout(30s).withArguments(source).storeResultsTo(stored);
+        return stored;
+    });
+}
+
+ControlClient::Result<std::string> ControlClient::calendarRemove(const std::string& source) const {
+    return guarded([this, &source] {
+        std::string removed;
+        proxy_->callMethod("CalendarRemove").onInterface(kControlInterface).withTimeout(30s).withArguments(source).storeResultsTo(removed);
+        return removed;
+    });
+}
+
+ControlClient::Result<Unit> ControlClient::calendarSetEnabled(bool enabled) const {
+    return guarded([this, enabled] {
+        proxy_->callMethod("CalendarSetEnabled").onInterface(kControlInterface).withTimeout(30s).withArguments(enabled);
+        return Unit{};
+    });
+}
+
+ControlClient::Result<std::string> ControlClient::calendarReport(bool upcoming) const {
+    return guarded([this, upcoming] {
+        std::string json;
+        proxy_->callMethod("CalendarReport").onInterface(kControlInterface).withTimeout(30s).withArguments(upcoming).storeResultsTo(json);
+        return json;
+    });
+}
+
+ControlClient::Result<std::string> ControlClient::undo() const {
+    return guarded([this] {
+        std::string json;
+        proxy_->callMethod("Undo").onInterface(kControlInterface).withTimeout(30s).storeResultsTo(json);
+        return json;
+    });
+}
+
 }  // namespace vell::dbus

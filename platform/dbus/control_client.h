@@ -56,6 +56,11 @@ public:
     Result<int> insuranceExport(int minutes, const std::string& path) const;
     Result<std::string> callsStatus() const;
     Result<std::string> setCallsEnabled(bool enabled) const;
+    Result<std::string> calendarAdd(const std::string& source) const;
+    Result<std::string> calendarRemove(const std::string& source) const;
+    Result<Unit> calendarSetEnabled(bool enabled) const;
+    Result<std::string> calendarReport(bool upcoming) const;
+    Result<std::string> undo() const;
 
 private:
     ControlClient() = default;

@@ -36,6 +36,13 @@
 //   SetCallsEnabled (b) -> s        the "Record calls automatically" switch; the new status
 // Property ActiveCallers as: the display names of the callers seen by the latest poll (read
 // on demand; not announced).
+//   CalendarAdd (s source) -> s     an iCalendar file or http(s)/webcal address; the stored form
+//   CalendarRemove (s source) -> s  by stored form or 1-based position; the removed source
+//   CalendarSetEnabled (b)          record calendar meetings on or off
+//   CalendarReport (b upcoming) -> s  {"enabled","access","sources":[...],"upcoming":[...],
+//                                   "recordingMeeting","undo":{"takeID","meeting","reason",
+//                                   "secondsLeft"} or {}}
+//   Undo () -> s                    restores the latest discard: {"takeID","meeting"}
 #include <string_view>
 
 namespace vell::dbus {

@@ -12,6 +12,7 @@
 #include "base/log.h"
 #include "base/runtime.h"
 #include "platform/dbus/control_calls.h"
+#include "platform/dbus/control_calendar.h"
 #include "platform/dbus/control_context.h"
 #include "platform/dbus/control_insurance.h"
 #include "platform/dbus/control_protocol.h"
@@ -64,6 +65,7 @@ namespace {
 const ControlExtension kExtensions[] = {
     &registerInsuranceControl,
     &registerCallsControl,
+    &registerCalendarControl,
 };
 }  // namespace
 

@@ -1,0 +1,217 @@
+// The calendar automation through `vell daemon`: a private session bus, a private
+// PulseAudio and the reference service. A meeting in a calendar file that began half a
+// minute ago starts a recording under its title; discarded, it can be brought back with
+// `vell undo`.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <ctime>
+#include <map>
+#include <mutex>
+#include <sdbus-c++/sdbus-c++.h>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "tests/support/devserver_process.h"
+#include "tests/support/private_bus.h"
+#include "tests/support/pulse_server.h"
+#include "tests/support/temp_home.h"
+
+extern char** environ;
+
+namespace vell {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+pid_t spawnTo(std::vector<std::string> args, const fs::path& output) {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    pid_t pid = -1;
+    if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+std::string readAll(const fs::path& file) {
+    std::ifstream in(file);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+std::string icsTime(std::chrono::system_clock::time_point t) {
+    const std::time_t s = std::chrono::system_clock::to_time_t(t);
+    std::tm tm{};
+    gmtime_r(&s, &tm);
+    char buffer[32];
+    std::strftime(buffer, sizeof buffer, "%Y%m%dT%H%M%SZ", &tm);
+    return buffer;
+}
+
+// org.freedesktop.Notifications on the private bus, keeping what the host shows.
+class NotificationServer {
+public:
+    NotificationServer() : connection_(sdbus::createSessionBusConnection("org.freedesktop.Notifications")) {
+        object_ = sdbus::createObject(*connection_, "/org/freedesktop/Notifications");
+        const char* I = "org.freedesktop.Notifications";
+        object_->registerMethod("Notify").onInterface(I).implementedAs(
+            [this](std::string, uint32_t replaces, std::string, std::string summary, std::string body,
+                   std::vector<std::string> actions, std::map<std::string, sdbus::Variant>, int32_t) {
+                std::lock_guard guard(m);
+                uint32_t id = replaces ? replaces : ++lastID;
+                shown.push_back({id, summary, body, actions});
+                return id;
+            });
+        object_->registerMethod("CloseNotification").onInterface(I).implementedAs([](uint32_t) {});
+        object_->registerMethod("GetCapabilities").onInterface(I).implementedAs(
+            [] { return std::vector<std::string>{"actions", "body"}; });
+        object_->registerSignal("ActionInvoked").onInterface(I).withParameters<uint32_t, std::string>();
+        object_->registerSignal("NotificationClosed").onInterface(I).withParameters<uint32_t, uint32_t>();
+        object_->finishRegistration();
+        connection_->enterEventLoopAsync();
+    }
+    ~NotificationServer() { connection_->leaveEventLoop(); }
+    void click(uint32_t id, const std::string& action) {
+        object_->emitSignal("ActionInvoked").onInterface("org.freedesktop.Notifications").withArguments(id, action);
+    }
+    struct Shown {
+        uint32_t id;
+        std::string summary, body;
+        std::vector<std::string> actions;
+    };
+    std::optional<Shown> find(const std::string& summary) {
+        std::lock_guard guard(m);
+        for (auto& s : shown)
+            if (s.summary == summary) return s;
+        return std::nullopt;
+    }
+
+private:
+    std::mutex m;
+    std::vector<Shown> shown;
+    uint32_t lastID = 0;
+    std::unique_ptr<sdbus::IConnection> connection_;
+    std::unique_ptr<sdbus::IObject> object_;
+};
+
+class CalendarDaemonTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        notifications = std::make_unique<NotificationServer>();
+        drainer = spawnTo({"parec", "--device=fakemic", "--raw", "/dev/null"}, home.tmp() / "drainer.out");
+        daemon = spawnTo({vell(), "--lang", "en", "-v", "daemon"}, daemonLog());
+        ASSERT_GT(daemon, 0);
+        for (int i = 0; i < 100; ++i) {
+            if (run("status --json").output.find("\"host\":true") != std::string::npos) return;
+            std::this_thread::sleep_for(100ms);
+        }
+        FAIL() << "the host did not come up:\n" << readAll(daemonLog());
+    }
+    void TearDown() override {
+        for (pid_t pid : {daemon, drainer}) {
+            if (pid <= 0) continue;
+            ::kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+        }
+    }
+    std::string vell() const { return test::binaryPath("vell").string(); }
+    fs::path daemonLog() const { return home.tmp() / "daemon.log"; }
+    test::CommandResult run(const std::string& arguments, const std::string& input = "") {
+        std::string command = vell() + " --lang en " + arguments + " 2>&1";
+        if (!input.empty()) command = "printf '%s\\n' '" + input + "' | " + command;
+        return test::runCommand(command);
+    }
+    nlohmann::json calendarStatus() {
+        auto status = run("calendar status --json");
+        EXPECT_EQ(status.status, 0) << status.output;
+        auto json = nlohmann::json::parse(status.output.substr(status.output.find('{')), nullptr, false);
+        return json.is_object() ? json : nlohmann::json::object();
+    }
+
+    test::TempHome home;
+    test::PrivateBus bus;
+    test::PulseServer pulse;
+    test::DevServer server{{.users = {"a@vell.test:pw-a"}}};
+    std::unique_ptr<NotificationServer> notifications;
+    pid_t drainer = -1;
+    pid_t daemon = -1;
+};
+
+TEST_F(CalendarDaemonTest, AMeetingUnderWayStartsARecordingUnderItsTitleAndADiscardCanBeUndone) {
+    ASSERT_EQ(run("login --email a@vell.test", "pw-a").status, 0);
+
+    const auto now = std::chrono::system_clock::now();
+    const fs::path ics = home.root() / "work.ics";
+    std::ofstream(ics) << "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Vell tests//EN\r\n"
+                          "BEGIN:VEVENT\r\nUID:standup-1\r\nDTSTAMP:" << icsTime(now) << "\r\n"
+                       << "DTSTART:" << icsTime(now - 30s) << "\r\nDTEND:" << icsTime(now + 1h) << "\r\n"
+                       << "SUMMARY:Standup with Bruno\r\n"
+                          "ATTENDEE;PARTSTAT=ACCEPTED:mailto:a@vell.test\r\n"
+                          "ATTENDEE;PARTSTAT=ACCEPTED:mailto:bruno@example.com\r\n"
+                          "END:VEVENT\r\nEND:VCALENDAR\r\n";
+    auto added = run("calendar add " + ics.string());
+    ASSERT_EQ(added.status, 0) << added.output;
+    auto upcoming = run("calendar upcoming");
+    EXPECT_NE(upcoming.output.find("Standup with Bruno  will be recorded"), std::string::npos) << upcoming.output;
+    ASSERT_EQ(run("calendar on").status, 0);
+
+    // Within one tick (15 s) the host records it under the meeting's title.
+    nlohmann::json status;
+    for (int i = 0; i < 200 && !status["recordingMeeting"].is_string(); ++i) {
+        std::this_thread::sleep_for(100ms);
+        status = calendarStatus();
+    }
+    ASSERT_EQ(status["recordingMeeting"], "Standup with Bruno") << readAll(daemonLog());
+    EXPECT_NE(run("status").output.find("ecording"), std::string::npos);
+    // The notification offers Delete; choosing it discards the recording, undoably.
+    const std::string title = "Recording \u201cStandup with Bruno\u201d";
+    std::optional<NotificationServer::Shown> shown;
+    for (int i = 0; i < 50 && !shown; ++i) {
+        std::this_thread::sleep_for(100ms);
+        shown = notifications->find(title);
+    }
+    ASSERT_TRUE(shown) << readAll(daemonLog());
+    EXPECT_EQ(shown->body, "Started from your calendar. Delete it if it's the wrong moment.");
+    ASSERT_NE(std::find(shown->actions.begin(), shown->actions.end(), "app.quillon.mac.deleteRecording"), shown->actions.end());
+    notifications->click(shown->id, "app.quillon.mac.deleteRecording");
+    for (int i = 0; i < 50 && calendarStatus()["recordingMeeting"].is_string(); ++i) std::this_thread::sleep_for(100ms);
+    status = calendarStatus();
+    ASSERT_TRUE(status["undo"].contains("takeID")) << status.dump();
+    EXPECT_EQ(status["undo"]["meeting"], "Standup with Bruno");
+    EXPECT_GT(status["undo"]["secondsLeft"].get<double>(), 250);
+    const std::string id = status["undo"]["takeID"];
+    auto pending = nlohmann::json::parse(run("pending --json").output);
+    ASSERT_EQ(pending.size(), 1u);
+    EXPECT_EQ(pending[0]["status"], "discarded");
+
+    auto undo = run("undo");
+    ASSERT_EQ(undo.status, 0) << undo.output;
+    EXPECT_NE(undo.output.find("Standup with Bruno"), std::string::npos) << undo.output;
+    pending = nlohmann::json::parse(run("pending --json").output);
+    ASSERT_EQ(pending.size(), 1u);
+    EXPECT_EQ(pending[0]["id"], id);
+    EXPECT_NE(pending[0]["status"], "discarded");
+    EXPECT_FALSE(calendarStatus()["undo"].contains("takeID"));
+
+    // The meeting was handled: it does not start again while it goes on.
+    std::this_thread::sleep_for(16s);
+    EXPECT_FALSE(calendarStatus()["recordingMeeting"].is_string());
+    auto again = run("undo");
+    EXPECT_NE(again.status, 0);
+    EXPECT_NE(again.output.find("There is no discarded recording to undo."), std::string::npos) << again.output;
+}
+
+}  // namespace
+}  // namespace vell

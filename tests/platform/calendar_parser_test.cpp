@@ -1,0 +1,154 @@
+#include <gtest/gtest.h>
+
+#include <ctime>
+
+#include "base/files.h"
+#include "platform/calendar/ical_expand.h"
+
+namespace vell::calendar {
+namespace {
+
+using automation::CalendarMeeting;
+
+WallTime utc(int y, int mo, int d, int h, int mi) {
+    std::tm tm{};
+    tm.tm_year = y - 1900;
+    tm.tm_mon = mo - 1;
+    tm.tm_mday = d;
+    tm.tm_hour = h;
+    tm.tm_min = mi;
+    return std::chrono::system_clock::from_time_t(timegm(&tm));
+}
+
+std::string fixture(const std::string& name) {
+    std::error_code ec;
+    auto text = files::read(std::filesystem::path(VELL_SOURCE_DIR) / "tests/platform/calendars" / name, ec);
+    EXPECT_TRUE(text) << name;
+    return text.value_or("");
+}
+
+ExpandedCalendar expand(const std::string& name, WallTime from, WallTime to, std::vector<std::string> me = {}) {
+    auto result = expandCalendar(fixture(name), from, to, me);
+    EXPECT_TRUE(result) << (result ? "" : result.error());
+    return result ? *result : ExpandedCalendar{};
+}
+
+std::vector<const CalendarMeeting*> withTitlePrefix(const ExpandedCalendar& c, const std::string& prefix) {
+    std::vector<const CalendarMeeting*> out;
+    for (auto& m : c.meetings)
+        if (m.title.rfind(prefix, 0) == 0) out.push_back(&m);
+    return out;
+}
+
+TEST(CalendarParser, WeeklySeriesKeepsItsLocalTimeAcrossDaylightSavingWithExceptionsAndAMovedDeclinedInstance) {
+    auto cal = expand("google.ics", utc(2026, 3, 1, 0, 0), utc(2026, 4, 21, 0, 0), {"ANA@example.com"});
+    auto sync = withTitlePrefix(cal, "Weekly sync");
+    ASSERT_EQ(sync.size(), 5u);
+    // 10:00 in Berlin: 09:00 UTC in winter, 08:00 UTC from the last Sunday of March.
+    EXPECT_EQ(sync[0]->start, utc(2026, 3, 16, 9, 0));
+    EXPECT_EQ(sync[0]->end, utc(2026, 3, 16, 9, 30));
+    // 23 March is excluded.
+    EXPECT_EQ(sync[1]->start, utc(2026, 3, 30, 8, 0));
+    EXPECT_EQ(sync[2]->start, utc(2026, 4, 13, 8, 0));
+    EXPECT_EQ(sync[3]->start, utc(2026, 4, 20, 8, 0));
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(sync[i]->title, "Weekly sync");
+        EXPECT_FALSE(sync[i]->declined);
+        EXPECT_TRUE(sync[i]->hasOtherAttendees);
+        EXPECT_NE(sync[i]->linkText.find("https://meet.google.com/abc-defg-hij"), std::string::npos);
+    }
+    // The 6 April instance moved to 14:00 and was declined; it keeps the instance's identifier.
+    const CalendarMeeting& moved = *sync[4];
+    EXPECT_EQ(moved.title, "Weekly sync (moved)");
+    EXPECT_EQ(moved.start, utc(2026, 4, 6, 12, 0));
+    EXPECT_TRUE(moved.declined);
+    EXPECT_EQ(moved.id, "weekly-sync@google.com/" + std::to_string(std::chrono::system_clock::to_time_t(utc(2026, 4, 6, 8, 0))));
+    std::set<std::string> ids;
+    for (auto* m : sync) ids.insert(m->id);
+    EXPECT_EQ(ids.size(), 5u);
+
+    // Someone else's view of the same file: nobody declined.
+    auto other = expand("google.ics", utc(2026, 4, 6, 0, 0), utc(2026, 4, 7, 0, 0), {"carla@example.com"});
+    ASSERT_EQ(withTitlePrefix(other, "Weekly sync").size(), 1u);
+    EXPECT_FALSE(withTitlePrefix(other, "Weekly sync")[0]->declined);
+
+    auto offsite = withTitlePrefix(cal, "Team offsite");
+    ASSERT_EQ(offsite.size(), 1u);
+    EXPECT_TRUE(offsite[0]->isAllDay);
+    EXPECT_EQ(offsite[0]->end - offsite[0]->start, std::chrono::hours(24));
+}
+
+TEST(CalendarParser, OutlookZonesLinksCancelledAndBrokenEvents) {
+    auto cal = expand("outlook.ics", utc(2026, 3, 5, 0, 0), utc(2026, 3, 6, 0, 0));
+    auto budget = withTitlePrefix(cal, "Budget review");
+    ASSERT_EQ(budget.size(), 1u);
+    // The Windows zone name resolves through the file's own VTIMEZONE (PST, -8).
+    EXPECT_EQ(budget[0]->start, utc(2026, 3, 5, 17, 0));
+    EXPECT_FALSE(budget[0]->hasOtherAttendees);
+    // The folded description line is one link again.
+    EXPECT_NE(budget[0]->linkText.find("teams.microsoft.com/l/meetup-join"), std::string::npos);
+    EXPECT_NE(budget[0]->linkText.find("Microsoft Teams Meeting"), std::string::npos);
+
+    auto canceled = withTitlePrefix(cal, "Canceled: Vendor call");
+    ASSERT_EQ(canceled.size(), 1u);
+    EXPECT_TRUE(canceled[0]->isCanceled);
+    auto skew = withTitlePrefix(cal, "Clock skew");
+    ASSERT_EQ(skew.size(), 1u);
+    EXPECT_LT(skew[0]->end, skew[0]->start);
+
+    // An unknown zone is reported and the event left out rather than guessed.
+    EXPECT_TRUE(withTitlePrefix(cal, "Somewhere").empty());
+    ASSERT_EQ(cal.problems.size(), 1u);
+    EXPECT_NE(cal.problems[0].find("Mars/Olympus_Mons"), std::string::npos);
+}
+
+TEST(CalendarParser, NextcloudDailySeriesWithAnExtraDateAndARunawayRule) {
+    auto cal = expand("nextcloud.ics", utc(2026, 3, 5, 0, 0), utc(2026, 3, 10, 0, 0));
+    std::vector<WallTime> starts;
+    for (auto& m : cal.meetings) {
+        EXPECT_EQ(m.title, "Meeting");  // no summary
+        EXPECT_EQ(m.end - m.start, std::chrono::minutes(15));
+        starts.push_back(m.start);
+    }
+    // Thursday, Friday, the extra Saturday at 11:00, Monday (Buenos Aires is UTC-3).
+    EXPECT_EQ(starts, (std::vector<WallTime>{utc(2026, 3, 5, 12, 30), utc(2026, 3, 6, 12, 30), utc(2026, 3, 7, 14, 0),
+                                             utc(2026, 3, 9, 12, 30)}));
+    // The every-second rule from 2000 is cut off, not expanded forever.
+    ASSERT_EQ(cal.problems.size(), 1u);
+    EXPECT_NE(cal.problems[0].find("Runaway"), std::string::npos);
+}
+
+TEST(CalendarParser, AnOpenEndedSeriesFromLongAgoStillReachesToday) {
+    // Every 30 minutes since 1990: far more instances than any rule may walk.
+    const std::string text =
+        "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nBEGIN:VEVENT\r\nUID:old\r\nSUMMARY:Pomodoro\r\n"
+        "DTSTART:19900101T000000Z\r\nDTEND:19900101T002500Z\r\nRRULE:FREQ=MINUTELY;INTERVAL=30\r\n"
+        "ATTENDEE:mailto:x@example.com\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n";
+    auto cal = expandCalendar(text, utc(2026, 3, 5, 10, 10), utc(2026, 3, 5, 11, 10), {});
+    ASSERT_TRUE(cal);
+    EXPECT_TRUE(cal->problems.empty());
+    std::vector<WallTime> starts;
+    for (auto& m : cal->meetings) starts.push_back(m.start);
+    EXPECT_EQ(starts, (std::vector<WallTime>{utc(2026, 3, 5, 10, 0), utc(2026, 3, 5, 10, 30), utc(2026, 3, 5, 11, 0)}));
+}
+
+TEST(CalendarParser, WhatIsNotACalendarIsRefusedWithoutCrashing) {
+    const WallTime from = utc(2026, 3, 1, 0, 0), to = utc(2026, 3, 2, 0, 0);
+    EXPECT_FALSE(expandCalendar(fixture("not-a-calendar.html"), from, to, {}));
+    EXPECT_FALSE(expandCalendar("", from, to, {}));
+    std::string huge = "BEGIN:VCALENDAR\r\n" + std::string(kMaximumCalendarBytes, 'x');
+    auto tooBig = expandCalendar(huge, from, to, {});
+    ASSERT_FALSE(tooBig);
+    EXPECT_NE(tooBig.error().find("MB"), std::string::npos);
+    // Truncated and mangled files give what can be read, or nothing.
+    const auto google = fixture("google.ics");
+    for (std::size_t cut : {std::size_t{20}, google.size() / 3, google.size() / 2, google.size() - 20}) {
+        auto partial = expandCalendar(google.substr(0, cut), utc(2026, 3, 1, 0, 0), utc(2026, 5, 1, 0, 0), {});
+        if (partial) EXPECT_LE(partial->meetings.size(), 8u);
+    }
+    auto junk = expandCalendar("BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nDTSTART:garbage\r\nRRULE:FREQ=NOPE\r\n", from, to, {});
+    if (junk) EXPECT_TRUE(junk->meetings.empty());
+}
+
+}  // namespace
+}  // namespace vell::calendar

@@ -1,0 +1,194 @@
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+
+#include "base/files.h"
+#include "base/manual_executor.h"
+#include "base/preference_keys.h"
+#include "base/runtime.h"
+#include "platform/calendar/ics_calendar_source.h"
+#include "tests/support/temp_home.h"
+
+namespace vell::calendar {
+namespace {
+
+namespace fs = std::filesystem;
+using automation::CalendarAccess;
+
+const fs::path kFixtures = fs::path(VELL_SOURCE_DIR) / "tests/platform/calendars";
+
+// The Python subscription server over a folder of the test's own.
+class CalendarServer {
+public:
+    explicit CalendarServer(fs::path folder) : folder_(std::move(folder)) {
+        int out[2];
+        EXPECT_EQ(pipe(out), 0);
+        pid_ = fork();
+        if (pid_ == 0) {
+            dup2(out[1], 1);
+            close(out[0]);
+            execlp("python3", "python3", (kFixtures / "calendar_server.py").c_str(), folder_.c_str(), nullptr);
+            _exit(127);
+        }
+        close(out[1]);
+        char buffer[16] = {};
+        ssize_t n = read(out[0], buffer, sizeof buffer - 1);
+        close(out[0]);
+        port_ = n > 0 ? std::atoi(buffer) : 0;
+        EXPECT_GT(port_, 0);
+    }
+    ~CalendarServer() {
+        if (pid_ > 0) {
+            kill(pid_, SIGTERM);
+            waitpid(pid_, nullptr, 0);
+        }
+    }
+    std::string url(const std::string& path) const { return "http://127.0.0.1:" + std::to_string(port_) + path; }
+    int hits(const std::string& path) const {
+        std::ifstream in(folder_ / "hits.txt");
+        std::string p;
+        int n;
+        while (in >> p >> n)
+            if (p == path) return n;
+        return 0;
+    }
+
+private:
+    fs::path folder_;
+    pid_t pid_ = -1;
+    int port_ = 0;
+};
+
+class CalendarSourceTest : public ::testing::Test {
+protected:
+    CalendarSourceTest() : exec(clock) { runtime::install(&exec, &clock); }
+    ~CalendarSourceTest() override {
+        source.reset();
+        runtime::install(nullptr, nullptr);
+    }
+    IcsCalendarSource& make() {
+        source = std::make_unique<IcsCalendarSource>(defaults(), home.dataHome() / "Vell" / "Calendars",
+                                                     [] { return std::vector<std::string>{"ana@example.com"}; }, exec, clock);
+        return *source;
+    }
+    UserDefaults& defaults() { return UserDefaults::standard(); }
+    std::optional<SourceState> state(const std::string& s) {
+        for (auto& st : source->states())
+            if (st.source == s) return st;
+        return std::nullopt;
+    }
+    // Runs the tick's side until the download the last access started has come back.
+    void settle() {
+        exec.runUntil([&] {
+            for (auto& st : source->states())
+                if (st.remote && !st.loadedAt && !st.error) return false;
+            return true;
+        });
+    }
+
+    test::TempHome home;
+    ManualClock clock{std::chrono::system_clock::now()};
+    ManualExecutor exec;
+    std::unique_ptr<IcsCalendarSource> source;
+};
+
+TEST_F(CalendarSourceTest, SourcesAreStoredNormalisedAndRemovedByNameOrNumber) {
+    EXPECT_FALSE(addSource(defaults(), "/no/such/file.ics"));
+    EXPECT_FALSE(addSource(defaults(), "ftp://example.com/cal.ics"));
+    EXPECT_EQ(addSource(defaults(), "webcal://example.com/cal.ics").value(), "https://example.com/cal.ics");
+    auto file = addSource(defaults(), (kFixtures / "../calendars/google.ics").string());
+    ASSERT_TRUE(file);
+    EXPECT_EQ(*file, (kFixtures / "google.ics").string());
+    EXPECT_TRUE(addSource(defaults(), *file));  // twice: kept once
+    EXPECT_EQ(configuredSources(defaults()).size(), 2u);
+    EXPECT_EQ(removeSource(defaults(), "1").value(), "https://example.com/cal.ics");
+    EXPECT_FALSE(removeSource(defaults(), "5"));
+    EXPECT_EQ(removeSource(defaults(), *file).value(), *file);
+    EXPECT_TRUE(configuredSources(defaults()).empty());
+}
+
+TEST_F(CalendarSourceTest, AccessFollowsWhetherAnyCalendarCanBeReadAndABrokenEditKeepsTheLastGoodCopy) {
+    auto& s = make();
+    EXPECT_EQ(s.access(), CalendarAccess::notDetermined);
+    const fs::path file = home.root() / "mine.ics";
+    fs::copy_file(kFixtures / "not-a-calendar.html", file);
+    ASSERT_TRUE(addSource(defaults(), file.string()));
+    EXPECT_EQ(s.access(), CalendarAccess::denied);
+    EXPECT_EQ(state(file.string())->error, "not an iCalendar file");
+
+    fs::copy_file(kFixtures / "google.ics", file, fs::copy_options::overwrite_existing);
+    fs::last_write_time(file, fs::last_write_time(file) + std::chrono::seconds(5));
+    EXPECT_EQ(s.access(), CalendarAccess::granted);
+    EXPECT_FALSE(state(file.string())->error);
+    const auto week = s.events(WallTime{std::chrono::seconds(1'773'619'200)}, WallTime{std::chrono::seconds(1'774'224'000)});
+    EXPECT_FALSE(week.empty());
+
+    // Saved half-written: the error shows, the meetings stay.
+    std::error_code ec;
+    files::writeAtomically(file, "BEGIN:VCALENDAR\r\nBEGIN:VEV", ec);
+    fs::last_write_time(file, fs::last_write_time(file) + std::chrono::seconds(10));
+    files::writeAtomically(file, "<html>", ec);
+    fs::last_write_time(file, fs::last_write_time(file) + std::chrono::seconds(20));
+    EXPECT_EQ(s.access(), CalendarAccess::granted);
+    EXPECT_TRUE(state(file.string())->error);
+    EXPECT_EQ(s.events(WallTime{std::chrono::seconds(1'773'619'200)}, WallTime{std::chrono::seconds(1'774'224'000)}), week);
+}
+
+TEST_F(CalendarSourceTest, SubscriptionsAreDownloadedCachedRefreshedEveryFiveMinutesAndFaultsShown) {
+    const fs::path served = home.root() / "served";
+    fs::create_directories(served);
+    fs::copy_file(kFixtures / "google.ics", served / "team.ics");
+    CalendarServer server(served);
+    auto& s = make();
+    const std::string team = server.url("/team.ics");
+    for (auto path : {"/team.ics", "/missing.ics", "/loop", "/html"}) ASSERT_TRUE(addSource(defaults(), server.url(path)));
+
+    // The tick never waits for the network: the first access only starts the downloads.
+    EXPECT_EQ(s.access(), CalendarAccess::denied);
+    settle();
+    EXPECT_EQ(s.access(), CalendarAccess::granted);
+    EXPECT_TRUE(state(team)->readable);
+    EXPECT_EQ(state(server.url("/missing.ics"))->error, "HTTP 404");
+    EXPECT_EQ(state(server.url("/loop"))->error, "too many redirects");
+    EXPECT_EQ(state(server.url("/html"))->error, "the address does not give a calendar");
+    EXPECT_EQ(server.hits("/team.ics"), 1);
+
+    // Ticks within five minutes read the cache only.
+    for (int i = 0; i < 10; ++i) {
+        clock.advance(15);
+        s.access();
+        exec.runPending();
+    }
+    EXPECT_EQ(server.hits("/team.ics"), 1);
+
+    // After five minutes: a conditional request, answered "not modified".
+    const auto firstLoad = state(team)->loadedAt;
+    clock.advance(300);
+    s.access();
+    ASSERT_TRUE(exec.runUntil([&] { return state(team)->loadedAt != firstLoad; }));
+    EXPECT_EQ(server.hits("/team.ics"), 2);
+    EXPECT_FALSE(state(team)->error);
+
+    // The calendar gone from the server: the error shows, the cached copy stays in use.
+    fs::remove(served / "team.ics");
+    clock.advance(300);
+    s.access();
+    settle();
+    exec.runUntil([&] { return state(team)->error.has_value(); });
+    EXPECT_EQ(state(team)->error, "HTTP 404");
+    EXPECT_TRUE(state(team)->readable);
+    EXPECT_EQ(s.access(), CalendarAccess::granted);
+    EXPECT_EQ(server.hits("/team.ics"), 3);
+
+    // A restart reads the cache before any download.
+    source.reset();
+    auto& again = make();
+    EXPECT_EQ(again.access(), CalendarAccess::granted);
+}
+
+}  // namespace
+}  // namespace vell::calendar
