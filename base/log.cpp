@@ -32,6 +32,8 @@ const char* levelName(Level level) {
     return "";
 }
 
+bool gEcho = true;
+
 void emit(Level level, const std::string& category, std::string_view message) {
     std::string text(message);
     {
@@ -47,7 +49,7 @@ void emit(Level level, const std::string& category, std::string_view message) {
                         "CATEGORY=%s", category.c_str(), "SYSLOG_IDENTIFIER=vell", nullptr);
         if (static_cast<int>(level) < gMinimum) return;
     }
-    if (static_cast<int>(level) < gMinimum) return;
+    if (static_cast<int>(level) < gMinimum || (!gEcho && !gForceStderr)) return;
     std::fprintf(stderr, "[%s] %s: %s\n", levelName(level), category.c_str(), text.c_str());
 }
 }  // namespace
@@ -58,6 +60,7 @@ void Logger::error(std::string_view message) const { emit(Level::Error, category
 
 void setMinimumLevel(Level level) { gMinimum = static_cast<int>(level); }
 void forceStandardError(bool force) { gForceStderr = force; }
+void echoToStandardError(bool echo) { gEcho = echo; }
 
 void setSink(Sink sink) {
     std::lock_guard lock(gMutex);

@@ -29,6 +29,10 @@ using Sink = std::function<void(Level, const std::string& category, const std::s
 void setMinimumLevel(Level level);
 // Forces standard error even when the journal is reachable (the CLI's --log-stderr).
 void forceStandardError(bool force);
+// Whether log lines are also written to standard error (on by default). A command line
+// turns it off unless asked to be verbose: the user reads one sentence per failure there,
+// and the details go to the journal.
+void echoToStandardError(bool echo);
 // Replaces the output entirely (tests); an empty sink restores the default.
 void setSink(Sink sink);
 

@@ -88,7 +88,7 @@ int login(Context& context, std::string email) {
     });
     scope->run();
     if (failure) {
-        std::cerr << failure->description() << "\n";
+        std::cerr << failure->descriptionWithCause() << "\n";
         return kExitFailure;
     }
     if (step == service::SignInStep::mfaRequired) {
@@ -111,7 +111,7 @@ int login(Context& context, std::string email) {
         });
         scope->run();
         if (failure) {
-            std::cerr << failure->description() << "\n";
+            std::cerr << failure->descriptionWithCause() << "\n";
             return kExitFailure;
         }
     }

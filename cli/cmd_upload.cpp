@@ -164,7 +164,7 @@ int upload(Context& context, bool json) {
     main.run();
     auto& state = core.appState();
     if (checkFailed) {
-        std::cerr << checkFailed->description() << "\n";
+        std::cerr << checkFailed->descriptionWithCause() << "\n";
         return kExitFailure;
     }
     if (state.phase.get() != app::AppState::Phase::signedIn) {
@@ -193,7 +193,7 @@ int upload(Context& context, bool json) {
         if (json) return;
         std::cout << r.fileURL.filename().string() << ": "
                   << (result ? messages::kUploaded.str() + " (" + *result + ")"
-                             : messages::kFailed.str() + ": " + result.error().description())
+                             : messages::kFailed.str() + ": " + result.error().descriptionWithCause())
                   << std::endl;
     };
 

@@ -35,10 +35,10 @@ int whoami() {
     if (!me) {
         if (me.error().isSessionRejection()) {
             account.clearSession();
-            std::cerr << me.error().description() << "\n";
+            std::cerr << me.error().descriptionWithCause() << "\n";
             return kExitSignedOut;
         }
-        std::cerr << me.error().description() << "\n";
+        std::cerr << me.error().descriptionWithCause() << "\n";
         return kExitFailure;
     }
     printMe(*me);

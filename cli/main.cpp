@@ -166,6 +166,7 @@ int main(int argc, char** argv) {
         if (lang == "es") setInterfaceLanguage(Language::Spanish);
         if (lang == "en") setInterfaceLanguage(Language::English);
         log::forceStandardError(logStderr || context.verbosity > 0);
+        log::echoToStandardError(logStderr || context.verbosity > 0);
         log::setMinimumLevel(context.verbosity >= 2   ? log::Level::Debug
                              : context.verbosity == 1 ? log::Level::Info
                                                       : log::Level::Error);

@@ -91,4 +91,10 @@ std::string APIError::description(Language language) const {
     return {};
 }
 
+std::string APIError::descriptionWithCause() const {
+    const auto sentence = description();
+    if (kind != Kind::transport || detail.empty() || sentence == detail) return sentence;
+    return sentence + " (" + detail + ")";
+}
+
 }  // namespace vell::service

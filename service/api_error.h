@@ -26,6 +26,9 @@ struct APIError {
     // The user-facing sentence (English or Spanish).
     std::string description(Language language) const;
     std::string description() const { return description(interfaceLanguage()); }
+    // The sentence, and for a network failure the system's own account of it (the address
+    // and the reason), for the command line, where the user can act on it.
+    std::string descriptionWithCause() const;
     // Connectivity failures: the menu says it waits for a connection instead of an error.
     bool isNetwork() const { return kind == Kind::transport; }
     // A rejected session: 401, any redirect, or the "unauthorized" code.

@@ -18,6 +18,7 @@ struct UploadError {
 
     std::string description(Language language) const;
     std::string description() const { return description(interfaceLanguage()); }
+    std::string descriptionWithCause() const { return api ? api->descriptionWithCause() : description(); }
     bool isNetwork() const { return api && api->isNetwork(); }
     bool isUnauthenticated() const { return api && api->kind == APIError::Kind::unauthenticated; }
 

@@ -129,5 +129,18 @@ TEST(CliUpload, ADiskThatFillsUpMidPassStopsThePassWithoutDivergingState) {
     EXPECT_NE(receiptText.find("\"B\""), std::string::npos) << receiptText;
 }
 
+TEST(CliUpload, AServiceThatIsDownIsNamedWithTheSystemsReason) {
+    VELL_REQUIRE_DEVSERVER();
+    TempHome home;
+    DevServer server({.users = {"down@vell.test:pw"}});
+    ASSERT_EQ(runVell(home, "login --email down@vell.test", "pw").status, 0);
+    server.kill();
+    auto upload = runVell(home, "upload");
+    EXPECT_EQ(upload.status, 1) << upload.output;
+    EXPECT_NE(upload.output.find("No connection. ("), std::string::npos) << upload.output;
+    EXPECT_NE(upload.output.find("127.0.0.1"), std::string::npos) << upload.output;
+    EXPECT_EQ(upload.output.find("[error]"), std::string::npos) << "one line, no log noise:\n" << upload.output;
+}
+
 }  // namespace
 }  // namespace vell::test

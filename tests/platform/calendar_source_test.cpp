@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cerrno>
+
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -35,10 +37,17 @@ public:
             _exit(127);
         }
         close(out[1]);
-        char buffer[16] = {};
-        ssize_t n = read(out[0], buffer, sizeof buffer - 1);
+        // The port line, read to its end (a read may be interrupted or come in pieces).
+        std::string line;
+        char c = 0;
+        while (line.find('\n') == std::string::npos) {
+            ssize_t n = read(out[0], &c, 1);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) break;
+            line += c;
+        }
         close(out[0]);
-        port_ = n > 0 ? std::atoi(buffer) : 0;
+        port_ = std::atoi(line.c_str());
         EXPECT_GT(port_, 0);
     }
     ~CalendarServer() {
