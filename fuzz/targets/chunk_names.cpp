@@ -1,5 +1,5 @@
 // Insurance chunk names as found in the buffer folder (any file name another program left).
-// A name that parses must come back the same from the name builders when it is canonical.
+// Neither parser may assume a name it did not build.
 #include "fuzz_support.h"
 #include "insurance/insurance_buffer_store.h"
 
