@@ -203,6 +203,10 @@ private:
         return assign(key_);
     }
     bool number(double asDouble, long long asInteger, bool isInteger) {
+        // A date the clock cannot hold (about 292,000 years either way) is not one we wrote,
+        // and converting it would overflow: the entry does not decode.
+        bool isDate = key_ == Key::startedAt || key_ == Key::finishedAt || key_ == Key::discardedAt;
+        if (isDate && skipDepth_ == 0 && depth_ == 2 && !(std::fabs(asDouble) < 1e11)) return false;
         return scalar([&](Key k) {
             switch (k) {
                 case Key::startedAt: current_.startedAt = fromSecondsSinceReferenceDate(asDouble); seen_ |= 4; return true;
