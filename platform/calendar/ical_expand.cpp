@@ -39,7 +39,12 @@ std::string address(const char* value) {
     return a;
 }
 
-WallTime fromTimeT(time_t t) { return std::chrono::system_clock::from_time_t(t); }
+// The clock counts nanoseconds in 64 bits (about 292 years either side of 1970); a date a
+// calendar may well hold (year 500, year 9999) is clamped to that range, never overflowed.
+WallTime fromTimeT(time_t t) {
+    constexpr time_t kLimit = 9'000'000'000;  // about the year 2255
+    return std::chrono::system_clock::from_time_t(std::clamp<time_t>(t, -kLimit, kLimit));
+}
 
 const icaltimezone* builtinZone(const char* tzid);
 
