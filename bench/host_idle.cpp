@@ -46,6 +46,7 @@ struct Sample {
     double cpuSeconds = 0;
     long switches = 0;
     long peakRssKiB = 0;
+    long pssKiB = 0;  // its share of the pages, shared libraries divided among their users
 };
 
 long field(const fs::path& status, const std::string& key) {
@@ -83,6 +84,7 @@ Sample sample(pid_t pid) {
                       field(task.path() / "status", "nonvoluntary_ctxt_switches:");
     }
     s.peakRssKiB = field(proc / "status", "VmHWM:");
+    s.pssKiB = field(proc / "smaps_rollup", "Pss:");
     return s;
 }
 
@@ -119,6 +121,9 @@ int main(int argc, char** argv) {
     while (!address.empty() && address.back() == '\n') address.pop_back();
     setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
 
+    // No automation enabled: the call recorder is on by default and polls every second.
+    fs::create_directories(dir / "config" / "Vell");
+    std::ofstream(dir / "config" / "Vell" / "defaults.json") << R"({"app.quillon.mac.autoRecordCalls":false})";
     const pid_t host = spawn({vell.string(), "daemon"}, dir / "daemon.log");
     const pid_t peer = spawn({"sleep", std::to_string(int(seconds) + 30)}, dir / "sleep.log");
     std::this_thread::sleep_for(std::chrono::seconds(3));  // past the start-up
@@ -142,8 +147,8 @@ int main(int argc, char** argv) {
     const double hostWakes = double(hostEnd.switches - hostStart.switches) / wall;
     const double peerWakes = double(peerEnd.switches - peerStart.switches) / wall;
     std::printf("idle host over %.0f s (CPU at the clock tick's resolution, 10 ms):\n", wall);
-    std::printf("  vell daemon: %.3f %% of a core, %.2f wake-ups/s, peak RSS %.1f MiB\n", hostCpu, hostWakes,
-                double(hostEnd.peakRssKiB) / 1024);
+    std::printf("  vell daemon: %.3f %% of a core, %.2f wake-ups/s, peak RSS %.1f MiB (PSS %.1f MiB)\n", hostCpu,
+                hostWakes, double(hostEnd.peakRssKiB) / 1024, double(hostEnd.pssKiB) / 1024);
     std::printf("  sleep      : %.3f %% of a core, %.2f wake-ups/s, peak RSS %.1f MiB\n", peerCpu, peerWakes,
                 double(peerEnd.peakRssKiB) / 1024);
     std::printf("  goals: < 0.1 %% of a core, < 2 wake-ups/s, < 30 MiB peak RSS\n");
