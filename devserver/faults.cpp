@@ -11,6 +11,7 @@ std::optional<Fault::Action> actionNamed(const std::string& name) {
     if (name == "closeAfterBytes") return Fault::Action::CloseAfterBytes;
     if (name == "delay") return Fault::Action::Delay;
     if (name == "conflict") return Fault::Action::Conflict;
+    if (name == "stream") return Fault::Action::Stream;
     return std::nullopt;
 }
 
@@ -30,7 +31,7 @@ std::optional<Fault> parseFault(const json& j, std::string& error) {
         f.path = j.value("path", "");
         auto action = actionNamed(j.value("action", ""));
         if (!action) {
-            error = "action must be status, partialAck, closeAfterBytes, delay or conflict";
+            error = "action must be status, partialAck, closeAfterBytes, delay, conflict or stream";
             return std::nullopt;
         }
         if (!validMethod(f.method)) {
@@ -53,6 +54,12 @@ std::optional<Fault> parseFault(const json& j, std::string& error) {
         f.delayMs = j.value("delayMs", int64_t{0});
         f.bytesReceived = j.value("bytesReceived", int64_t{0});
         f.times = j.value("times", 1);
+        f.mode = j.value("mode", "");
+        if (f.action == Fault::Action::Stream && f.mode != "error" && f.mode != "cut" && f.mode != "draftsOnly" &&
+            f.mode != "malformed" && f.mode != "slow" && f.mode != "hold") {
+            error = "mode must be error, cut, draftsOnly, malformed, slow or hold";
+            return std::nullopt;
+        }
         if (f.status < 100 || f.status > 599 || f.bytes < 0 || f.delayMs < 0 || f.bytesReceived < 0 || f.times < 1) {
             error = "status, bytes, delayMs, bytesReceived or times out of range";
             return std::nullopt;

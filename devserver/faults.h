@@ -13,7 +13,7 @@
 namespace vell::devserver {
 
 struct Fault {
-    enum class Action { Status, PartialAck, CloseAfterBytes, Delay, Conflict };
+    enum class Action { Status, PartialAck, CloseAfterBytes, Delay, Conflict, Stream };
     std::string id;
     std::string method = "*";  // or GET, POST, PUT, PATCH, DELETE
     std::string path;  // substring of the request path
@@ -25,6 +25,9 @@ struct Fault {
     int64_t delayMs = 0;
     int64_t bytesReceived = 0;
     int times = 1;
+    // Stream: how a streamed answer misbehaves ("error", "cut", "draftsOnly", "malformed",
+    // "slow" with delayMs between lines, "hold" until the admin API releases it).
+    std::string mode;
 };
 
 // Builds a fault from the admin API's JSON; nothing with `error` set when it is invalid.

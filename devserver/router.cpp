@@ -157,6 +157,10 @@ void Router::run(Exchange& ex, const Handler& handler, bool appliesPartFaults) {
                 ex.fail(409, "offset_mismatch", {{"bytesReceived", fault->bytesReceived}});
                 handled = true;
                 break;
+            case Fault::Action::Stream:
+                // Applied by the streaming route itself.
+                ex.fault = fault;
+                break;
             case Fault::Action::PartialAck:
             case Fault::Action::CloseAfterBytes:
                 if (appliesPartFaults) {

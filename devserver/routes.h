@@ -31,6 +31,7 @@ bool optionalInteger(const nlohmann::json& body, const char* key, std::optional<
 void addAuthRoutes(Router& router, Services& services);
 void addUploadRoutes(Router& router, Services& services);
 void addAgentRoutes(Router& router, Services& services);
+void addTranscribeRoutes(Router& router, Services& services);
 void addAdminRoutes(Router& router, Services& services);
 
 }  // namespace vell::devserver

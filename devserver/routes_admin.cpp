@@ -2,6 +2,7 @@
 #include <cmath>
 
 #include "devserver/crypto.h"
+#include "devserver/quick_transcriber.h"
 #include "devserver/routes.h"
 
 namespace vell::devserver {
@@ -68,6 +69,11 @@ void addAdminRoutes(Router& router, Services& s) {
         bool known = s.store.read([&](const State& state) { return state.accounts.count(email) > 0; });
         if (!known) return ex.fail(404, "unknown_account");
         ex.reply(200, {{"id", s.requests.enqueue(email, *from, *to)}});
+    });
+    router.post(R"(/admin/insurance/transcribe/release)", [&s](Exchange& ex) {
+        if (!admitted(ex, s)) return;
+        releaseHeldStreams();
+        ex.reply(200, {{"ok", true}});
     });
     router.get(R"(/admin/insurance/requests)", [&s](Exchange& ex) {
         if (!admitted(ex, s)) return;

@@ -59,7 +59,7 @@ void part(Exchange& ex, Services& s) {
     auto offset = decimalHeader(ex.req, "X-Upload-Offset");
     if (!offset) return ex.fail(400, "invalid_offset");
     std::optional<Uploads::PartLimit> limit;
-    if (ex.fault) limit = Uploads::PartLimit{ex.fault->bytes, ex.fault->action == Fault::Action::CloseAfterBytes};
+    if (ex.fault && ex.fault->action != Fault::Action::Stream) limit = Uploads::PartLimit{ex.fault->bytes, ex.fault->action == Fault::Action::CloseAfterBytes};
     auto result = s.uploads.appendPart(account->email, uploadId, *offset, decimalHeader(ex.req, "Content-Length"),
                                        ex.body(), limit);
     if (limit && limit->dropAfter) return ex.dropConnection();

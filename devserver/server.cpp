@@ -97,6 +97,7 @@ bool DevServer::prepare(std::string& message) {
     addAuthRoutes(p.router, p.services);
     addUploadRoutes(p.router, p.services);
     addAgentRoutes(p.router, p.services);
+    addTranscribeRoutes(p.router, p.services);
     addAdminRoutes(p.router, p.services);
     return true;
 }

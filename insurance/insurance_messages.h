@@ -10,4 +10,22 @@ inline constexpr Text kNeedsPermission{"Insurance mode needs microphone permissi
 inline constexpr Text kCouldNotOpen{"Insurance mode could not open the microphone: ",
                                     "El modo respaldo no pudo abrir el micrófono: "};
 
+// Recovering speech from the buffer.
+inline constexpr Text kSignInToTranscribe{"Sign in to transcribe.", "Iniciá sesión para transcribir."};
+inline constexpr Text kImprovingPrefix{"Improving… · ", "Mejorando… · "};
+inline constexpr Text kNoSpeechFound{"No speech found", "No se encontró voz"};
+inline constexpr Text kCopied{"Copied", "Copiado"};
+inline constexpr Text kCopiedImproved{"Copied improved text", "Texto mejorado copiado"};
+inline constexpr Text kSelectionCopied{"Selection copied", "Selección copiada"};
+inline constexpr Text kCouldNotCopy{"Could not copy. Try again.", "No se pudo copiar. Reintentá."};
+inline constexpr Text kNoConnection{"No connection. Try again when you’re online.",
+                                    "Sin conexión. Reintentá cuando vuelvas a estar en línea."};
+inline constexpr Text kCouldNotPlay{"Could not play this part.", "No se pudo reproducir esta parte."};
+inline constexpr Text kNothingSelected{"Nothing selected", "Nada seleccionado"};
+inline constexpr Text kUploadFailed{"Upload failed. Vell will retry from the menu.",
+                                    "Falló la subida. Vell reintentará desde el menú."};
+// Reported to the agent when the upload went through but gave no recording id.
+inline constexpr const char* kUploadedWithoutId =
+    "Uploaded, but the recording id is unknown; look in the recordings list.";
+
 }  // namespace vell::insurance::messages

@@ -86,10 +86,14 @@ Expected<http::Request, APIError> APIClient::build(ApiRequest request) const {
         }
     }
     out.idleSeconds = request.idleSeconds;
-    out.maxSeconds = kTransferLimit;
+    out.maxSeconds = request.maxSeconds;
     out.onUpload = std::move(request.onUpload);
+    out.onBodyChunk = std::move(request.onBodyChunk);
     out.cancel = &cancel_;
-    out.headers.emplace_back("Accept", "application/json");
+    // A caller that reads another format names its own "Accept".
+    bool namesAccept = false;
+    for (const auto& header : request.headers) namesAccept = namesAccept || header.first == "Accept";
+    if (!namesAccept) out.headers.emplace_back("Accept", "application/json");
     out.headers.emplace_back("User-Agent", http::binding().userAgent());
     if (request.json) {
         try {

@@ -43,6 +43,9 @@ struct ApiRequest {
     std::optional<std::filesystem::path> bodyFile;
     double idleSeconds = kRequestTimeout;
     std::function<void(long long sent)> onUpload;  // bytes of the body sent so far
+    double maxSeconds = kTransferLimit;             // limit of the whole exchange
+    // A streamed 2xx answer, piece by piece on the transfer's thread (see http::Request).
+    std::function<bool(const char* data, size_t size)> onBodyChunk;
 };
 
 // The service's root URL: the one fixed at build time, or for development and tests the

@@ -2,6 +2,7 @@
 // Plain values exchanged with the HTTP layer, so that the service code never sees the
 // transfer library.
 #include <atomic>
+#include <cstddef>
 #include <filesystem>
 #include <functional>
 #include <optional>
@@ -29,6 +30,10 @@ struct Request {
     const std::atomic<bool>* cancel = nullptr;
     // Bytes of the body sent so far, told from the transfer's thread as they go.
     std::function<void(long long sent)> onUpload;
+    // When set, the body of a 2xx answer is handed over piece by piece as it arrives, on
+    // the transfer's thread, instead of being collected (other answers are still collected
+    // for the error). Returning false abandons the transfer.
+    std::function<bool(const char* data, size_t size)> onBodyChunk;
 };
 
 struct Response {

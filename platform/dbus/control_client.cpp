@@ -238,4 +238,22 @@ ControlClient::Result<std::string> ControlClient::undo() const {
     });
 }
 
+ControlClient::Result<int> ControlClient::recoverStart(const std::string& range, int minutes) const {
+    return guarded([this, &range, minutes] {
+        int32_t run = 0;
+        proxy_->callMethod("RecoverStart").onInterface(kControlInterface).withTimeout(30s)
+            .withArguments(range, int32_t(minutes)).storeResultsTo(run);
+        return int(run);
+    });
+}
+
+ControlClient::Result<std::string> ControlClient::recoverProgress(int run) const {
+    return guarded([this, run] {
+        std::string json;
+        proxy_->callMethod("RecoverProgress").onInterface(kControlInterface).withTimeout(30s)
+            .withArguments(int32_t(run)).storeResultsTo(json);
+        return json;
+    });
+}
+
 }  // namespace vell::dbus

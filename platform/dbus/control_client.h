@@ -61,6 +61,8 @@ public:
     Result<Unit> calendarSetEnabled(bool enabled) const;
     Result<std::string> calendarReport(bool upcoming) const;
     Result<std::string> undo() const;
+    Result<int> recoverStart(const std::string& range, int minutes) const;
+    Result<std::string> recoverProgress(int run) const;
 
 private:
     ControlClient() = default;

@@ -13,6 +13,7 @@
 #include "base/runtime.h"
 #include "platform/dbus/control_calls.h"
 #include "platform/dbus/control_calendar.h"
+#include "platform/dbus/control_recovery.h"
 #include "platform/dbus/control_context.h"
 #include "platform/dbus/control_insurance.h"
 #include "platform/dbus/control_protocol.h"
@@ -66,6 +67,7 @@ const ControlExtension kExtensions[] = {
     &registerInsuranceControl,
     &registerCallsControl,
     &registerCalendarControl,
+    &registerRecoveryControl,
 };
 }  // namespace
 

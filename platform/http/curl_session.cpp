@@ -60,11 +60,23 @@ int seekBody(void* user, curl_off_t offset, int origin) {
     return CURL_SEEKFUNC_OK;
 }
 
+struct Sink {
+    CURL* handle = nullptr;
+    const Request* request = nullptr;
+    std::string* collected = nullptr;
+};
+
 size_t writeResponse(char* data, size_t size, size_t count, void* user) {
-    auto* out = static_cast<std::string*>(user);
+    auto* sink = static_cast<Sink*>(user);
     size_t n = size * count;
-    if (out->size() + n > kMaxResponseBytes) return 0;
-    out->append(data, n);
+    if (sink->request->onBodyChunk) {
+        // The status line and headers are in by the time the first body byte is.
+        long status = 0;
+        curl_easy_getinfo(sink->handle, CURLINFO_RESPONSE_CODE, &status);
+        if (status >= 200 && status <= 299) return sink->request->onBodyChunk(data, n) ? n : 0;
+    }
+    if (sink->collected->size() + n > kMaxResponseBytes) return 0;
+    sink->collected->append(data, n);
     return n;
 }
 
@@ -195,7 +207,8 @@ Expected<Response, TransportError> CurlSession::perform(const Request& request) 
     curl_easy_setopt(h, CURLOPT_FOLLOWLOCATION, 0L);
     curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, &writeResponse);
-    curl_easy_setopt(h, CURLOPT_WRITEDATA, &response.body);
+    Sink sink{h, &request, &response.body};
+    curl_easy_setopt(h, CURLOPT_WRITEDATA, &sink);
     // Idle limit: below one byte a second for that long, or that long to connect.
     const double idle = std::max(request.idleSeconds, 1.0);
     curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(idle * 1000));
