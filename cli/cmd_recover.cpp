@@ -67,12 +67,17 @@ int recover(const std::string& last, bool json) {
     }
 }
 
+inline constexpr Text kRecoverHelp{"Transcribe the newest audio of the insurance buffer (through the running host)",
+                                   "Transcribe el audio más reciente del respaldo (a través del anfitrión)"};
+inline constexpr Text kLastHelp{"1, 5, a number of minutes, or all", "1, 5, una cantidad de minutos, o all (todo)"};
+inline constexpr Text kJsonHelp{"Print the transcript as JSON", "Imprime la transcripción en JSON"};
+
 void setup(CLI::App& app, Context& context) {
-    auto* cmd = app.add_subcommand("recover", "The words of the newest buffered audio");
+    auto* cmd = app.add_subcommand("recover", kRecoverHelp.str());
     auto last = std::make_shared<std::string>("1");
     auto json = std::make_shared<bool>(false);
-    cmd->add_option("--last", *last, "1, 5, a number of minutes, or all");
-    cmd->add_flag("--json", *json, "The transcript as JSON");
+    cmd->add_option("--last", *last, kLastHelp.str());
+    cmd->add_flag("--json", *json, kJsonHelp.str());
     cmd->callback([&context, last, json] { context.exitCode = recover(*last, *json); });
 }
 }  // namespace
