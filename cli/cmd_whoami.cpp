@@ -1,5 +1,6 @@
 // vell whoami: the signed-in account, or a non-zero exit when signed out.
 #include <iostream>
+#include <nlohmann/json.hpp>
 
 #include "cli/account_messages.h"
 #include "cli/command.h"
@@ -11,7 +12,14 @@ namespace vell::cli {
 
 namespace {
 
+bool gJson = false;
+
 void printMe(const service::Me& me) {
+    if (gJson) {
+        std::cout << nlohmann::json{{"id", me.id}, {"email", me.email}, {"role", me.role}, {"isAdmin", me.isAdmin}}.dump()
+                  << std::endl;
+        return;
+    }
     std::cout << me.email << " (id " << me.id << (me.role.empty() ? "" : ", " + me.role) << (me.isAdmin ? ", admin" : "")
               << ")\n";
 }
@@ -47,6 +55,7 @@ int whoami() {
 
 void setup(CLI::App& app, Context& context) {
     auto* cmd = app.add_subcommand("whoami", help::kWhoami.str());
+    cmd->add_flag("--json", gJson, help::kJson.str());
     cmd->callback([&context] { context.exitCode = whoami(); });
 }
 

@@ -1,8 +1,9 @@
-// vell login / whoami / logout as separate processes against the service on its fixed port.
+// vell login / whoami / logout as separate processes against the reference service.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <fstream>
+#include <nlohmann/json.hpp>
 
 #include "tests/cli/cli_env.h"
 #include "tests/support/devserver_process.h"
@@ -31,6 +32,9 @@ TEST(CliLogin, SessionSurvivesAProcessRestartUntilLogout) {
     auto who = runVell(home, "whoami");
     EXPECT_EQ(who.status, 0) << who.output;
     EXPECT_NE(who.output.find("cli@vell.test"), std::string::npos) << who.output;
+    auto json = nlohmann::json::parse(runVell(home, "--lang es whoami --json").output, nullptr, false);
+    ASSERT_TRUE(json.is_object());
+    EXPECT_EQ(json["email"], "cli@vell.test");
 
     auto spanish = runVell(home, "--lang es logout");
     EXPECT_EQ(spanish.status, 0) << spanish.output;
