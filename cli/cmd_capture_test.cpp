@@ -67,8 +67,9 @@ private:
 
 void setup(CLI::App& app, Context& context) {
     auto* cmd = app.add_subcommand("capture-test", msg::kCaptureTestDescription.str());
-    auto seconds = std::make_shared<int>(5);
-    cmd->add_option("--seconds", *seconds, msg::kSecondsOption.str())->check(CLI::Range(1, 3600));
+    auto seconds = std::make_shared<double>(5);
+    // Decimals, as `vell record --seconds` takes them.
+    cmd->add_option("--seconds", *seconds, msg::kSecondsOption.str())->check(CLI::Range(0.1, 3600.0));
     cmd->callback([&context, seconds] {
         audio::MicrophoneSettings settings(platform::makePulseInputDevices(), UserDefaults::standard(), false);
         auto resolution = settings.recordingResolution();
@@ -96,10 +97,13 @@ void setup(CLI::App& app, Context& context) {
                   << (tapError.empty() ? tap.monitorName() : msg::kNotAvailable.str() + tapError) << "\n"
                   << std::flush;
         auto next = std::chrono::steady_clock::now();
-        for (int i = 1; i <= *seconds; ++i) {
-            next += std::chrono::seconds(1);
+        // A line a second; a last, shorter one for the fraction left.
+        for (double done = 0; done < *seconds - 1e-9;) {
+            const double step = std::min(1.0, *seconds - done);
+            done += step;
+            next += std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::duration<double>(step));
             std::this_thread::sleep_until(next);
-            std::cout << fmt::format("{:3d}s  {}: {}   {}: {}", i, msg::kMicrophoneHeading.str(), micLevels.take(),
+            std::cout << fmt::format("{:5.1f}s  {}: {}   {}: {}", done, msg::kMicrophoneHeading.str(), micLevels.take(),
                                      msg::kSystemAudioHeading.str(), tapError.empty() ? systemLevels.take() : "-")
                       << std::endl;
         }
