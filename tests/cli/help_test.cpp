@@ -58,5 +58,18 @@ TEST(CommandLine, WrongUsageIsExitTwoWithASentenceInTheInterfaceLanguage) {
     EXPECT_EQ(help(en, "status --lang es --json").status, 0);
 }
 
+TEST(CommandLine, TheManualAndTheCompletionsNameEveryCommandOfTheHelp) {
+    const std::string en = "LANGUAGE= LC_ALL= LC_MESSAGES= LANG=C";
+    auto manual = help(en, "--print-manual");
+    auto bash = help(en, "--print-completion bash");
+    ASSERT_EQ(manual.status, 0);
+    EXPECT_NE(manual.output.find(".SH EXIT STATUS"), std::string::npos);
+    for (const char* command : {"daemon", "record", "stop", "status", "pending", "upload", "login", "insurance", "calls"}) {
+        EXPECT_NE(manual.output.find(std::string("\\fB") + command + "\\fR"), std::string::npos) << command;
+        EXPECT_NE(bash.output.find(std::string("    ") + command + ") words="), std::string::npos) << command;
+    }
+    EXPECT_NE(bash.output.find("record) words=\"--help -h --json --seconds"), std::string::npos) << bash.output;
+}
+
 }  // namespace
 }  // namespace vell
