@@ -40,6 +40,13 @@ public:
     // Encodes what is left, writes the trailer (the MPEG-4 index) and closes the file.
     // Further writes fail. Destroying an unfinished writer finishes it.
     virtual Expected<Unit, std::string> finish() = 0;
+    // Closes this file on a frame boundary and goes on writing into a new one at `path`
+    // with the same encoder, so the files joined end to end decode as one unbroken stream
+    // (no new priming, no padded last frame). What the encoder still holds lands in the new
+    // file. On failure (the new file cannot be created) the current one stays open. Only ADTS can do this.
+    virtual Expected<Unit, std::string> continueInto(const std::filesystem::path& path) {
+        return unexpected(path.string() + ": this writer cannot continue into another file");
+    }
 
     virtual const AacSettings& settings() const = 0;
     // The rate the file is encoded at (what frame counts are measured in).

@@ -82,7 +82,33 @@ void InsuranceChunkWriter::write(const audio::PcmBuffer& buffer) {
     double sum = 0;
     for (float s : *converted) sum += double(s) * double(s);
     if (std::sqrt(sum / double(converted->size())) >= kVoicedRMS) ++voicedBuffers_;
-    if (double(chunkFrames_) >= double(rate) * kChunkSeconds) sealOnQueue();
+    if (double(chunkFrames_) >= double(rate) * kChunkSeconds) rollOver();
+}
+
+// A full chunk hands the running encoder on to the next file instead of finishing it: a new
+// stream would start with the encoder's priming and the old one end on a padded frame, an
+// 80 ms hole at 16 kHz wherever two chunks are played end to end. The next chunk therefore
+// opens with the little the encoder still held (under two AAC frames).
+void InsuranceChunkWriter::rollOver() {
+    const WallTime now = runtime::clock().now();
+    const auto next = store_.openChunkURL(now);
+    if (auto moved = file_->continueInto(next); !moved) {
+        kLog.debug("insurance chunk closes alone: " + moved.error());
+        sealOnQueue();
+        return;
+    }
+    const auto sealed = *fileURL_;
+    const int voiced = voicedBuffers_, total = buffers_;
+    fileURL_ = next;
+    chunkFrames_ = 0;
+    voicedBuffers_ = 0;
+    buffers_ = 0;
+    setActive(next);
+    if (!store_.seal(sealed, now, activityPercent(voiced, total))) {
+        std::error_code ec;
+        std::filesystem::remove(sealed, ec);
+    }
+    if (onChunkSealed) runtime::main().post(onChunkSealed);
 }
 
 media::AacWriter* InsuranceChunkWriter::openFile() {

@@ -73,6 +73,7 @@ private:
     std::optional<std::vector<float>> convert(const audio::PcmBuffer& buffer, int outRate);
     void write(const audio::PcmBuffer& buffer);
     void sealOnQueue();
+    void rollOver();
     void abandon();
     void setActive(std::optional<std::filesystem::path> url);
 

@@ -45,6 +45,19 @@ public:
         return named(std::move(result));
     }
 
+    Expected<Unit, std::string> continueInto(const std::filesystem::path& path) override {
+        if (!open_) return closed();
+        if (settings_.container != AacContainer::adts)
+            return unexpected(path.string() + ": only ADTS files can continue into another file");
+        auto next = AdtsFileSink::create(path, encoder_->context());
+        if (!next) return unexpected(path.string() + ": " + next.error());
+        // The old file keeps what reached it even if its last flush fails; the stream goes on.
+        (void)sink_->finish();
+        sink_ = std::move(*next);
+        path_ = path;
+        return Unit{};
+    }
+
     const AacSettings& settings() const override { return settings_; }
     std::int64_t framesWritten() const override { return encoder_->framesAccepted(); }
     const std::filesystem::path& path() const override { return path_; }

@@ -72,7 +72,8 @@ TEST_F(ChunkWriter, ThirtySecondsOfStereoCaptureBecomeOneMonoChunkThatPlaysBack)
     ASSERT_EQ(list.size(), 2u);
     EXPECT_FALSE(list[1].isOpen);
     EXPECT_FALSE(writer.activeURL());
-    EXPECT_NEAR(test::decodeAudioFile(list[1].url).seconds(), 1, 0.15);
+    // 1 s, plus what the encoder still held when the first chunk closed (under two frames).
+    EXPECT_NEAR(test::decodeAudioFile(list[1].url).seconds(), 1.1, 0.1);
 }
 
 TEST_F(ChunkWriter, ActivityIsTheRoundedShareOfBuffersAtTheLevelThreshold) {

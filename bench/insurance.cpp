@@ -1,0 +1,219 @@
+// Cost of insurance mode while it listens: `vell daemon` with insurance on (no other
+// automation) on a private PulseAudio server whose microphone is a pipe fed a speech-like
+// signal in real time, measured over N seconds (default 60) for its CPU share of one core
+// and peak RSS, beside `parec | ffmpeg` writing the same 16 kHz mono 32 kbit/s ADTS stream
+// over the same seconds (CPU of both processes, the larger peak RSS). Both run at once.
+// The daemon's figure includes the idle host under it (see bench_host_idle).
+// Usage: bench_insurance [seconds]
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <numbers>
+#include <string>
+#include <thread>
+#include <vector>
+#include "app/composition.h"
+
+extern char** environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+int sh(const std::string& command) { return std::system(command.c_str()); }
+
+pid_t spawn(std::vector<std::string> args, const fs::path& output) {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    pid_t pid = -1;
+    if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+struct Sample {
+    double cpuSeconds = 0;
+    long switches = 0;
+    long peakRssKiB = 0;
+    long pssKiB = 0;  // its share of the pages, shared libraries divided among their users
+};
+
+long field(const fs::path& status, const std::string& key) {
+    std::ifstream in(status);
+    std::string word;
+    while (in >> word) {
+        if (word == key) {
+            long value = 0;
+            in >> value;
+            return value;
+        }
+    }
+    return 0;
+}
+
+Sample sample(pid_t pid) {
+    Sample s;
+    const fs::path proc = "/proc/" + std::to_string(pid);
+    std::ifstream stat(proc / "stat");
+    std::string text((std::istreambuf_iterator<char>(stat)), {});
+    auto close = text.rfind(')');
+    if (close != std::string::npos) {
+        std::vector<std::string> fields;
+        std::string f;
+        for (char c : text.substr(close + 2)) {
+            if (c == ' ') fields.push_back(f), f.clear();
+            else f += c;
+        }
+        // utime and stime are the 14th and 15th fields (11th and 12th after the name).
+        if (fields.size() > 12) s.cpuSeconds = double(std::stol(fields[11]) + std::stol(fields[12])) / double(sysconf(_SC_CLK_TCK));
+    }
+    std::error_code ec;
+    for (const auto& task : fs::directory_iterator(proc / "task", ec)) {
+        s.switches += field(task.path() / "status", "voluntary_ctxt_switches:") +
+                      field(task.path() / "status", "nonvoluntary_ctxt_switches:");
+    }
+    s.peakRssKiB = field(proc / "status", "VmHWM:");
+    s.pssKiB = field(proc / "smaps_rollup", "Pss:");
+    return s;
+}
+
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    vell::app::installPlatformBindings();
+    ::signal(SIGPIPE, SIG_IGN);  // the microphone pipe closes when the server stops
+    const double seconds = argc > 1 ? std::max(5.0, std::atof(argv[1])) : 60;
+    const char* tmp = std::getenv("TMPDIR");
+    std::string templ = std::string(tmp && *tmp ? tmp : "/tmp") + "/vell-bench-ins-XXXXXX";
+    if (!mkdtemp(templ.data())) return 1;
+    const fs::path dir = templ;
+    const fs::path runtime = dir / "run";
+    fs::create_directories(runtime);
+    fs::permissions(runtime, fs::perms::owner_all);
+    setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
+    setenv("PULSE_SERVER", ("unix:" + (runtime / "pulse" / "native").string()).c_str(), 1);
+    setenv("XDG_DATA_HOME", (dir / "data").c_str(), 1);
+    setenv("XDG_CONFIG_HOME", (dir / "config").c_str(), 1);
+    setenv("HOME", dir.c_str(), 1);
+    const fs::path fifo = runtime / "mic.fifo";
+    mkfifo(fifo.c_str(), 0600);
+    if (sh("pulseaudio --daemonize=yes -n --exit-idle-time=-1 --disallow-exit --load=module-native-protocol-unix "
+           "--load='module-null-sink sink_name=speakers' "
+           "--load='module-pipe-source source_name=fakemic file=" + fifo.string() +
+           " format=s16le rate=16000 channels=1' 2>/dev/null") != 0) {
+        std::fprintf(stderr, "bench_insurance: cannot start pulseaudio\n");
+        return 1;
+    }
+    sh("pactl set-default-source fakemic >/dev/null 2>&1; pactl set-default-sink speakers >/dev/null 2>&1");
+
+    // The microphone: a voice-like signal, written in real time.
+    std::atomic<bool> stop{false};
+    std::thread feeder([&] {
+        const int fd = ::open(fifo.c_str(), O_WRONLY);
+        std::vector<int16_t> block(160);
+        std::size_t n = 0;
+        auto next = std::chrono::steady_clock::now();
+        while (!stop) {
+            for (auto& s : block) {
+                const double t = double(n++) / 16000;
+                const double env = 0.5 + 0.5 * std::sin(2 * std::numbers::pi * 3 * t);
+                double v = 0;
+                for (int h = 1; h <= 5; ++h) v += std::sin(2 * std::numbers::pi * 130 * h * t) / h;
+                s = int16_t(8000 * env * v);
+            }
+            if (::write(fd, block.data(), block.size() * 2) < 0) break;
+            next += std::chrono::milliseconds(10);
+            std::this_thread::sleep_until(next);
+        }
+        ::close(fd);
+    });
+
+    std::ofstream(dir / "bus.conf") << "<busconfig><type>session</type><listen>unix:dir=" << dir.string()
+                                    << "</listen><auth>EXTERNAL</auth><policy context=\"default\"><allow send_destination=\"*\" "
+                                       "eavesdrop=\"true\"/><allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n";
+    FILE* bus = ::popen(("dbus-daemon --config-file=" + (dir / "bus.conf").string() + " --fork --print-address=1 --print-pid=1").c_str(), "r");
+    char line[1024] = {};
+    std::string address;
+    pid_t busPid = -1;
+    if (bus && std::fgets(line, sizeof line, bus)) address = line;
+    if (bus && std::fgets(line, sizeof line, bus)) busPid = std::atoi(line);
+    if (bus) ::pclose(bus);
+    while (!address.empty() && address.back() == '\n') address.pop_back();
+    setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
+
+    fs::create_directories(dir / "config" / "Vell");
+    std::ofstream(dir / "config" / "Vell" / "defaults.json")
+        << R"({"app.quillon.mac.autoRecordCalls":false,"app.quillon.mac.insurance.enabled":true,)"
+        << R"("app.quillon.mac.insurance.privacyAccepted":true})";
+    const fs::path vell = fs::path(VELL_BINARY_DIR) / "vell";
+    const pid_t host = spawn({vell.string(), "daemon"}, dir / "daemon.log");
+    std::this_thread::sleep_for(std::chrono::seconds(3));  // past the start-up
+
+    // The peer over the same seconds, in parallel.
+    const std::string peerScript =
+        "parec --raw --format=s16le --rate=16000 --channels=1 | ffmpeg -nostdin -loglevel error -y "
+        "-f s16le -ar 16000 -ac 1 -i - -c:a aac -b:a 32k -t " + std::to_string(seconds) + " -f adts " +
+        (dir / "peer.aac").string();
+    double peerCpu = 0, peerWall = 0;
+    long peerRssKiB = 0;
+    std::thread peerRun([&] {
+        const auto begin = std::chrono::steady_clock::now();
+        const pid_t pid = spawn({"sh", "-c", peerScript}, dir / "peer.log");
+        rusage r{};
+        int status = 0;
+        wait4(pid, &status, 0, &r);  // sh's figures include parec and ffmpeg, which it waited for
+        peerWall = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+        peerCpu = double(r.ru_utime.tv_sec + r.ru_stime.tv_sec) + double(r.ru_utime.tv_usec + r.ru_stime.tv_usec) / 1e6;
+        peerRssKiB = r.ru_maxrss;
+    });
+    const Sample hostStart = sample(host);
+    const auto begin = std::chrono::steady_clock::now();
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+    const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    const Sample hostEnd = sample(host);
+    peerRun.join();
+    std::size_t chunks = 0;
+    std::error_code ec;
+    for (const auto& e : fs::directory_iterator(dir / "data" / "Vell" / "Insurance", ec)) chunks += e.is_regular_file();
+
+    ::kill(host, SIGTERM);
+    waitpid(host, nullptr, 0);
+    if (busPid > 0) ::kill(busPid, SIGTERM);
+    stop = true;
+    sh("pulseaudio --kill 2>/dev/null");
+    feeder.join();
+    const auto peerBytes = fs::file_size(dir / "peer.aac", ec);
+    if (peerBytes == 0 || ec) sh("tail -5 " + (dir / "peer.log").string() + " >&2");
+    fs::remove_all(dir, ec);
+
+    const double ours = 100 * (hostEnd.cpuSeconds - hostStart.cpuSeconds) / wall;
+    const double peer = peerWall > 0 ? 100 * peerCpu / peerWall : 0;
+    std::printf("insurance mode listening for %.0f s (CPU at the clock tick's resolution, 10 ms):\n", wall);
+    std::printf("  vell daemon, insurance on : %.3f %% of a core, peak RSS %.1f MiB (PSS %.1f MiB), %zu files in the buffer\n",
+                ours, double(hostEnd.peakRssKiB) / 1024, double(hostEnd.pssKiB) / 1024, chunks);
+    std::printf("  parec | ffmpeg aac 32k    : %.3f %% of a core, peak RSS %.1f MiB (larger of the two), %llu bytes\n", peer,
+                double(peerRssKiB) / 1024, static_cast<unsigned long long>(peerBytes));
+    if (peer > 0)
+        std::printf("  ratio CPU vell / peer: %.3f   ratio peak RSS vell / peer: %.3f\n", ours / peer,
+                    double(hostEnd.peakRssKiB) / double(std::max(1L, peerRssKiB)));
+    std::printf("  goals: < 0.5 %% of a core, CPU ratio <= 0.8\n");
+    return 0;
+}
