@@ -3,6 +3,7 @@
 // microphone and plays into the speakers.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pulse/pulseaudio.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -109,6 +110,53 @@ private:
     std::unique_ptr<sdbus::IObject> object_;
 };
 
+// A volume meter as pavucontrol makes one: a record stream with peak detection, from a
+// client that names its program.
+class LevelMeter {
+public:
+    explicit LevelMeter(const std::string& binary) : loop_(pa_threaded_mainloop_new()) {
+        pa_proplist* props = pa_proplist_new();
+        pa_proplist_sets(props, PA_PROP_APPLICATION_PROCESS_BINARY, binary.c_str());
+        pa_proplist_sets(props, PA_PROP_APPLICATION_NAME, "Volume Control");
+        context_ = pa_context_new_with_proplist(pa_threaded_mainloop_get_api(loop_), "Volume Control", props);
+        pa_proplist_free(props);
+        pa_context_set_state_callback(context_, [](pa_context*, void* l) {
+            pa_threaded_mainloop_signal(static_cast<pa_threaded_mainloop*>(l), 0);
+        }, loop_);
+        pa_threaded_mainloop_lock(loop_);
+        pa_threaded_mainloop_start(loop_);
+        pa_context_connect(context_, nullptr, PA_CONTEXT_NOFLAGS, nullptr);
+        while (pa_context_get_state(context_) != PA_CONTEXT_READY && PA_CONTEXT_IS_GOOD(pa_context_get_state(context_))) {
+            pa_threaded_mainloop_wait(loop_);
+        }
+        const pa_sample_spec spec{PA_SAMPLE_FLOAT32LE, 25, 1};
+        stream_ = pa_stream_new(context_, "Peak detect", &spec, nullptr);
+        pa_stream_set_read_callback(stream_, [](pa_stream* s, size_t, void*) {
+            const void* data = nullptr;
+            size_t bytes = 0;
+            while (pa_stream_readable_size(s) > 0 && pa_stream_peek(s, &data, &bytes) == 0 && bytes > 0) pa_stream_drop(s);
+        }, nullptr);
+        const pa_buffer_attr attr{uint32_t(-1), uint32_t(-1), uint32_t(-1), uint32_t(-1), sizeof(float)};
+        ok_ = pa_stream_connect_record(stream_, test::PulseServer::kMicSource, &attr,
+                                       pa_stream_flags_t(PA_STREAM_PEAK_DETECT | PA_STREAM_ADJUST_LATENCY)) == 0;
+        pa_threaded_mainloop_unlock(loop_);
+    }
+    ~LevelMeter() {
+        pa_threaded_mainloop_stop(loop_);
+        if (stream_) pa_stream_unref(stream_);
+        pa_context_disconnect(context_);
+        pa_context_unref(context_);
+        pa_threaded_mainloop_free(loop_);
+    }
+    bool ok() const { return ok_; }
+
+private:
+    pa_threaded_mainloop* loop_;
+    pa_context* context_ = nullptr;
+    pa_stream* stream_ = nullptr;
+    bool ok_ = false;
+};
+
 class CallsDaemonTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -118,8 +166,8 @@ protected:
             << log();
     }
     void TearDown() override {
-        end(zoomIn);
-        end(zoomOut);
+        endCall();
+        for (auto& pid : others) end(pid);
         end(daemon);
     }
     std::string vell() const { return test::binaryPath("vell").string(); }
@@ -135,6 +183,17 @@ protected:
         zoomIn = spawnShell(props + "pacat --record --raw -d fakemic > /dev/null", home.tmp() / "in.log");
         zoomOut = spawnShell(props + "pacat --playback --raw -d speakers < /dev/zero", home.tmp() / "out.log");
     }
+    void endCall() {
+        end(zoomIn);
+        end(zoomOut);
+    }
+    // A program under the given name that plays into the speakers and, unless told not
+    // to, records from the microphone.
+    void startAudioUser(const std::string& binary, bool records = true) {
+        const std::string props = "PULSE_PROP=\"application.process.binary=" + binary + "\" exec ";
+        if (records) others.push_back(spawnShell(props + "pacat --record --raw -d fakemic > /dev/null", home.tmp() / "user-in.log"));
+        others.push_back(spawnShell(props + "pacat --playback --raw -d speakers < /dev/zero", home.tmp() / "user-out.log"));
+    }
 
     test::TempHome home;
     test::PrivateBus bus;
@@ -142,6 +201,7 @@ protected:
     test::PulseServer pulse;
     test::DevServer server{{.users = {"a@vell.test:pw-a"}}};
     pid_t daemon = -1, zoomIn = -1, zoomOut = -1;
+    std::vector<pid_t> others;
 };
 
 TEST_F(CallsDaemonTest, ACallStartsARecordingAndItsStopEndsIt) {
@@ -183,6 +243,58 @@ TEST_F(CallsDaemonTest, SwitchedOffNothingStartsAndTheSwitchIsKept) {
     auto on = json("calls on --json");
     EXPECT_EQ(on.value("enabled", false), true);
     EXPECT_TRUE(eventually([&] { return recording(); })) << log();
+}
+
+// Desktop pieces that hold the microphone while something plays are not calls: a volume
+// meter (a peak-detect record stream, from a program whose name means nothing to the
+// recorder, which also plays sound) and the speech synthesis service.
+TEST_F(CallsDaemonTest, AVolumeMeterAndSpeechSynthesisNeverStartARecording) {
+    LevelMeter meter("levelmeter");
+    ASSERT_TRUE(meter.ok());
+    startAudioUser("levelmeter", false);
+    startAudioUser("speech-dispatcher");
+    ASSERT_TRUE(eventually([&] { return test::runCommand("pactl list short source-outputs | wc -l").output.find('2') == 0; }));
+    std::this_thread::sleep_for(4s);  // twice the polls a start needs
+    EXPECT_FALSE(recording()) << log();
+    auto status = json("calls --json");
+    EXPECT_TRUE(status["callers"].empty()) << status.dump();
+    EXPECT_EQ(test::runCommand("ls '" + (home.dataHome() / "Vell" / "Recordings").string() + "' 2>/dev/null | wc -l").output,
+              "0\n");
+}
+
+// The user's own recording during a call: when the call ends the recorder offers to finish
+// it, and "Finish recording" does.
+TEST_F(CallsDaemonTest, AManualRecordingIsOfferedToFinishWhenTheCallEnds) {
+    const pid_t manual = spawnShell(vell() + " --lang en record", home.tmp() / "record.out");
+    others.push_back(manual);
+    ASSERT_TRUE(eventually([&] { return recording(); })) << log();
+    startCall();
+    ASSERT_TRUE(eventually([&] { return !json("calls --json")["callers"].empty(); })) << log();
+    std::this_thread::sleep_for(1500ms);  // seen on more than one poll
+    EXPECT_FALSE(json("calls --json")["state"].value("ownsRecording", true));
+
+    endCall();
+    ASSERT_TRUE(eventually([&] { return json("calls --json")["callers"].empty(); }, 3s)) << log();
+    std::this_thread::sleep_for(5s);  // at most six polls: too early for the offer
+    EXPECT_FALSE(notifications.find("The call ended").has_value()) << log();
+    std::optional<NotificationServer::Shown> offer;
+    ASSERT_TRUE(eventually([&] { return (offer = notifications.find("The call ended")).has_value(); }, 6s)) << log();
+    EXPECT_EQ(offer->body, "Finish the recording?");
+    EXPECT_NE(std::find(offer->actions.begin(), offer->actions.end(), "app.quillon.mac.finishRecording"),
+              offer->actions.end());
+    EXPECT_NE(std::find(offer->actions.begin(), offer->actions.end(), "app.quillon.mac.keepRecording"),
+              offer->actions.end());
+    EXPECT_TRUE(recording());
+
+    notifications.click(offer->id, "app.quillon.mac.finishRecording");
+    ASSERT_TRUE(eventually([&] { return !recording(); })) << log();
+    // The user's `vell record` sees its recording end and exits.
+    int status = 0;
+    EXPECT_TRUE(eventually([&] { return waitpid(manual, &status, WNOHANG) == manual; }, 3s)) << readAll(home.tmp() / "record.out");
+    others.pop_back();
+    auto pending = nlohmann::json::parse(run("pending --json").output, nullptr, false);
+    ASSERT_TRUE(pending.is_array() && pending.size() == 1u) << pending.dump();
+    EXPECT_NE(pending[0].value("status", ""), "recording");
 }
 
 }  // namespace
