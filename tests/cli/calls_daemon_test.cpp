@@ -297,5 +297,25 @@ TEST_F(CallsDaemonTest, AManualRecordingIsOfferedToFinishWhenTheCallEnds) {
     EXPECT_NE(pending[0].value("status", ""), "recording");
 }
 
+// The whole automatic life of a call recording in real time: it starts within 3 s of the
+// call and stops by itself 20 polls after the call ends, leaving a ready recording.
+TEST_F(CallsDaemonTest, ACallRecordingStartsWithinThreeSecondsAndStopsTwentyPollsAfterTheCall) {
+    const auto began = std::chrono::steady_clock::now();
+    startCall();
+    ASSERT_TRUE(eventually([&] { return recording(); }, 10s)) << log();
+    // Two polls a second apart and the start; the margin is for a loaded machine.
+    EXPECT_LT(std::chrono::steady_clock::now() - began, 5s);
+    std::this_thread::sleep_for(2s);
+    const auto ended = std::chrono::steady_clock::now();
+    endCall();
+    std::this_thread::sleep_for(15s);
+    EXPECT_TRUE(recording()) << "it must not stop before 20 polls without the call\n" << log();
+    ASSERT_TRUE(eventually([&] { return !recording(); }, 15s)) << log();
+    EXPECT_GE(std::chrono::steady_clock::now() - ended, 19s);
+    auto pending = nlohmann::json::parse(run("pending --json").output, nullptr, false);
+    ASSERT_TRUE(pending.is_array() && pending.size() == 1u) << pending.dump();
+    EXPECT_EQ(pending[0].value("status", ""), "ready");
+}
+
 }  // namespace
 }  // namespace vell
