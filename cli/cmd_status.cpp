@@ -29,15 +29,29 @@ inline constexpr Text kCodeAsked{"waiting for the two-step code", "esperando el 
 inline constexpr Text kRecordingNo{"Recording: no", "Grabando: no"};
 inline constexpr Text kRecordingYes{"Recording: ", "Grabando: "};
 inline constexpr Text kLastMessage{"Last message: ", "Último mensaje: "};
+inline constexpr Text kCallers{"In a call: ", "En llamada: "};
 
-nlohmann::ordered_json toJson(bool hostRunning, const dbus::HostStatus& s) {
-    return {{"host", hostRunning},       {"phase", s.phase},         {"userEmail", s.userEmail},
+// The programs the call recorder sees in a call right now (through the host).
+std::vector<std::string> activeCallers(const dbus::ControlClient* host) {
+    std::vector<std::string> names;
+    if (!host) return names;
+    auto calls = host->callsStatus();
+    if (!calls) return names;
+    auto json = nlohmann::json::parse(*calls, nullptr, false);
+    if (!json.is_object() || !json.contains("activeCallers") || !json["activeCallers"].is_array()) return names;
+    for (const auto& name : json["activeCallers"])
+        if (name.is_string()) names.push_back(name.get<std::string>());
+    return names;
+}
+
+nlohmann::ordered_json toJson(bool hostRunning, const dbus::HostStatus& s, const std::vector<std::string>& callers) {
+    return {{"activeCallers", callers},{"host", hostRunning},       {"phase", s.phase},         {"userEmail", s.userEmail},
             {"userID", s.userID},        {"recording", s.recording}, {"recordingID", s.recordingID},
             {"elapsed", s.elapsed},      {"microphoneLevel", s.microphoneLevel},
             {"systemLevel", s.systemLevel}, {"lastError", s.lastError}};
 }
 
-void printText(bool hostRunning, const dbus::HostStatus& s) {
+void printText(bool hostRunning, const dbus::HostStatus& s, const std::vector<std::string>& callers) {
     std::cout << (hostRunning ? kHostRunning : kHostNotRunning).str() << "\n" << kAccount.str();
     if (s.phase == "signedIn") std::cout << s.userEmail;
     else if (s.phase == "mfaRequired") std::cout << kCodeAsked.str();
@@ -52,6 +66,11 @@ void printText(bool hostRunning, const dbus::HostStatus& s) {
                   << "\n";
     } else {
         std::cout << kRecordingNo.str() << "\n";
+    }
+    if (!callers.empty()) {
+        std::cout << kCallers.str();
+        for (std::size_t i = 0; i < callers.size(); ++i) std::cout << (i ? ", " : "") << callers[i];
+        std::cout << "\n";
     }
     if (!s.lastError.empty()) std::cout << kLastMessage.str() << s.lastError << "\n";
 }
@@ -98,8 +117,9 @@ int status(Context& context, bool json, bool watch) {
             }
             s = *local;
         }
-        if (json) std::cout << toJson(host != nullptr, s).dump() << std::endl;
-        else printText(host != nullptr, s), std::cout << std::flush;
+        const auto callers = activeCallers(host.get());
+        if (json) std::cout << toJson(host != nullptr, s, callers).dump() << std::endl;
+        else printText(host != nullptr, s, callers), std::cout << std::flush;
         for (int i = 0; watch && i < 10 && !stop; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(100));
         if (watch && !json && !stop) std::cout << "\n";
     } while (watch && !stop);

@@ -212,6 +212,8 @@ TEST_F(CallsDaemonTest, ACallStartsARecordingAndItsStopEndsIt) {
 
     startCall();
     ASSERT_TRUE(eventually([&] { return recording(); })) << log();
+    // The host's status names who is in the call.
+    EXPECT_NE(run("status").output.find("In a call: "), std::string::npos) << run("status").output;
     auto status = json("calls --json");
     EXPECT_EQ(status["callers"][0].value("bundleID", ""), "us.zoom.xos") << status.dump();
     EXPECT_TRUE(status["state"].value("ownsRecording", false)) << status.dump();
