@@ -26,74 +26,13 @@
 #include <vector>
 #include "app/composition.h"
 
-extern char** environ;
+#include "bench/process_sample.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-int sh(const std::string& command) { return std::system(command.c_str()); }
-
-pid_t spawn(std::vector<std::string> args, const fs::path& output) {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    pid_t pid = -1;
-    if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
-}
-
-struct Sample {
-    double cpuSeconds = 0;
-    long switches = 0;
-    long peakRssKiB = 0;
-    long pssKiB = 0;  // its share of the pages, shared libraries divided among their users
-};
-
-long field(const fs::path& status, const std::string& key) {
-    std::ifstream in(status);
-    std::string word;
-    while (in >> word) {
-        if (word == key) {
-            long value = 0;
-            in >> value;
-            return value;
-        }
-    }
-    return 0;
-}
-
-Sample sample(pid_t pid) {
-    Sample s;
-    const fs::path proc = "/proc/" + std::to_string(pid);
-    std::ifstream stat(proc / "stat");
-    std::string text((std::istreambuf_iterator<char>(stat)), {});
-    auto close = text.rfind(')');
-    if (close != std::string::npos) {
-        std::vector<std::string> fields;
-        std::string f;
-        for (char c : text.substr(close + 2)) {
-            if (c == ' ') fields.push_back(f), f.clear();
-            else f += c;
-        }
-        // utime and stime are the 14th and 15th fields (11th and 12th after the name).
-        if (fields.size() > 12) s.cpuSeconds = double(std::stol(fields[11]) + std::stol(fields[12])) / double(sysconf(_SC_CLK_TCK));
-    }
-    std::error_code ec;
-    for (const auto& task : fs::directory_iterator(proc / "task", ec)) {
-        s.switches += field(task.path() / "status", "voluntary_ctxt_switches:") +
-                      field(task.path() / "status", "nonvoluntary_ctxt_switches:");
-    }
-    s.peakRssKiB = field(proc / "status", "VmHWM:");
-    s.pssKiB = field(proc / "smaps_rollup", "Pss:");
-    return s;
-}
-
+using namespace vell::bench;
 
 }  // namespace
 
