@@ -11,6 +11,7 @@
 #include "cli/command.h"
 #include "cli/host_client.h"
 #include "cli/pending_messages.h"
+#include "cli/units.h"
 #include "cli/runtime_scope.h"
 #include "recording/pending_recording_coding.h"
 #include "recording/recorder_service.h"
@@ -24,10 +25,7 @@ std::string humanSize(const std::filesystem::path& file) {
     std::error_code ec;
     auto bytes = std::filesystem::file_size(file, ec);
     if (ec) return msg::kMissingFile.str();
-    if (bytes < 1024) return fmt::format("{} B", bytes);
-    if (bytes < 1024 * 1024) return fmt::format("{:.1f} KiB", static_cast<double>(bytes) / 1024);
-    if (bytes < 1024ull * 1024 * 1024) return fmt::format("{:.1f} MiB", static_cast<double>(bytes) / (1024 * 1024));
-    return fmt::format("{:.2f} GiB", static_cast<double>(bytes) / (1024.0 * 1024 * 1024));
+    return bytesText(static_cast<double>(bytes));
 }
 
 // h:mm:ss of a finished recording; a dash while it runs.

@@ -24,6 +24,7 @@
 #include "cli/runtime_scope.h"
 #include "cli/signal_watcher.h"
 #include "cli/terminal.h"
+#include "cli/units.h"
 #include "platform/dbus/control_server.h"
 #include "recording/recorder_messages.h"
 #include "recording/recorder_service.h"
@@ -92,12 +93,6 @@ private:
     bool json_, quiet_, fancy_;
     bool shown_ = false;
 };
-
-// Seconds between an entry's start and finish (its JSON form), 0 while unfinished.
-double lengthOf(const nlohmann::json& entry) {
-    if (!entry.is_object() || !entry.contains("finishedAt") || !entry["finishedAt"].is_number()) return 0;
-    return entry["finishedAt"].get<double>() - entry.value("startedAt", entry["finishedAt"].get<double>());
-}
 
 // The recording made by the host that owns the data folder: started, watched and stopped
 // through its control interface, with the output of an in-process recording.

@@ -10,6 +10,7 @@
 #include "cli/help_messages.h"
 #include "cli/host_client.h"
 #include "cli/record_messages.h"
+#include "cli/units.h"
 
 namespace vell::cli {
 
@@ -24,11 +25,7 @@ int stop(bool discard) {
     }
     auto stopped = host->stopRecording(discard);
     if (!stopped) return reportHostError(stopped.error());
-    auto entry = nlohmann::json::parse(*stopped, nullptr, false);
-    double length = 0;
-    if (entry.is_object() && entry.contains("finishedAt") && entry["finishedAt"].is_number() && entry["startedAt"].is_number()) {
-        length = entry["finishedAt"].get<double>() - entry["startedAt"].get<double>();
-    }
+    const double length = lengthOf(nlohmann::json::parse(*stopped, nullptr, false));
     if (!discard) std::cout << record_messages::kSaved.str() << fmt::format("{:.1f}", length) << " s\n";
     return kExitOK;
 }

@@ -16,6 +16,7 @@
 #include "cli/help_messages.h"
 #include "cli/host_client.h"
 #include "cli/terminal.h"
+#include "cli/units.h"
 #include "cli/runtime_scope.h"
 #include "recording/recorder_service.h"
 #include "service/upload_queue.h"
@@ -25,14 +26,6 @@ namespace vell::cli {
 namespace {
 
 using recording::PendingRecording;
-
-// Size in the units a person reads: B, KiB, MiB, GiB.
-std::string bytesText(double bytes) {
-    if (bytes < 1024) return fmt::format("{:.0f} B", bytes);
-    if (bytes < 1024 * 1024) return fmt::format("{:.1f} KiB", bytes / 1024);
-    if (bytes < 1024.0 * 1024 * 1024) return fmt::format("{:.1f} MiB", bytes / (1024 * 1024));
-    return fmt::format("{:.2f} GiB", bytes / (1024.0 * 1024 * 1024));
-}
 
 // One line on standard error, redrawn in place on a terminal, as curl does: the file, the
 // share sent, bytes sent of the total, the rate and the time left, fitted to the width.

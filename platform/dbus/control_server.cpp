@@ -45,11 +45,6 @@ struct Snapshot {
     double elapsed = 0, microphoneLevel = 0, systemLevel = 0;
 };
 
-std::string pendingJson(const std::vector<recording::PendingRecording>& list) {
-    Json array = Json::array();
-    for (const auto& r : list) array.push_back(recording::coding::encode(r));
-    return array.dump();
-}
 
 }  // namespace
 
@@ -180,7 +175,7 @@ void ControlServer::Impl::registerInterface() {
 
     object->registerMethod("Pending").onInterface(I).implementedAs([this](sdbus::Result<std::string>&& result) {
         onMain(std::move(result), [this](auto& r) {
-            r->returnResults(pendingJson(host.core().recorder().pending()));
+            r->returnResults(recording::coding::encodeList(host.core().recorder().pending()));
         });
     });
 
