@@ -19,7 +19,9 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
+#include "tests/support/child_process.h"
 #include "tests/support/devserver_process.h"
+#include "tests/support/notification_server.h"
 #include "tests/support/private_bus.h"
 #include "tests/support/pulse_server.h"
 #include "tests/support/temp_home.h"
@@ -31,25 +33,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-
-pid_t spawnTo(std::vector<std::string> args, const fs::path& output) {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    pid_t pid = -1;
-    if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
-}
-
-std::string readAll(const fs::path& file) {
-    std::ifstream in(file);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
+using test::NotificationServer, test::readAll;
 
 std::string icsTime(std::chrono::system_clock::time_point t) {
     const std::time_t s = std::chrono::system_clock::to_time_t(t);
@@ -60,58 +44,13 @@ std::string icsTime(std::chrono::system_clock::time_point t) {
     return buffer;
 }
 
-// org.freedesktop.Notifications on the private bus, keeping what the host shows.
-class NotificationServer {
-public:
-    NotificationServer() : connection_(sdbus::createSessionBusConnection("org.freedesktop.Notifications")) {
-        object_ = sdbus::createObject(*connection_, "/org/freedesktop/Notifications");
-        const char* I = "org.freedesktop.Notifications";
-        object_->registerMethod("Notify").onInterface(I).implementedAs(
-            [this](std::string, uint32_t replaces, std::string, std::string summary, std::string body,
-                   std::vector<std::string> actions, std::map<std::string, sdbus::Variant>, int32_t) {
-                std::lock_guard guard(m);
-                uint32_t id = replaces ? replaces : ++lastID;
-                shown.push_back({id, summary, body, actions});
-                return id;
-            });
-        object_->registerMethod("CloseNotification").onInterface(I).implementedAs([](uint32_t) {});
-        object_->registerMethod("GetCapabilities").onInterface(I).implementedAs(
-            [] { return std::vector<std::string>{"actions", "body"}; });
-        object_->registerSignal("ActionInvoked").onInterface(I).withParameters<uint32_t, std::string>();
-        object_->registerSignal("NotificationClosed").onInterface(I).withParameters<uint32_t, uint32_t>();
-        object_->finishRegistration();
-        connection_->enterEventLoopAsync();
-    }
-    ~NotificationServer() { connection_->leaveEventLoop(); }
-    void click(uint32_t id, const std::string& action) {
-        object_->emitSignal("ActionInvoked").onInterface("org.freedesktop.Notifications").withArguments(id, action);
-    }
-    struct Shown {
-        uint32_t id;
-        std::string summary, body;
-        std::vector<std::string> actions;
-    };
-    std::optional<Shown> find(const std::string& summary) {
-        std::lock_guard guard(m);
-        for (auto& s : shown)
-            if (s.summary == summary) return s;
-        return std::nullopt;
-    }
-
-private:
-    std::mutex m;
-    std::vector<Shown> shown;
-    uint32_t lastID = 0;
-    std::unique_ptr<sdbus::IConnection> connection_;
-    std::unique_ptr<sdbus::IObject> object_;
-};
 
 class CalendarDaemonTest : public ::testing::Test {
 protected:
     void SetUp() override {
         notifications = std::make_unique<NotificationServer>();
-        drainer = spawnTo({"parec", "--device=fakemic", "--raw", "/dev/null"}, home.tmp() / "drainer.out");
-        daemon = spawnTo({vell(), "--lang", "en", "-v", "daemon"}, daemonLog());
+        drainer = test::spawnLogged({"parec", "--device=fakemic", "--raw", "/dev/null"}, home.tmp() / "drainer.out");
+        daemon = test::spawnLogged({vell(), "--lang", "en", "-v", "daemon"}, daemonLog());
         ASSERT_GT(daemon, 0);
         for (int i = 0; i < 100; ++i) {
             if (run("status --json").output.find("\"host\":true") != std::string::npos) return;

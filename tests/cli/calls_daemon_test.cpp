@@ -16,7 +16,9 @@
 #include <sdbus-c++/sdbus-c++.h>
 #include <thread>
 
+#include "tests/support/child_process.h"
 #include "tests/support/devserver_process.h"
+#include "tests/support/notification_server.h"
 #include "tests/support/private_bus.h"
 #include "tests/support/pulse_server.h"
 #include "tests/support/temp_home.h"
@@ -28,87 +30,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-
-pid_t spawnShell(const std::string& command, const fs::path& output) {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
-    const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
-    pid_t pid = -1;
-    if (posix_spawn(&pid, "/bin/sh", &actions, nullptr, const_cast<char**>(argv), environ) != 0) pid = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
-}
-
-void end(pid_t& pid) {
-    if (pid <= 0) return;
-    ::kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
-    pid = -1;
-}
-
-std::string readAll(const fs::path& file) {
-    std::ifstream in(file);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
-
-template <class Pred>
-bool eventually(Pred pred, std::chrono::milliseconds limit = 5s) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (pred()) return true;
-        std::this_thread::sleep_for(100ms);
-    }
-    return pred();
-}
-
-// org.freedesktop.Notifications as a desktop serves it, keeping what it was asked to show.
-class NotificationServer {
-public:
-    NotificationServer() : connection_(sdbus::createSessionBusConnection("org.freedesktop.Notifications")) {
-        object_ = sdbus::createObject(*connection_, "/org/freedesktop/Notifications");
-        const char* I = "org.freedesktop.Notifications";
-        object_->registerMethod("Notify").onInterface(I).implementedAs(
-            [this](std::string, uint32_t replaces, std::string, std::string summary, std::string body,
-                   std::vector<std::string> actions, std::map<std::string, sdbus::Variant>, int32_t) {
-                std::lock_guard guard(m_);
-                uint32_t id = replaces ? replaces : ++lastID_;
-                shown_.push_back({id, summary, body, actions});
-                return id;
-            });
-        object_->registerMethod("CloseNotification").onInterface(I).implementedAs([](uint32_t) {});
-        object_->registerMethod("GetCapabilities").onInterface(I).implementedAs(
-            [] { return std::vector<std::string>{"actions", "body"}; });
-        object_->registerSignal("ActionInvoked").onInterface(I).withParameters<uint32_t, std::string>();
-        object_->registerSignal("NotificationClosed").onInterface(I).withParameters<uint32_t, uint32_t>();
-        object_->finishRegistration();
-        connection_->enterEventLoopAsync();
-    }
-    ~NotificationServer() { connection_->leaveEventLoop(); }
-    void click(uint32_t id, const std::string& action) {
-        object_->emitSignal("ActionInvoked").onInterface("org.freedesktop.Notifications").withArguments(id, action);
-    }
-    struct Shown {
-        uint32_t id;
-        std::string summary, body;
-        std::vector<std::string> actions;
-    };
-    std::optional<Shown> find(const std::string& summary) {
-        std::lock_guard guard(m_);
-        for (const auto& s : shown_) {
-            if (s.summary == summary) return s;
-        }
-        return std::nullopt;
-    }
-
-private:
-    std::mutex m_;
-    std::vector<Shown> shown_;
-    uint32_t lastID_ = 0;
-    std::unique_ptr<sdbus::IConnection> connection_;
-    std::unique_ptr<sdbus::IObject> object_;
-};
+using test::endProcess, test::eventually, test::NotificationServer, test::readAll, test::spawnShell;
 
 // A volume meter as pavucontrol makes one: a record stream with peak detection, from a
 // client that names its program.
@@ -167,8 +89,8 @@ protected:
     }
     void TearDown() override {
         endCall();
-        for (auto& pid : others) end(pid);
-        end(daemon);
+        for (auto& pid : others) endProcess(pid);
+        endProcess(daemon);
     }
     std::string vell() const { return test::binaryPath("vell").string(); }
     std::string log() const { return readAll(home.tmp() / "daemon.log"); }
@@ -184,8 +106,8 @@ protected:
         zoomOut = spawnShell(props + "pacat --playback --raw -d speakers < /dev/zero", home.tmp() / "out.log");
     }
     void endCall() {
-        end(zoomIn);
-        end(zoomOut);
+        endProcess(zoomIn);
+        endProcess(zoomOut);
     }
     // A program under the given name that plays into the speakers and, unless told not
     // to, records from the microphone.

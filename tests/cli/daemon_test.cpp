@@ -14,6 +14,7 @@
 
 #include "cli/command.h"
 #include "tests/audio/aac_test_decoder.h"
+#include "tests/support/child_process.h"
 #include "tests/support/devserver_process.h"
 #include "tests/support/private_bus.h"
 #include "tests/support/pulse_server.h"
@@ -26,31 +27,13 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-
-pid_t spawn(std::vector<std::string> args, const fs::path& output) {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    pid_t pid = -1;
-    if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
-}
-
-std::string readAll(const fs::path& file) {
-    std::ifstream in(file);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
+using test::readAll;
 
 class DaemonTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        drainer = spawn({"parec", "--device=fakemic", "--raw", "/dev/null"}, home.tmp() / "drainer.out");
-        daemon = spawn({vell(), "--lang", "en", "-v", "daemon"}, daemonLog());
+        drainer = test::spawnLogged({"parec", "--device=fakemic", "--raw", "/dev/null"}, home.tmp() / "drainer.out");
+        daemon = test::spawnLogged({vell(), "--lang", "en", "-v", "daemon"}, daemonLog());
         ASSERT_GT(daemon, 0);
         // The host is up once `vell status` finds it.
         for (int i = 0; i < 100; ++i) {
@@ -121,7 +104,7 @@ TEST_F(DaemonTest, TheHostUploadsARecordingStoppedThroughItByItself) {
 
 TEST_F(DaemonTest, SigtermMidRecordingLeavesAReadyRecordingWithItsAudio) {
     pulse.playTone(1000, 20, false, 0.3);
-    const pid_t recording = spawn({vell(), "--lang", "en", "record"}, home.tmp() / "record.out");
+    const pid_t recording = test::spawnLogged({vell(), "--lang", "en", "record"}, home.tmp() / "record.out");
     std::string output;
     for (int i = 0; i < 150 && output.find("File: ") == std::string::npos; ++i) {
         std::this_thread::sleep_for(100ms);

@@ -15,6 +15,7 @@
 
 #include "cli/command.h"
 #include "tests/audio/aac_test_decoder.h"
+#include "tests/support/child_process.h"
 #include "tests/support/devserver_process.h"
 #include "tests/support/private_bus.h"
 #include "tests/support/pulse_server.h"
@@ -27,25 +28,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-
-pid_t spawnLogged(std::vector<std::string> args, const fs::path& output) {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    pid_t pid = -1;
-    if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
-}
-
-std::string readAll(const fs::path& file) {
-    std::ifstream in(file);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
+using test::readAll, test::spawnLogged;
 
 bool hasOpenChunk(const fs::path& dir) {
     std::error_code ec;
