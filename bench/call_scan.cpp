@@ -25,27 +25,15 @@
 #include "app/composition.h"
 #include "platform/pulse/call_scan.h"
 
-extern char** environ;
+#include "bench/process_sample.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using namespace vell::bench;
 
 constexpr int kStreams = 50;
 
-int sh(const std::string& command) { return std::system(command.c_str()); }
-
-pid_t spawnShell(const std::string& command, const fs::path& output) {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
-    const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
-    pid_t pid = -1;
-    if (posix_spawn(&pid, "/bin/sh", &actions, nullptr, const_cast<char**>(argv), environ) != 0) pid = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
-}
 
 double processCpu() {
     timespec t{};
@@ -69,22 +57,6 @@ int countStreams(const std::string& kind) {
     if (p && std::fscanf(p, "%d", &n) != 1) n = 0;
     if (p) ::pclose(p);
     return n;
-}
-
-double cpuSecondsOf(pid_t pid) {
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(stat)), {});
-    auto close = text.rfind(')');
-    if (close == std::string::npos) return 0;
-    std::vector<std::string> fields;
-    std::string f;
-    for (char c : text.substr(close + 2)) {
-        if (c == ' ') fields.push_back(f), f.clear();
-        else f += c;
-    }
-    // utime and stime are the 14th and 15th fields (11th and 12th after the name).
-    if (fields.size() <= 12) return 0;
-    return double(std::stol(fields[11]) + std::stol(fields[12])) / double(sysconf(_SC_CLK_TCK));
 }
 
 }  // namespace
@@ -149,30 +121,20 @@ int main(int argc, char** argv) {
     }
 
     // --- The idle host with the call recorder on ---------------------------------------
-    std::ofstream(dir / "bus.conf") << "<busconfig><type>session</type><listen>unix:dir=" << dir.string()
-                                    << "</listen><auth>EXTERNAL</auth><policy context=\"default\"><allow send_destination=\"*\" "
-                                       "eavesdrop=\"true\"/><allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n";
-    FILE* bus = ::popen(("dbus-daemon --config-file=" + (dir / "bus.conf").string() + " --fork --print-address=1 --print-pid=1").c_str(), "r");
-    char line[1024] = {};
-    std::string address;
-    pid_t busPid = -1;
-    if (bus && std::fgets(line, sizeof line, bus)) address = line;
-    if (bus && std::fgets(line, sizeof line, bus)) busPid = std::atoi(line);
-    if (bus) ::pclose(bus);
-    while (!address.empty() && address.back() == '\n') address.pop_back();
-    setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
+    const pid_t busPid = startPrivateBus(dir);
 
     const pid_t host = spawnShell("exec '" + vell.string() + "' daemon", dir / "daemon.log");
     std::this_thread::sleep_for(std::chrono::seconds(3));  // past the start-up
     FILE* calls = ::popen(("'" + vell.string() + "' calls --json 2>&1").c_str(), "r");
     std::string callsStatus;
+    char line[1024] = {};
     while (calls && std::fgets(line, sizeof line, calls)) callsStatus += line;
     if (calls) ::pclose(calls);
-    const double hostStart = cpuSecondsOf(host);
+    const double hostStart = sample(host).cpuSeconds;
     const auto begin = std::chrono::steady_clock::now();
     std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
     const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-    const double hostCpu = 100 * (cpuSecondsOf(host) - hostStart) / wall;
+    const double hostCpu = 100 * (sample(host).cpuSeconds - hostStart) / wall;
 
     ::kill(host, SIGTERM);
     waitpid(host, nullptr, 0);

@@ -85,18 +85,7 @@ int main(int argc, char** argv) {
         ::close(fd);
     });
 
-    std::ofstream(dir / "bus.conf") << "<busconfig><type>session</type><listen>unix:dir=" << dir.string()
-                                    << "</listen><auth>EXTERNAL</auth><policy context=\"default\"><allow send_destination=\"*\" "
-                                       "eavesdrop=\"true\"/><allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n";
-    FILE* bus = ::popen(("dbus-daemon --config-file=" + (dir / "bus.conf").string() + " --fork --print-address=1 --print-pid=1").c_str(), "r");
-    char line[1024] = {};
-    std::string address;
-    pid_t busPid = -1;
-    if (bus && std::fgets(line, sizeof line, bus)) address = line;
-    if (bus && std::fgets(line, sizeof line, bus)) busPid = std::atoi(line);
-    if (bus) ::pclose(bus);
-    while (!address.empty() && address.back() == '\n') address.pop_back();
-    setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
+    const pid_t busPid = startPrivateBus(dir);
 
     fs::create_directories(dir / "config" / "Vell");
     std::ofstream(dir / "config" / "Vell" / "defaults.json")

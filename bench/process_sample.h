@@ -5,6 +5,7 @@
 #include <spawn.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -77,6 +78,28 @@ inline Sample sample(pid_t pid) {
     s.peakRssKiB = field(proc / "status", "VmHWM:");
     s.pssKiB = field(proc / "smaps_rollup", "Pss:");
     return s;
+}
+
+inline pid_t spawnShell(const std::string& command, const fs::path& output) {
+    return spawn({"/bin/sh", "-c", command}, output);
+}
+
+// A private session bus for the programs the bench starts (DBUS_SESSION_BUS_ADDRESS is
+// pointed at it); its pid, to end it with SIGTERM, or -1 when it did not start.
+inline pid_t startPrivateBus(const fs::path& dir) {
+    std::ofstream(dir / "bus.conf") << "<busconfig><type>session</type><listen>unix:dir=" << dir.string()
+                                    << "</listen><auth>EXTERNAL</auth><policy context=\"default\"><allow send_destination=\"*\" "
+                                       "eavesdrop=\"true\"/><allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n";
+    FILE* bus = ::popen(("dbus-daemon --config-file=" + (dir / "bus.conf").string() + " --fork --print-address=1 --print-pid=1").c_str(), "r");
+    char line[1024] = {};
+    std::string address;
+    pid_t pid = -1;
+    if (bus && std::fgets(line, sizeof line, bus)) address = line;
+    if (bus && std::fgets(line, sizeof line, bus)) pid = std::atoi(line);
+    if (bus) ::pclose(bus);
+    while (!address.empty() && address.back() == '\n') address.pop_back();
+    ::setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
+    return pid;
 }
 
 }  // namespace vell::bench
