@@ -20,8 +20,13 @@ std::unique_ptr<RuntimeScope> RuntimeScope::enter(Context& context, Options opti
             return nullptr;
         }
         scope->lock_ = *lock;
-        // Older versions created recordings readable by everyone on this computer.
-        if (int narrowed = files::narrowToOwner(paths::vellDataDirectory()); narrowed > 0) {
+        // Older versions created recordings readable by everyone on this computer, in folders
+        // open to others; once the folder is private there is nothing left to walk.
+        std::error_code ec;
+        const auto open = std::filesystem::status(paths::vellDataDirectory(), ec).permissions() &
+                          (std::filesystem::perms::group_all | std::filesystem::perms::others_all);
+        if (int narrowed = !ec && open != std::filesystem::perms::none ? files::narrowToOwner(paths::vellDataDirectory()) : 0;
+            narrowed > 0) {
             log::Logger("App").info("made " + std::to_string(narrowed) + " files and folders private to their owner");
         }
     }
