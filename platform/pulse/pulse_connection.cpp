@@ -1,5 +1,8 @@
 #include "platform/pulse/pulse_connection.h"
 
+#include <atomic>
+#include <chrono>
+
 #include <pulse/pulseaudio.h>
 
 #include "audio/errors.h"
@@ -165,16 +168,42 @@ void expire(pa_mainloop_api*, pa_time_event*, const struct timeval*, void* userd
 }
 }  // namespace
 
+namespace {
+// When the server last left a wait unanswered (steady clock, in ns; 0 = it has answered
+// since). Shared by every connection of the process: one command lists, then opens, then
+// taps, and a stuck server must not cost the full wait at each step.
+std::atomic<int64_t> gUnansweredAt{0};
+
+int64_t steadyNow() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+double answerWindowSeconds() {
+    const int64_t at = gUnansweredAt.load();
+    if (at == 0) return Connection::kAnswerSeconds;
+    const double since = static_cast<double>(steadyNow() - at) / 1e9;
+    return since < Connection::kStuckMemorySeconds ? Connection::kRecheckSeconds : Connection::kAnswerSeconds;
+}
+}  // namespace
+
 bool Connection::waitFor(const std::function<bool()>& done) const {
     if (done()) return true;
     Expiry expiry{this};
+    const double window = answerWindowSeconds();
     pa_time_event* timer =
-        context_ ? pa_context_rttime_new(context_, pa_rtclock_now() + static_cast<pa_usec_t>(kAnswerSeconds * PA_USEC_PER_SEC),
+        context_ ? pa_context_rttime_new(context_, pa_rtclock_now() + static_cast<pa_usec_t>(window * PA_USEC_PER_SEC),
                                          &expire, &expiry)
                  : nullptr;
     while (!done() && !expiry.expired) pa_threaded_mainloop_wait(mainloop_);
     if (timer) pa_threaded_mainloop_get_api(mainloop_)->time_free(timer);
-    return done();
+    const bool answered = done();
+    if (answered) {
+        gUnansweredAt.store(0);
+    } else if (expiry.expired) {
+        gUnansweredAt.store(steadyNow());
+    }
+    return answered;
 }
 
 bool Connection::await(pa_operation* op, const char* operation) const {

@@ -98,10 +98,14 @@ public:
     // Unreferences the operation.
     bool await(pa_operation* op, const char* operation = "pa_operation") const;
     // Waits (with the loop locked, never on the loop's own thread) until `done` holds, for
-    // at most kAnswerSeconds; false on time-out. A server that is alive but stuck, or a
+    // at most kAnswerSeconds (see below); false on time-out. A server that is alive but stuck, or a
     // PipeWire without a session manager that never links a stream, must not hang us.
     bool waitFor(const std::function<bool()>& done) const;
     static constexpr double kAnswerSeconds = 5.0;
+    // After a wait went unanswered, later waits of the process (any connection) only give
+    // the server kRecheckSeconds for kStuckMemorySeconds, until it answers again.
+    static constexpr double kRecheckSeconds = 0.5;
+    static constexpr double kStuckMemorySeconds = 30.0;
     // Wakes waiters; called by the library callbacks.
     void signal() const;
 
