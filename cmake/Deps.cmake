@@ -13,16 +13,17 @@ endfunction()
 
 vell_pkg(pulse libpulse)
 vell_pkg(alsa alsa)
-# The programs link the encoder side of FFmpeg only. libavformat (needed for ".m4a" files)
-# is loaded by platform/codec/avformat_library.cpp on first use: linking it would map its score of
-# dependencies into every start. Its headers still describe the structs we use.
-vell_pkg(ffmpeg libavcodec libavutil libswresample)
-pkg_check_modules(avformat_PC REQUIRED IMPORTED_TARGET libavformat)
-target_include_directories(vell::ffmpeg INTERFACE ${avformat_PC_INCLUDE_DIRS})
+# The programs link no FFmpeg library: platform/codec loads libavcodec, libavutil and
+# libswresample when the first encoder or resampler opens, and libavformat (for ".m4a"
+# files) when the first MPEG-4 file is written; linking them would map some sixty
+# libraries into every start. Their headers still describe the structs we use.
+pkg_check_modules(ffmpeg_PC REQUIRED IMPORTED_TARGET libavcodec libavutil libswresample libavformat)
+add_library(vell::ffmpeg INTERFACE IMPORTED GLOBAL)
+target_include_directories(vell::ffmpeg INTERFACE ${ffmpeg_PC_INCLUDE_DIRS})
 target_link_libraries(vell::ffmpeg INTERFACE ${CMAKE_DL_LIBS})
-# For tests that decode files back.
+# For tests and tools that decode files back: the libraries themselves.
 add_library(vell::avformat INTERFACE IMPORTED GLOBAL)
-target_link_libraries(vell::avformat INTERFACE PkgConfig::avformat_PC)
+target_link_libraries(vell::avformat INTERFACE PkgConfig::ffmpeg_PC)
 vell_pkg(webrtc webrtc-audio-processing)
 vell_pkg(curl libcurl)
 vell_pkg(plist libplist-2.0)

@@ -71,7 +71,4 @@ private:
     std::vector<const float*> pointers_;
 };
 
-// FFmpeg's text for one of its error codes.
-std::string ffmpegErrorText(int code);
-
 }  // namespace vell::media

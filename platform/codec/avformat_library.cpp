@@ -16,8 +16,8 @@ bool resolve(void* handle, const char* name, Fn& slot, std::string& missing) {
 }  // namespace
 
 Expected<AvformatLibrary, std::string> loadAvformatLibrary(const std::string& soname) {
-    // RTLD_LOCAL keeps its symbols out of the global scope; the FFmpeg libraries we link
-    // (libavcodec, libavutil) are found already loaded, so there is one copy of each.
+    // RTLD_LOCAL keeps its symbols out of the global scope; libavcodec and libavutil, loaded
+    // with the encoder before any file is written, are found already there: one copy of each.
     void* handle = ::dlopen(soname.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (!handle) {
         const char* why = ::dlerror();

@@ -1,4 +1,5 @@
 #include "platform/codec/mpeg4_file_sink.h"
+#include "platform/codec/ffmpeg_library.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -41,7 +42,7 @@ Expected<Unit, std::string> Mpeg4FileSink::open(const std::filesystem::path& pat
     stream_ = lib_.newStream(format_, nullptr);
     if (!stream_) return fail("avformat_new_stream", AVERROR(ENOMEM));
     stream_->time_base = encoder_.time_base;
-    rc = avcodec_parameters_from_context(stream_->codecpar, &encoder_);
+    rc = ff().avcodec_parameters_from_context(stream_->codecpar, &encoder_);
     if (rc < 0) return fail("avcodec_parameters_from_context", rc);
     rc = lib_.ioOpen(&format_->pb, path.c_str(), AVIO_FLAG_WRITE);
     if (rc < 0) return fail("avio_open", rc);
@@ -61,7 +62,7 @@ Mpeg4FileSink::~Mpeg4FileSink() {
 Expected<Unit, std::string> Mpeg4FileSink::write(AVPacket& packet) {
     if (!open_) return unexpected(std::string("the file is closed"));
     packet.stream_index = stream_->index;
-    av_packet_rescale_ts(&packet, encoder_.time_base, stream_->time_base);
+    ff().av_packet_rescale_ts(&packet, encoder_.time_base, stream_->time_base);
     const int rc = lib_.writeFrame(format_, &packet);
     if (rc < 0) return fail("av_write_frame", rc);
     if (format_->pb->error < 0) return fail("write", format_->pb->error);

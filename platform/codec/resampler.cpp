@@ -1,4 +1,5 @@
 #include "platform/codec/resampler.h"
+#include "platform/codec/ffmpeg_library.h"
 
 extern "C" {
 #include <libavutil/channel_layout.h>
@@ -12,12 +13,6 @@ extern "C" {
 namespace vell::media {
 
 namespace {
-std::string avError(int code) {
-    char text[AV_ERROR_MAX_STRING_SIZE] = {};
-    av_strerror(code, text, sizeof text);
-    return text;
-}
-
 // Only openSwrResampler() makes one, so its parts stay open to it.
 class SwrResampler final : public Resampler {
 public:
@@ -43,11 +38,12 @@ struct SwrResampler::Impl {
     // would lower a centred voice by 3 dB on each side.
     bool duplicateMono = false;
     int swrOutChannels = 0;
-    ~Impl() { swr_free(&swr); }
+    ~Impl() { ff().swr_free(&swr); }
 };
 
 Expected<std::unique_ptr<Resampler>, std::string> openSwrResampler(int inRate, int inChannels, int outRate,
                                                                    int outChannels) {
+    if (auto library = ffmpegLibrary(); !library) return unexpected(library.error());
     if (inRate <= 0 || outRate <= 0 || inChannels <= 0 || outChannels <= 0) {
         return unexpected(std::string("unsupported audio format: ") + std::to_string(inChannels) + " channels at " +
                           std::to_string(inRate) + " Hz");
@@ -58,22 +54,22 @@ Expected<std::unique_ptr<Resampler>, std::string> openSwrResampler(int inRate, i
     r->impl_->swrOutChannels = r->impl_->duplicateMono ? 1 : outChannels;
 
     AVChannelLayout inLayout, outLayout;
-    av_channel_layout_default(&inLayout, inChannels);
-    av_channel_layout_default(&outLayout, r->impl_->swrOutChannels);
-    int rc = swr_alloc_set_opts2(&r->impl_->swr, &outLayout, AV_SAMPLE_FMT_FLTP, outRate, &inLayout,
+    ff().av_channel_layout_default(&inLayout, inChannels);
+    ff().av_channel_layout_default(&outLayout, r->impl_->swrOutChannels);
+    int rc = ff().swr_alloc_set_opts2(&r->impl_->swr, &outLayout, AV_SAMPLE_FMT_FLTP, outRate, &inLayout,
                                  AV_SAMPLE_FMT_FLTP, inRate, 0, nullptr);
-    av_channel_layout_uninit(&inLayout);
-    av_channel_layout_uninit(&outLayout);
-    if (rc < 0) return unexpected("swr_alloc_set_opts2: " + avError(rc));
-    rc = swr_init(r->impl_->swr);
-    if (rc < 0) return unexpected("swr_init: " + avError(rc));
+    ff().av_channel_layout_uninit(&inLayout);
+    ff().av_channel_layout_uninit(&outLayout);
+    if (rc < 0) return unexpected("swr_alloc_set_opts2: " + ffmpegErrorText(rc));
+    rc = ff().swr_init(r->impl_->swr);
+    if (rc < 0) return unexpected("swr_init: " + ffmpegErrorText(rc));
     return std::unique_ptr<Resampler>(std::move(r));
 }
 
 SwrResampler::~SwrResampler() = default;
 
 std::size_t SwrResampler::maxOutputFrames(std::size_t inFrames) const {
-    int n = swr_get_out_samples(impl_->swr, static_cast<int>(inFrames));
+    int n = ff().swr_get_out_samples(impl_->swr, static_cast<int>(inFrames));
     return n < 0 ? 0 : static_cast<std::size_t>(n);
 }
 
@@ -86,18 +82,18 @@ Expected<Unit, std::string> SwrResampler::drain(std::vector<std::vector<float>>&
 
 Expected<Unit, std::string> SwrResampler::run(const float* const* in, std::size_t frames,
                                               std::vector<std::vector<float>>& out) {
-    const int capacity = swr_get_out_samples(impl_->swr, static_cast<int>(frames)) + 16;
+    const int capacity = ff().swr_get_out_samples(impl_->swr, static_cast<int>(frames)) + 16;
     out.resize(static_cast<std::size_t>(outChannels()));
     uint8_t* planes[AV_NUM_DATA_POINTERS] = {};
     for (int c = 0; c < impl_->swrOutChannels; ++c) {
         out[c].resize(static_cast<std::size_t>(capacity));
         planes[c] = reinterpret_cast<uint8_t*>(out[c].data());
     }
-    const int produced = swr_convert(impl_->swr, planes, capacity, reinterpret_cast<const uint8_t**>(const_cast<const float**>(in)),
+    const int produced = ff().swr_convert(impl_->swr, planes, capacity, reinterpret_cast<const uint8_t**>(const_cast<const float**>(in)),
                                      static_cast<int>(frames));
     if (produced < 0) {
         for (auto& plane : out) plane.clear();
-        return unexpected("swr_convert: " + avError(produced));
+        return unexpected("swr_convert: " + ffmpegErrorText(produced));
     }
     for (int c = 0; c < impl_->swrOutChannels; ++c) out[c].resize(static_cast<std::size_t>(produced));
     if (impl_->duplicateMono) {
