@@ -37,10 +37,23 @@ inline constexpr Text kNoMicrophones{"No microphones found.", "No se encontraron
 inline constexpr Text kOpens{"opens", "abre"};
 inline constexpr Text kSystemDefaultDevice{"the system default", "el predeterminado del sistema"};
 inline constexpr Text kMicDescription{"Choose the microphone for recordings or for insurance mode",
-                                      "Elige el micrófono para las grabaciones o para el modo seguro"};
+                                      "Elegí el micrófono para las grabaciones o para el modo seguro"};
 inline constexpr Text kMicUseOption{"recording or insurance", "recording o insurance"};
-inline constexpr Text kMicChoiceOption{"default, builtin or uid:<device UID> (see vell devices)",
-                                       "default, builtin o uid:<UID del dispositivo> (ver vell devices)"};
+inline constexpr Text kMicChoiceOption{"default, builtin, or a microphone as vell devices lists it (its UID, uid:<UID> or its name)",
+                                       "default, builtin, o un micrófono como lo lista vell devices (su UID, uid:<UID> o su nombre)"};
+inline constexpr Text kMicShowsChoices{"Without a choice, shows both choices and what each opens.",
+                                       "Sin elección, muestra las dos elecciones y qué abre cada una."};
+inline constexpr Text kForceOption{"Accept a microphone that is not connected now (the system default is used until it is)",
+                                   "Acepta un micrófono que no está conectado ahora (se usa el predeterminado del sistema hasta que lo esté)"};
+inline constexpr Text kDeviceOption{"Record from this microphone this time (as vell devices lists it)",
+                                   "Graba con este micrófono esta vez (como lo lista vell devices)"};
+inline constexpr Text kNoSuchMicrophone{"No microphone is called ", "No hay ningún micrófono llamado "};
+inline constexpr Text kNoSuchMicrophoneHint{". vell devices lists them; add --force to choose it anyway.",
+                                            ". vell devices los lista; agregá --force para elegirlo igual."};
+inline constexpr Text kCannotCheckMicrophone{"The microphone cannot be checked because the sound server is not reachable (add --force to choose it anyway): ",
+                                             "No se puede comprobar el micrófono porque no se puede contactar al servidor de sonido (agregá --force para elegirlo igual): "};
+inline constexpr Text kMicUseMissingChoice{"Say which microphone: default, builtin or one that vell devices lists.",
+                                           "Decí qué micrófono: default, builtin o uno que liste vell devices."};
 inline constexpr Text kCannotSave{"The choice could not be saved to ", "No se pudo guardar la elección en "};
 inline constexpr Text kCaptureTestDescription{"Open the recording microphone and the system audio and show their levels",
                                               "Abre el micrófono de grabación y el audio del sistema y muestra sus niveles"};

@@ -252,6 +252,9 @@ MicrophoneTarget MicrophoneSettings::target(const MicrophoneResolution& resoluti
 }
 
 MicrophoneTarget MicrophoneSettings::recordingTarget() { return target(recordingResolution()); }
+MicrophoneTarget MicrophoneSettings::target(const MicrophoneSelection& selection) const {
+    return target(resolve(selection, devices.get(), systemDefaultUID.get()));
+}
 MicrophoneTarget MicrophoneSettings::insuranceTarget() { return target(insuranceResolution()); }
 
 }  // namespace vell::audio

@@ -122,6 +122,8 @@ public:
     MicrophoneTarget recordingTarget() override;
     MicrophoneTarget insuranceTarget() override;
     MicrophoneTarget target(const MicrophoneResolution& resolution) const;
+    // What a selection opens now (a missing device: the system default).
+    MicrophoneTarget target(const MicrophoneSelection& selection) const;
 
     // Enumerates now (also what a change notification does).
     void refresh();

@@ -7,35 +7,13 @@
 #include "audio/microphone_settings.h"
 #include "base/user_defaults.h"
 #include "cli/command.h"
+#include "cli/microphone_choice.h"
 #include "platform/pulse/pulse_input_devices.h"
 
 namespace vell::cli {
 
 namespace {
 namespace msg = audio::messages;
-using audio::MicrophoneSelection;
-
-nlohmann::ordered_json describe(const MicrophoneSelection& selection, const audio::MicrophoneSettings& settings) {
-    auto resolution = audio::resolve(selection, settings.devices.get(), settings.systemDefaultUID.get());
-    nlohmann::ordered_json out;
-    out["selection"] = selection.encoded();
-    out["label"] = audio::selectionLabel(selection, settings.devices.get(), settings.systemDefaultUID.get(), interfaceLanguage());
-    out["opens"] = resolution.deviceUID ? nlohmann::ordered_json(*resolution.deviceUID) : nlohmann::ordered_json(nullptr);
-    out["device"] = resolution.device ? nlohmann::ordered_json(resolution.device->uid) : nlohmann::ordered_json(nullptr);
-    out["fellBackToDefault"] = resolution.fellBackToDefault;
-    return out;
-}
-
-void printChoice(const Text& heading, const MicrophoneSelection& selection, const audio::MicrophoneSettings& settings) {
-    auto resolution = audio::resolve(selection, settings.devices.get(), settings.systemDefaultUID.get());
-    std::cout << heading.str() << ": "
-              << audio::selectionLabel(selection, settings.devices.get(), settings.systemDefaultUID.get(), interfaceLanguage()) << " ["
-              << selection.encoded() << "] → " << msg::kOpens.str() << " "
-              << (resolution.deviceUID ? *resolution.deviceUID : msg::kSystemDefaultDevice.str());
-    if (resolution.fellBackToDefault) std::cout << " " << msg::kFellBack.str();
-    std::cout << "\n";
-}
-
 void setup(CLI::App& app, Context& context) {
     auto* cmd = app.add_subcommand("devices", msg::kDevicesDescription.str());
     auto json = std::make_shared<bool>(false);
@@ -59,8 +37,8 @@ void setup(CLI::App& app, Context& context) {
                                           {"default", systemDefault == d.uid}});
             }
             out["systemDefault"] = systemDefault ? nlohmann::ordered_json(*systemDefault) : nlohmann::ordered_json(nullptr);
-            out["recording"] = describe(settings.recordingSelection.get(), settings);
-            out["insurance"] = describe(settings.insuranceSelection.get(), settings);
+            out["recording"] = describeMicrophoneChoice(settings.recordingSelection.get(), settings);
+            out["insurance"] = describeMicrophoneChoice(settings.insuranceSelection.get(), settings);
             std::cout << out.dump(2) << "\n";
             return;
         }
@@ -71,8 +49,8 @@ void setup(CLI::App& app, Context& context) {
             if (d.transport == audio::AudioInputDevice::Transport::bluetooth) std::cout << "    " << msg::kBluetoothNote.str() << "\n";
         }
         std::cout << "\n";
-        printChoice(msg::kRecordingLabel, settings.recordingSelection.get(), settings);
-        printChoice(msg::kInsuranceLabel, settings.insuranceSelection.get(), settings);
+        printMicrophoneChoice(msg::kRecordingLabel, settings.recordingSelection.get(), settings);
+        printMicrophoneChoice(msg::kInsuranceLabel, settings.insuranceSelection.get(), settings);
     });
 }
 

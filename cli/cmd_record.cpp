@@ -17,15 +17,20 @@
 #include "app/core_services.h"
 #include "app/host.h"
 #include "app/input_levels.h"
+#include "audio/capture_messages.h"
+#include "audio/microphone_settings.h"
 #include "base/runtime.h"
+#include "base/user_defaults.h"
 #include "cli/command.h"
 #include "cli/host_client.h"
+#include "cli/microphone_choice.h"
 #include "cli/record_messages.h"
 #include "cli/runtime_scope.h"
 #include "cli/signal_watcher.h"
 #include "cli/terminal.h"
 #include "cli/units.h"
 #include "platform/dbus/control_server.h"
+#include "platform/pulse/pulse_input_devices.h"
 #include "recording/recorder_messages.h"
 #include "recording/recorder_service.h"
 
@@ -96,10 +101,11 @@ private:
 
 // The recording made by the host that owns the data folder: started, watched and stopped
 // through its control interface, with the output of an in-process recording.
-int recordThroughHost(const dbus::ControlClient& host, double seconds, SignalWatcher& signals, RecordOutput& out) {
+int recordThroughHost(const dbus::ControlClient& host, double seconds, const std::optional<std::string>& microphone,
+                      SignalWatcher& signals, RecordOutput& out) {
     std::atomic<bool> stopRequested{false};
     signals.watch([&stopRequested] { stopRequested = true; });
-    auto started = host.startRecording();
+    auto started = microphone ? host.startRecordingOn(*microphone) : host.startRecording();
     if (!started) {
         std::cerr << "vell: " << msg::kDidNotStart.str() << started.error().message << "\n";
         return kExitFailure;
@@ -143,7 +149,11 @@ void setup(CLI::App& app, Context& context) {
     auto* cmd = app.add_subcommand("record", msg::kDescription.str());
     auto seconds = std::make_shared<double>(0);
     auto json = std::make_shared<bool>(false);
+    auto device = std::make_shared<std::string>();
+    auto force = std::make_shared<bool>(false);
     cmd->add_flag("--json", *json, msg::kJsonOption.str());
+    cmd->add_option("--device", *device, audio::messages::kDeviceOption.str());
+    cmd->add_flag("--force", *force, audio::messages::kForceOption.str());
     cmd->add_option("--seconds", *seconds, msg::kSecondsOption.str())->check(CLI::Validator(
         [](std::string& text) -> std::string {
             // "inf", "nan" and lengths shorter than one mixer tick would either never stop
@@ -157,11 +167,24 @@ void setup(CLI::App& app, Context& context) {
             return msg::kBadSeconds.str();
         },
         "SECONDS"));
-    cmd->callback([&context, seconds, json] {
+    cmd->callback([&context, seconds, json, device, force] {
+        // A microphone for this recording only, checked against the list like `vell mic`.
+        std::optional<std::string> microphone;
+        if (!device->empty()) {
+            audio::MicrophoneSettings settings(platform::makePulseInputDevices(), UserDefaults::standard(), false);
+            auto argument = parseMicrophoneArgument(*device, settings, *force);
+            if (!argument) {
+                std::cerr << "vell: " << argument.error() << "\n";
+                context.exitCode = kExitUsage;
+                return;
+            }
+            if (argument->missing && !context.quiet) std::cerr << audio::messages::kNotConnectedYet.str() << "\n";
+            microphone = argument->selection.encoded();
+        }
         SignalWatcher signals;
         if (auto host = runningHost()) {
             RecordOutput out(*json, context.quiet);
-            context.exitCode = recordThroughHost(*host, *seconds, signals, out);
+            context.exitCode = recordThroughHost(*host, *seconds, microphone, signals, out);
             return;
         }
         auto scope = RuntimeScope::enter(context);
@@ -214,7 +237,12 @@ void setup(CLI::App& app, Context& context) {
         });
         signals.watch([&main, &stopNow] { main.post([&stopNow] { stopNow(); }); });
 
-        recorder.start({}, [&](bool ok) {
+        recording::RecordingStartOptions options;
+        if (microphone) {
+            auto selection = audio::MicrophoneSelection::parse(*microphone);
+            if (selection) options.microphone = audio::MicrophoneSettings::shared().target(*selection);
+        }
+        recorder.start(std::move(options), [&](bool ok) {
             if (!ok) {
                 const auto reason = recorder.state.lastError.get();
                 std::cerr << "vell: " << msg::kDidNotStart.str() << reason.value_or("") << "\n";

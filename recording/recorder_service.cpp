@@ -57,6 +57,7 @@ void trimOrphanFiles(const fs::path& directory, const std::vector<PendingRecordi
 // `closed` is read and written on the microphone queue only.
 struct RecorderService::Session {
     std::string id;
+    std::optional<audio::MicrophoneTarget> microphone;
     std::shared_ptr<audio::RecordingMixer> mixer;
     bool systemRunning = false;
     bool closed = false;
@@ -241,10 +242,13 @@ void RecorderService::start(StartOptions options, std::function<void(bool)> done
     if (parts_.liveAdvisor.begin && parts_.hasServiceSession && parts_.hasServiceSession()) {
         liveSessionID = parts_.liveAdvisor.begin(session->id);
     }
-    startOnMicQueue(std::move(session), chooseTarget(), std::move(options), std::move(liveSessionID), std::move(done));
+    session->microphone = options.microphone;
+    const auto target = chooseTarget(session.get());
+    startOnMicQueue(std::move(session), target, std::move(options), std::move(liveSessionID), std::move(done));
 }
 
-audio::MicrophoneTarget RecorderService::chooseTarget() {
+audio::MicrophoneTarget RecorderService::chooseTarget(const Session* session) {
+    if (session && session->microphone) return *session->microphone;
     // The selection lives on the main executor; the queue only gets its answer.
     return parts_.chooser ? parts_.chooser->recordingTarget() : audio::MicrophoneTarget{};
 }
@@ -313,7 +317,7 @@ void RecorderService::startMic(const std::shared_ptr<Session>& session, const au
         [this, alive, weak] {
             runtime::runOnMain([this, alive, weak] {
                 if (alive.expired() || weak.expired()) return;
-                micQueue_->post([this, weak, target = chooseTarget()] { reopenMic(weak, target); });
+                micQueue_->post([this, weak, target = chooseTarget(weak.lock().get())] { reopenMic(weak, target); });
             });
         });
 }
@@ -341,7 +345,7 @@ void RecorderService::reopenMic(const std::weak_ptr<Session>& weak, const audio:
             state.lastError.set(messages::kMicrophoneReopenFailed.str() + detail);
             runtime::main().postAfter(kMicRetrySeconds, [this, alive, weak, id] {
                 if (alive.expired() || weak.expired() || currentID_ != id) return;
-                micQueue_->post([this, weak, target = chooseTarget()] { reopenMic(weak, target, true); });
+                micQueue_->post([this, weak, target = chooseTarget(weak.lock().get())] { reopenMic(weak, target, true); });
             });
         });
         return;

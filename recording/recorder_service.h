@@ -33,6 +33,8 @@ struct RecordingStopOutcome {
 struct RecordingStartOptions {
     bool automatic = false;                           // started by an automatic recorder
     std::optional<std::string> calendarMeetingTitle;  // the meeting that started it
+    // The microphone of this recording only, instead of the one chosen in the settings.
+    std::optional<audio::MicrophoneTarget> microphone;
 };
 
 class RecorderService final : public PendingRecordingStore {
@@ -112,7 +114,8 @@ private:
     // After a write error: keeps the saved part, or drops the entry when nothing usable is
     // left (the file was deleted, or it holds no whole frame). Sets the message.
     bool keepAfterWriteError(const std::filesystem::path& file);
-    audio::MicrophoneTarget chooseTarget();
+    // The microphone a session opens: its own, else the one chosen in the settings now.
+    audio::MicrophoneTarget chooseTarget(const Session* session);
     void startOnMicQueue(std::shared_ptr<Session> session, audio::MicrophoneTarget target, StartOptions options,
                          std::optional<std::string> liveSessionID, std::function<void(bool)> done);
     void startMic(const std::shared_ptr<Session>& session, const audio::MicrophoneTarget& target, bool restart);

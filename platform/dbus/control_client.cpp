@@ -256,4 +256,13 @@ ControlClient::Result<std::string> ControlClient::recoverProgress(int run) const
     });
 }
 
+ControlClient::Result<std::pair<std::string, std::string>> ControlClient::startRecordingOn(const std::string& microphone) const {
+    return guarded([this, &microphone] {
+        std::string id, file;
+        proxy_->callMethod("StartRecordingOn").onInterface(kControlInterface).withTimeout(60s).withArguments(microphone)
+            .storeResultsTo(id, file);
+        return std::pair{id, file};
+    });
+}
+
 }  // namespace vell::dbus

@@ -63,6 +63,8 @@ public:
     Result<std::string> undo() const;
     Result<int> recoverStart(const std::string& range, int minutes) const;
     Result<std::string> recoverProgress(int run) const;
+    // StartRecording with this recording's own microphone ("default", "builtin", "uid:NAME").
+    Result<std::pair<std::string, std::string>> startRecordingOn(const std::string& microphone) const;
 
 private:
     ControlClient() = default;

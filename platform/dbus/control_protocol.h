@@ -13,6 +13,8 @@
 //   Upload () -> s                  one pass now: {"uploaded","failed","unauthenticated",
 //                                   "attempts":[{"file","recordingId"} | {"file","error"}]}
 //   StartRecording () -> (s id, s file)
+//   StartRecordingOn (s microphone) -> (s id, s file)   this recording only from "default",
+//                                   "builtin" or "uid:NAME" (a missing device: the default)
 //   StopRecording (b discard) -> s  the stopped recording's entry, JSON
 //   SignIn (s email, s password) -> s  "signedIn" or "mfaRequired"
 //   VerifyCode (s code)             six digits: a time-based code; else a backup code

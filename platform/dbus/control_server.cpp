@@ -9,6 +9,8 @@
 
 #include "app/app_messages.h"
 #include "app/input_levels.h"
+#include "audio/capture_messages.h"
+#include "audio/microphone_settings.h"
 #include "base/log.h"
 #include "base/runtime.h"
 #include "platform/dbus/control_calls.h"
@@ -198,24 +200,38 @@ void ControlServer::Impl::registerInterface() {
         });
     });
 
+    // Starts a recording on the main executor; `microphone` (a stored-choice form such as
+    // "uid:NAME") is this recording's own microphone, empty for the chosen one.
+    auto startRecording = [this](auto& r, const std::string& microphone) {
+        auto& recorder = host.core().recorder();
+        if (recorder.state.isRecording.get() || recorder.isStarting()) {
+            return r->returnError(sdbus::Error(errors::kFailed, app::messages::kAlreadyRecording.str()));
+        }
+        recording::RecordingStartOptions options;
+        if (auto selection = audio::MicrophoneSelection::parse(microphone)) {
+            options.microphone = audio::MicrophoneSettings::shared().target(*selection);
+        }
+        recorder.start(std::move(options), [&recorder, r](bool started) {
+            if (!started) {
+                return r->returnError(sdbus::Error(errors::kFailed, recorder.state.lastError.get().value_or("")));
+            }
+            const auto id = recorder.currentID().value_or("");
+            std::string file;
+            for (const auto& e : recorder.pending())
+                if (e.id == id) file = e.fileURL.string();
+            r->returnResults(id, file);
+        });
+    };
     object->registerMethod("StartRecording").onInterface(I).implementedAs(
-        [this](sdbus::Result<std::string, std::string>&& result) {
-            onMain(std::move(result), [this](auto& r) {
-                auto& recorder = host.core().recorder();
-                if (recorder.state.isRecording.get() || recorder.isStarting()) {
-                    return r->returnError(sdbus::Error(errors::kFailed, app::messages::kAlreadyRecording.str()));
-                }
-                recorder.start({}, [&recorder, r](bool started) {
-                    if (!started) {
-                        return r->returnError(sdbus::Error(errors::kFailed, recorder.state.lastError.get().value_or("")));
-                    }
-                    const auto id = recorder.currentID().value_or("");
-                    std::string file;
-                    for (const auto& e : recorder.pending())
-                        if (e.id == id) file = e.fileURL.string();
-                    r->returnResults(id, file);
-                });
-            });
+        [this, startRecording](sdbus::Result<std::string, std::string>&& result) {
+            onMain(std::move(result), [startRecording](auto& r) { startRecording(r, ""); });
+        });
+    object->registerMethod("StartRecordingOn").onInterface(I).implementedAs(
+        [this, startRecording](sdbus::Result<std::string, std::string>&& result, std::string microphone) {
+            if (!audio::MicrophoneSelection::parse(microphone)) {
+                return result.returnError(sdbus::Error(errors::kFailed, audio::messages::kBadSelection.str()));
+            }
+            onMain(std::move(result), [startRecording, microphone](auto& r) { startRecording(r, microphone); });
         });
 
     object->registerMethod("StopRecording").onInterface(I).implementedAs([this](sdbus::Result<std::string>&& result, bool discard) {

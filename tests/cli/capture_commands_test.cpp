@@ -41,9 +41,12 @@ TEST(CaptureCommandsTest, MicStoresAValidChoiceAndRefusesABadOne) {
     auto empty = vell("mic recording uid:");
     EXPECT_EQ(empty.status, 2);
     EXPECT_NE(empty.output.find("The device UID after \"uid:\" is empty."), std::string::npos) << empty.output;
-    auto bad = vell("mic insurance usb");
-    EXPECT_EQ(bad.status, 2);
-    EXPECT_NE(bad.output.find("Choose default, builtin or uid:<device UID>."), std::string::npos) << bad.output;
+    // A typo is refused with the way out; --force stores it and says it falls back.
+    auto typo = vell("mic insurance usb");
+    EXPECT_EQ(typo.status, 2);
+    EXPECT_NE(typo.output.find("No microphone is called \"usb\". vell devices lists them; add --force"), std::string::npos)
+        << typo.output;
+    EXPECT_EQ(vell("mic insurance uid:headset").status, 2);
     EXPECT_NE(vell("mic camera default").status, 0);
     // Bytes that are not text get a sentence, not the JSON library's exception.
     auto bytes = vell("mic recording \"$(printf 'uid:\\377\\376')\"");
@@ -51,11 +54,21 @@ TEST(CaptureCommandsTest, MicStoresAValidChoiceAndRefusesABadOne) {
     EXPECT_NE(bytes.output.find("The device UID is not valid UTF-8 text."), std::string::npos) << bytes.output;
     EXPECT_EQ(bytes.output.find("json"), std::string::npos) << bytes.output;
 
-    auto ok = vell("mic recording uid:fakemic");
+    // The source name as `vell devices` prints it, with or without "uid:".
+    auto ok = vell("mic recording fakemic");
     EXPECT_EQ(ok.status, 0) << ok.output;
-    auto gone = vell("mic insurance uid:headset");
+    auto gone = vell("mic insurance uid:headset --force");
     EXPECT_EQ(gone.status, 0) << gone.output;
     EXPECT_NE(gone.output.find("not connected now"), std::string::npos) << gone.output;
+
+    // Alone, it shows both choices and what each opens.
+    auto shown = vell("mic");
+    EXPECT_EQ(shown.status, 0) << shown.output;
+    EXPECT_NE(shown.output.find("[uid:fakemic] → opens fakemic"), std::string::npos)
+        << shown.output;
+    EXPECT_NE(shown.output.find("Insurance microphone: Disconnected microphone [uid:headset] → opens the system default"),
+              std::string::npos)
+        << shown.output;
 
     home.reloadDefaults();
     EXPECT_EQ(home.defaults().stringValue(prefs::kMicrophoneRecording), "uid:fakemic");
@@ -92,6 +105,11 @@ TEST(CaptureCommandsTest, WithoutASoundServerTheCommandsSaySo) {
     // The fallback's own library diagnostics go to our log, not onto the terminal.
     EXPECT_EQ(capture.output.find("ALSA lib"), std::string::npos) << capture.output;
     EXPECT_EQ(vell("mic recording builtin").status, 0);  // storing a choice needs no server
+    // A device cannot be checked without the server: refused unless forced.
+    auto unchecked = vell("mic recording fakemic");
+    EXPECT_EQ(unchecked.status, 2) << unchecked.output;
+    EXPECT_NE(unchecked.output.find("sound server is not reachable (add --force"), std::string::npos) << unchecked.output;
+    EXPECT_EQ(vell("mic recording fakemic --force").status, 0);
 }
 
 }  // namespace

@@ -142,6 +142,28 @@ TEST_F(RecordCommand, FiveSecondsOfSpeechAndSystemAudioBecomeOneStereoAacFile) {
     EXPECT_FALSE(list[0].contains("lastError"));
 }
 
+TEST_F(RecordCommand, DeviceChoosesTheMicrophoneOfOneRecordingOnlyAndATypoIsRefused) {
+    // A second microphone that hums at 880 Hz; the chosen one (the fake microphone) is silent.
+    ASSERT_TRUE(pulse.loadModule("module-sine-source source_name=hummic frequency=880").has_value());
+    auto typo = test::runCommand(vell() + " --lang en record --device hummmic --seconds 1 2>&1");
+    EXPECT_EQ(typo.status, cli::kExitUsage) << typo.output;
+    EXPECT_NE(typo.output.find("No microphone is called \"hummmic\""), std::string::npos) << typo.output;
+
+    auto fileOf = [&](const std::string& options) -> fs::path {
+        auto run = test::runCommand(vell() + " --lang en record " + options + " 2>/dev/null");
+        EXPECT_EQ(run.status, cli::kExitOK) << run.output;
+        return lineAfter(run.output, "File: ");
+    };
+    auto humOf = [](const fs::path& file) {
+        auto decoded = test::decodeAudioFile(file);
+        EXPECT_TRUE(decoded.ok) << decoded.error;
+        return decoded.ok ? test::toneEnergy(decoded.samples[0], 44100, 880) : 0.0;
+    };
+    EXPECT_GT(humOf(fileOf("--device hummic --seconds 1.5")), 0.01);
+    // The stored choice is untouched: the next recording hears the fake microphone again.
+    EXPECT_LT(humOf(fileOf("--seconds 1.5")), 0.001);
+}
+
 TEST_F(RecordCommand, KilledRecordingIsRecoveredAsReadyWithItsAudio) {
     pulse.playTone(kToneHz, 20, false, 0.3);
     std::this_thread::sleep_for(std::chrono::seconds(1));
