@@ -20,6 +20,13 @@ set(CPACK_DEBIAN_PACKAGE_SECTION "sound")
 set(CPACK_DEBIAN_PACKAGE_PRIORITY "optional")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "records conversations on this computer and uploads them")
+if(TARGET vell-tray)
+  set(VELL_PACKAGE_PROGRAMS "The package holds the tray application `vell-tray`, the command-line program
+and headless host `vell`, and its systemd user unit.")
+else()
+  set(VELL_PACKAGE_PROGRAMS "The package holds the command-line program and headless host `vell` and its
+systemd user unit.")
+endif()
 set(CPACK_PACKAGE_DESCRIPTION
 "Vell records the conversations held on this computer: the microphone and, for
 calls held on headphones, what the computer plays, mixed into one AAC file.
@@ -30,8 +37,7 @@ It records calls by itself when a call application uses the microphone and the
 speakers, records the meetings of the user's calendars, and keeps the last
 minutes of the microphone in insurance mode so missed speech can be recovered.
 
-The package holds the command-line program and headless host `vell`, its
-systemd user unit, and the tray application `vell-tray` when it was built.")
+${VELL_PACKAGE_PROGRAMS}")
 
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # libavformat is opened on first use rather than linked, so dpkg-shlibdeps cannot see it.
