@@ -87,7 +87,16 @@ if(RSVG_CONVERT)
 else()
   message(WARNING "rsvg-convert (librsvg2-bin) not found: only the scalable icons are installed")
 endif()
-add_custom_target(vell_install_data ALL DEPENDS ${CMAKE_BINARY_DIR}/vell.1.gz ${VELL_PNG_ICONS})
+set(VELL_MANUAL_PAGES ${CMAKE_BINARY_DIR}/vell.1.gz)
+if(TARGET vell-tray)
+  add_custom_command(OUTPUT ${CMAKE_BINARY_DIR}/vell-tray.1.gz
+    COMMAND gzip -9nc ${CMAKE_SOURCE_DIR}/data/vell-tray.1 > ${CMAKE_BINARY_DIR}/vell-tray.1.gz
+    DEPENDS ${CMAKE_SOURCE_DIR}/data/vell-tray.1
+    VERBATIM)
+  list(APPEND VELL_MANUAL_PAGES ${CMAKE_BINARY_DIR}/vell-tray.1.gz)
+  install(FILES ${CMAKE_BINARY_DIR}/vell-tray.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+endif()
+add_custom_target(vell_install_data ALL DEPENDS ${VELL_MANUAL_PAGES} ${VELL_PNG_ICONS})
 
 # Debian's documentation files: the copyright in the machine-readable format, and the
 # package's changelog, compressed as Debian policy asks (written in cmake/Package.cmake).
