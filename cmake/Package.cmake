@@ -40,9 +40,19 @@ minutes of the microphone in insurance mode so missed speech can be recovered.
 ${VELL_PACKAGE_PROGRAMS}")
 
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-# libavformat is opened on first use rather than linked, so dpkg-shlibdeps cannot see it.
-string(REGEX MATCH "^[0-9]+" VELL_AVFORMAT_MAJOR "${avformat_PC_VERSION}")
-set(VELL_PACKAGE_DEPENDS "libavformat${VELL_AVFORMAT_MAJOR}")
+# FFmpeg's libraries are opened on first use rather than linked, so dpkg-shlibdeps cannot
+# see them: name each package (library name and soname major, as Debian does).
+set(VELL_PACKAGE_DEPENDS "")
+foreach(library libavcodec libavutil libswresample libavformat)
+  string(REGEX MATCH "^[0-9]+" major "${ffmpeg_PC_${library}_VERSION}")
+  if(NOT major)
+    message(FATAL_ERROR "no version of ${library} from pkg-config")
+  endif()
+  if(VELL_PACKAGE_DEPENDS)
+    string(APPEND VELL_PACKAGE_DEPENDS ", ")
+  endif()
+  string(APPEND VELL_PACKAGE_DEPENDS "${library}${major}")
+endforeach()
 if(TARGET vell-tray)
   # Qt draws the SVG icons through a plugin that no program links.
   string(APPEND VELL_PACKAGE_DEPENDS ", libqt6svg6")
