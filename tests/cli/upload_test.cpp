@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <sstream>
+#include <thread>
 #include <nlohmann/json.hpp>
 
 #include "base/paths.h"
@@ -127,6 +129,65 @@ TEST(CliUpload, ADiskThatFillsUpMidPassStopsThePassWithoutDivergingState) {
     const std::string receiptText((std::istreambuf_iterator<char>(receipts)), {});
     EXPECT_NE(receiptText.find("\"A\""), std::string::npos) << receiptText;
     EXPECT_NE(receiptText.find("\"B\""), std::string::npos) << receiptText;
+}
+
+// What a person sees in an 80-column terminal (tmux, read back with capture-pane) while a
+// 200 MiB recording uploads: one line that moves, with bytes, rate and time left.
+TEST(CliUpload, OnAnEightyColumnTerminalTheProgressIsOneMovingLine) {
+    VELL_REQUIRE_DEVSERVER();
+    if (runCommand("command -v tmux").status != 0) GTEST_SKIP() << "tmux is not installed";
+    TempHome home;
+    DevServer server({.users = {"tty@vell.test:pw"}});
+    ASSERT_EQ(runVell(home, "login --email tty@vell.test", "pw").status, 0);
+    fs::create_directories(paths::recordingsDirectory());
+    PendingRecording r;
+    r.id = "big";
+    r.fileURL = paths::recordingsDirectory() / "vell_rec_big.aac";
+    std::ofstream(r.fileURL, std::ios::binary).close();
+    fs::resize_file(r.fileURL, 200ull << 20);
+    r.startedAt = std::chrono::system_clock::now() - std::chrono::minutes(90);
+    r.finishedAt = std::chrono::system_clock::now();
+    r.status = PendingRecording::Status::ready;
+    r.accountID = accountIdOf(home);
+    std::error_code ec;
+    ASSERT_TRUE(recording::PendingListFile(paths::recordingsDirectory()).save({r}, ec)) << ec.message();
+    // Loopback is too fast to watch: the service holds each 8 MiB part for a moment.
+    server.addFault({{"method", "PUT"}, {"path", "/part"}, {"action", "delay"}, {"delayMs", 250}, {"times", 25}});
+
+    const std::string socket = (home.root() / "tmux.sock").string();
+    const std::string tmux = "tmux -S '" + socket + "' ";
+    const std::string done = (home.root() / "done").string();
+    ASSERT_EQ(runCommand(tmux + "new-session -d -x 80 -y 24 -s up \"env -u DBUS_SESSION_BUS_ADDRESS XDG_RUNTIME_DIR='" +
+                         home.root().string() + "' '" + binaryPath("vell").string() +
+                         "' --lang en upload; touch '" + done + "'; sleep 60\"")
+                  .status,
+              0);
+    std::vector<std::string> progressLines;
+    std::string last;
+    for (int i = 0; i < 240 && !fs::exists(done); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        last = runCommand(tmux + "capture-pane -p -t up").output;
+        std::vector<std::string> moving;
+        std::istringstream lines(last);
+        for (std::string line; std::getline(lines, line);) {
+            EXPECT_LE(line.size(), 80u * 4) << line;  // bytes; the pane cuts at 80 columns anyway
+            if (line.find(" / 200.0 MiB") != std::string::npos) moving.push_back(line);
+        }
+        EXPECT_LE(moving.size(), 1u) << last;  // redrawn in place, never wrapped onto a second line
+        if (moving.size() == 1 && (progressLines.empty() || progressLines.back() != moving[0])) {
+            progressLines.push_back(moving[0]);
+        }
+    }
+    last = runCommand(tmux + "capture-pane -p -t up").output;
+    runCommand(tmux + "kill-server");
+    ASSERT_TRUE(fs::exists(done)) << last;
+    EXPECT_NE(last.find("Uploaded: 1, failed: 0"), std::string::npos) << last;
+    ASSERT_GE(progressLines.size(), 3u) << last;
+    bool rateAndTimeLeft = false;
+    for (const auto& line : progressLines) {
+        if (line.find("/s  0:") != std::string::npos && line.find(" left") != std::string::npos) rateAndTimeLeft = true;
+    }
+    EXPECT_TRUE(rateAndTimeLeft) << progressLines.back();
 }
 
 TEST(CliUpload, AServiceThatIsDownIsNamedWithTheSystemsReason) {
