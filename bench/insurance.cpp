@@ -52,8 +52,9 @@ int main(int argc, char** argv) {
     setenv("XDG_DATA_HOME", (dir / "data").c_str(), 1);
     setenv("XDG_CONFIG_HOME", (dir / "config").c_str(), 1);
     setenv("HOME", dir.c_str(), 1);
+    // The pipe source makes its FIFO itself and refuses one that exists (the server then
+    // runs without the microphone and both sides would record the monitor's silence).
     const fs::path fifo = runtime / "mic.fifo";
-    mkfifo(fifo.c_str(), 0600);
     if (sh("pulseaudio --daemonize=yes -n --exit-idle-time=-1 --disallow-exit --load=module-native-protocol-unix "
            "--load='module-null-sink sink_name=speakers' "
            "--load='module-pipe-source source_name=fakemic file=" + fifo.string() +
@@ -61,7 +62,11 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "bench_insurance: cannot start pulseaudio\n");
         return 1;
     }
-    sh("pactl set-default-source fakemic >/dev/null 2>&1; pactl set-default-sink speakers >/dev/null 2>&1");
+    if (sh("pactl set-default-source fakemic >/dev/null 2>&1 && pactl set-default-sink speakers >/dev/null 2>&1") != 0) {
+        std::fprintf(stderr, "bench_insurance: the server has no fake microphone\n");
+        sh("pulseaudio --kill 2>/dev/null");
+        return 1;
+    }
 
     // The microphone: a voice-like signal, written in real time.
     std::atomic<bool> stop{false};
