@@ -28,6 +28,7 @@ inline constexpr Text kChecking{"checking the stored session", "verificando la s
 inline constexpr Text kCodeAsked{"waiting for the two-step code", "esperando el código de verificación"};
 inline constexpr Text kRecordingNo{"Recording: no", "Grabando: no"};
 inline constexpr Text kRecordingYes{"Recording: ", "Grabando: "};
+inline constexpr Text kMeeting{"Meeting: ", "Reunión: "};
 inline constexpr Text kLastMessage{"Last message: ", "Último mensaje: "};
 inline constexpr Text kCallers{"In a call: ", "En llamada: "};
 
@@ -48,7 +49,8 @@ nlohmann::ordered_json toJson(bool hostRunning, const dbus::HostStatus& s, const
     return {{"activeCallers", callers},{"host", hostRunning},       {"phase", s.phase},         {"userEmail", s.userEmail},
             {"userID", s.userID},        {"recording", s.recording}, {"recordingID", s.recordingID},
             {"elapsed", s.elapsed},      {"microphoneLevel", s.microphoneLevel},
-            {"systemLevel", s.systemLevel}, {"lastError", s.lastError}};
+            {"systemLevel", s.systemLevel}, {"lastError", s.lastError},
+            {"meetingTitle", s.meetingTitle.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(s.meetingTitle)}};
 }
 
 void printText(bool hostRunning, const dbus::HostStatus& s, const std::vector<std::string>& callers) {
@@ -64,6 +66,7 @@ void printText(bool hostRunning, const dbus::HostStatus& s, const std::vector<st
                   << fmt::format(", {:02}:{:02}:{:02}, mic {:.2f}, system {:.2f}", whole / 3600, whole / 60 % 60, whole % 60,
                                  s.microphoneLevel, s.systemLevel)
                   << "\n";
+        if (!s.meetingTitle.empty()) std::cout << kMeeting.str() << s.meetingTitle << "\n";
     } else {
         std::cout << kRecordingNo.str() << "\n";
     }

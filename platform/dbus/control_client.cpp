@@ -58,6 +58,7 @@ ControlClient::Result<HostStatus> ControlClient::status() const {
         s.microphoneLevel = get("MicrophoneLevel").get<double>();
         s.systemLevel = get("SystemLevel").get<double>();
         s.lastError = get("LastError").get<std::string>();
+        s.meetingTitle = get("MeetingTitle").get<std::string>();
         return s;
     });
 }

@@ -23,6 +23,7 @@ struct ControlError {
 
 struct HostStatus {
     std::string phase, userEmail, userID, recordingID, lastError;
+    std::string meetingTitle;  // the calendar meeting the recording was started for
     bool recording = false;
     double elapsed = 0, microphoneLevel = 0, systemLevel = 0;
 };

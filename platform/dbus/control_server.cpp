@@ -42,7 +42,7 @@ const char* phaseName(Phase phase) {
 
 // What the properties read: written on the main executor, read on the bus thread.
 struct Snapshot {
-    std::string phase = "launching", userEmail, userID, recordingID, lastError;
+    std::string phase = "launching", userEmail, userID, recordingID, lastError, meetingTitle;
     bool recording = false;
     double elapsed = 0, microphoneLevel = 0, systemLevel = 0;
 };
@@ -132,6 +132,9 @@ void ControlServer::Impl::watchHost() {
             s.systemLevel = levels.system.exchange(0);
         }, {"Elapsed", "MicrophoneLevel", "SystemLevel"});
     }));
+    watches.push_back(recorder.state.calendarMeetingTitle.subscribe([this](const std::optional<std::string>& title) {
+        update([&](Snapshot& s) { s.meetingTitle = title.value_or(""); }, {"MeetingTitle"});
+    }));
     watches.push_back(recorder.state.lastError.subscribe([this](const std::optional<std::string>& error) {
         update([&](Snapshot& s) { s.lastError = error.value_or(""); }, {"LastError"});
     }));
@@ -148,7 +151,8 @@ void ControlServer::Impl::watchHost() {
         s.recording = recorder.state.isRecording.get();
         s.recordingID = recorder.currentID().value_or("");
         s.lastError = recorder.state.lastError.get().value_or("");
-    }, {"Recording", "RecordingID", "LastError"});
+        s.meetingTitle = recorder.state.calendarMeetingTitle.get().value_or("");
+    }, {"Recording", "RecordingID", "LastError", "MeetingTitle"});
 
     auto& uploads = core.uploads();
     uploads.onAttempt = [this](const recording::PendingRecording& r,
@@ -173,6 +177,9 @@ void ControlServer::Impl::registerInterface() {
     });
     object->registerProperty("SystemLevel").onInterface(I).withGetter([this] { return read([](auto& s) { return s.systemLevel; }); });
     object->registerProperty("LastError").onInterface(I).withGetter([this] { return read([](auto& s) { return s.lastError; }); });
+    object->registerProperty("MeetingTitle").onInterface(I).withGetter([this] {
+        return read([](auto& s) { return s.meetingTitle; });
+    });
     object->registerSignal("PendingChanged").onInterface(I);
 
     object->registerMethod("Pending").onInterface(I).implementedAs([this](sdbus::Result<std::string>&& result) {

@@ -113,7 +113,7 @@ TEST_F(CalendarDaemonTest, AMeetingUnderWayStartsARecordingUnderItsTitleAndADisc
         status = calendarStatus();
     }
     ASSERT_EQ(status["recordingMeeting"], "Standup with Bruno") << readAll(daemonLog());
-    EXPECT_NE(run("status").output.find("ecording"), std::string::npos);
+    EXPECT_NE(run("status").output.find("Meeting: Standup with Bruno"), std::string::npos);
     // The notification offers Delete; choosing it discards the recording, undoably.
     const std::string title = "Recording \u201cStandup with Bruno\u201d";
     std::optional<NotificationServer::Shown> shown;
