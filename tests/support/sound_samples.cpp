@@ -56,7 +56,7 @@ std::vector<float> pinkNoise(std::size_t samples, double level, std::uint32_t se
         x = static_cast<float>(b0 + b1 + b2 + b3 + b4 + b5 + b6 + white * 0.5362);
         b6 = white * 0.115926;
     }
-    const double scale = level / std::max(rms(out), 1e-12);
+    const double scale = level / std::max(rmsOf(out), 1e-12);
     for (auto& x : out) x = static_cast<float>(x * scale);
     return out;
 }
@@ -69,15 +69,21 @@ std::vector<float> whiteNoise(std::size_t samples, double level, std::uint32_t s
     return out;
 }
 
+double rmsOf(const std::vector<float>& samples) {
+    double sum = 0;
+    for (float x : samples) sum += double(x) * x;
+    return samples.empty() ? 0 : std::sqrt(sum / double(samples.size()));
+}
+
 void setLevel(std::vector<float>& signal, double dbfs) {
-    const double scale = std::pow(10.0, dbfs / 20) / std::max(rms(signal), 1e-12);
+    const double scale = std::pow(10.0, dbfs / 20) / std::max(rmsOf(signal), 1e-12);
     for (auto& x : signal) x = static_cast<float>(x * scale);
 }
 
 std::vector<float> mixAtSnr(const std::vector<float>& speech, const std::vector<float>& background, double snrDb) {
     std::vector<float> out(speech.size());
     if (background.empty()) return speech;
-    const double speechScale = rms(background) * std::pow(10.0, snrDb / 20) / std::max(rms(speech), 1e-12);
+    const double speechScale = rmsOf(background) * std::pow(10.0, snrDb / 20) / std::max(rmsOf(speech), 1e-12);
     for (std::size_t i = 0; i < out.size(); ++i)
         out[i] = static_cast<float>(speech[i] * speechScale + background[i % background.size()]);
     return out;

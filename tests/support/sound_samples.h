@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "audio/pcm_buffer.h"
-#include "tests/support/pulse_server.h"  // rms()
 
 namespace vell::test {
 
@@ -19,6 +18,7 @@ std::vector<float> decodeMono(const std::filesystem::path& file, int rate, doubl
 std::vector<float> pinkNoise(std::size_t samples, double rms, std::uint32_t seed);
 std::vector<float> whiteNoise(std::size_t samples, double rms, std::uint32_t seed);
 
+double rmsOf(const std::vector<float>& samples);
 // Scales `signal` to the given RMS level (dB re full scale) in place.
 void setLevel(std::vector<float>& signal, double dbfs);
 // `speech` laid over `background` (repeated as needed) at the given speech-to-background
