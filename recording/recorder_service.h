@@ -54,6 +54,9 @@ public:
         Published<std::optional<std::string>> lastError;
         Published<std::vector<PendingRecording>> pending;
         Published<std::optional<std::string>> calendarMeetingTitle;
+        // The recording runs on the system default because the chosen microphone is not
+        // connected (or no engine could open it on its own): "Disconnected microphone".
+        Published<bool> microphoneFellBack{false};
     };
 
     explicit RecorderService(RecorderParts parts, std::filesystem::path directory = paths::recordingsDirectory());
@@ -113,6 +116,8 @@ private:
     // left (the file was deleted, or it holds no whole frame). Sets the message.
     bool keepAfterWriteError(const std::filesystem::path& file);
     audio::MicrophoneTarget chooseTarget();
+    // Publishes whether the open microphone is the default standing in for the chosen one.
+    void showMicrophoneFallback();
     void startOnMicQueue(std::shared_ptr<Session> session, audio::MicrophoneTarget target, StartOptions options,
                          std::optional<std::string> liveSessionID, std::function<void(bool)> done);
     void startMic(const std::shared_ptr<Session>& session, const audio::MicrophoneTarget& target, bool restart);
@@ -133,6 +138,7 @@ private:
     std::vector<PendingRecording> list_;
 
     bool starting_ = false;
+    bool chosenFellBack_ = false;  // what the chooser said at the last chooseTarget()
     bool isAutomaticRecording_ = false;
     bool autoStopping_ = false;
     bool rotatingAtLimit_ = false;

@@ -256,4 +256,10 @@ ControlClient::Result<std::string> ControlClient::recoverProgress(int run) const
     });
 }
 
+ControlClient::Result<bool> ControlClient::microphoneFellBack() const {
+    return guarded([this] {
+        return proxy_->getProperty("MicrophoneFellBack").onInterface(kControlInterface).get<bool>();
+    });
+}
+
 }  // namespace vell::dbus

@@ -13,6 +13,7 @@
 #include "base/runtime.h"
 #include "platform/dbus/control_calls.h"
 #include "platform/dbus/control_calendar.h"
+#include "platform/dbus/control_microphone.h"
 #include "platform/dbus/control_recovery.h"
 #include "platform/dbus/control_context.h"
 #include "platform/dbus/control_insurance.h"
@@ -63,6 +64,7 @@ const ControlExtension kExtensions[] = {
     &registerCallsControl,
     &registerCalendarControl,
     &registerRecoveryControl,
+    &registerMicrophoneControl,
 };
 }  // namespace
 
