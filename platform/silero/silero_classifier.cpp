@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "audio/resampler.h"
+#include "base/log.h"
 
 #ifndef VELL_SPEECH_MODEL_BUILD_PATH
 #define VELL_SPEECH_MODEL_BUILD_PATH ""
@@ -117,6 +118,8 @@ Expected<std::shared_ptr<audio::SoundClassifier>, std::string> loadSpeechClassif
         }
         auto weights = loadWeights(path);
         if (!weights) return unexpected(weights.error());
+        static const log::Logger logger("SpeechDetector");
+        logger.info("speech classifier: the Silero voice-activity network from " + path.string());
         return makeSpeechClassifier(std::move(*weights));
     }
     return unexpected("no speech model (silero_vad.onnx) found; looked in " + tried);
