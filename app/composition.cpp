@@ -31,6 +31,9 @@ namespace {
 class SharedMicrophoneChooser final : public audio::MicrophoneChooser {
 public:
     audio::MicrophoneTarget recordingTarget() override { return audio::MicrophoneSettings::shared().recordingTarget(); }
+    bool recordingFellBackToDefault() override {
+        return audio::MicrophoneSettings::shared().recordingResolution().fellBackToDefault;
+    }
     audio::MicrophoneTarget insuranceTarget() override { return audio::MicrophoneSettings::shared().insuranceTarget(); }
 };
 

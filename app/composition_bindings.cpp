@@ -1,5 +1,6 @@
 // The Linux bindings behind the core's ports: PulseAudio with the ALSA fallback for capture,
-// FFmpeg for files and conversion, WebRTC for voice detection, libcurl and libplist for the
+// FFmpeg for files and conversion, the Silero network for speech (WebRTC's voice detector
+// for the benchmark's comparison), libcurl and libplist for the
 // service, libsecret for session storage. Nothing else in the core names them.
 #include <mutex>
 
@@ -15,6 +16,7 @@
 #include "platform/pulse/pulse_input_devices.h"
 #include "platform/pulse/pulse_mic_engine.h"
 #include "platform/secrets/secret_store.h"
+#include "platform/silero/silero_classifier.h"
 #include "platform/vad/webrtc_vad.h"
 
 namespace vell::app {
@@ -25,6 +27,7 @@ void installPlatformBindings() {
         media::setDefaultAacWriterFactory(&media::openAacWriter);
         media::Resampler::setFactory(&media::openSwrResampler);
         media::VoiceActivityDetector::setFactory(&media::openWebRtcVad);
+        audio::setSpeechClassifierFactory(&silero::loadSpeechClassifier);
         audio::MicCapture::setDefaultEngines([] { return platform::makePulseMicEngine(); },
                                              [] { return platform::makeAlsaMicEngine(); });
         audio::MicrophoneSettings::setDefaultDeviceProvider([] { return platform::makePulseInputDevices(); });

@@ -120,6 +120,7 @@ public:
     MicrophoneResolution recordingResolution() const;
     MicrophoneResolution insuranceResolution() const;
     MicrophoneTarget recordingTarget() override;
+    bool recordingFellBackToDefault() override { return recordingResolution().fellBackToDefault; }
     MicrophoneTarget insuranceTarget() override;
     MicrophoneTarget target(const MicrophoneResolution& resolution) const;
     // What a selection opens now (a missing device: the system default).

@@ -42,6 +42,9 @@ public:
     virtual ~MicrophoneChooser() = default;
     virtual MicrophoneTarget recordingTarget() = 0;
     virtual MicrophoneTarget insuranceTarget() = 0;
+    // The recording choice names a microphone that is not connected, so recordingTarget()
+    // is the system default ("Disconnected microphone").
+    virtual bool recordingFellBackToDefault() { return false; }
 };
 
 // What the computer plays. start() throws CoreAudioError and leaves nothing behind on

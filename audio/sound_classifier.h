@@ -51,4 +51,11 @@ public:
 // second is the confidence of "speech". Nothing when the detector cannot be created.
 std::shared_ptr<SoundClassifier> makeVoicedShareClassifier(double windowSeconds = 1.0);
 
+// The classifier the recorder's speech detector runs, installed by the composition root at
+// start-up. The factory returns the classifier or why it cannot be had; without one the
+// detector has no classifier, and the recorder judges silence by meaningful audio instead.
+using SpeechClassifierFactory = std::function<Expected<std::shared_ptr<SoundClassifier>, std::string>()>;
+void setSpeechClassifierFactory(SpeechClassifierFactory factory);
+Expected<std::shared_ptr<SoundClassifier>, std::string> makeSpeechClassifier();
+
 }  // namespace vell::audio

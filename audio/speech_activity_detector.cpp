@@ -17,7 +17,17 @@ const log::Logger& logger() {
 SpeechActivityDetector::SpeechActivityDetector(std::shared_ptr<SoundClassifier> classifier, const Clock* clock)
     : clock_(clock ? *clock : runtime::clock()), request_(std::move(classifier)) {}
 
-SpeechActivityDetector::SpeechActivityDetector() : SpeechActivityDetector(makeVoicedShareClassifier()) {}
+namespace {
+std::shared_ptr<SoundClassifier> installedClassifier() {
+    auto classifier = makeSpeechClassifier();
+    if (classifier) return *classifier;
+    logger().error("Vell speech detector: " + classifier.error() +
+                   "; recordings stop after 10 minutes without meaningful audio instead of without speech");
+    return nullptr;
+}
+}  // namespace
+
+SpeechActivityDetector::SpeechActivityDetector() : SpeechActivityDetector(installedClassifier()) {}
 
 SpeechActivityDetector::~SpeechActivityDetector() = default;
 

@@ -25,7 +25,7 @@ public:
 
     // A null classifier is one that could not be created: the detector is never usable.
     explicit SpeechActivityDetector(std::shared_ptr<SoundClassifier> classifier, const Clock* clock = nullptr);
-    // The built-in classifier and the runtime clock.
+    // The installed speech classifier (or none, said in the log) and the runtime clock.
     SpeechActivityDetector();
     ~SpeechActivityDetector() override;
 

@@ -62,9 +62,14 @@ class RecordOutput {
 public:
     RecordOutput(bool json, bool quiet) : json_(json), quiet_(quiet), fancy_(fancyTerminal() && !json && !quiet) {}
     bool drawsProgress() const { return fancy_; }
-    void started(const std::string& id, const std::string& file, double limitSeconds) const {
+    void started(const std::string& id, const std::string& file, double limitSeconds, bool microphoneFellBack) const {
+        // The user chose a microphone and gets another one: said even when quiet.
+        if (microphoneFellBack)
+            std::cerr << audio::messages::kDisconnectedMicrophone.str() << msg::kRecordingFromDefault.str() << "\n";
         if (json_) {
-            std::cout << nlohmann::json{{"event", "started"}, {"id", id}, {"file", file}}.dump() << std::endl;
+            std::cout << nlohmann::json{{"event", "started"}, {"id", id}, {"file", file}, {"microphoneFellBack", microphoneFellBack}}
+                             .dump()
+                      << std::endl;
             return;
         }
         if (quiet_) return;
@@ -111,7 +116,8 @@ int recordThroughHost(const dbus::ControlClient& host, double seconds, const std
         return kExitFailure;
     }
     const auto& [id, file] = *started;
-    out.started(id, file, seconds);
+    auto fellBack = host.microphoneFellBack();
+    out.started(id, file, seconds, fellBack && *fellBack);
     const auto begin = std::chrono::steady_clock::now();
     int exitCode = kExitOK;
     nlohmann::json entry;
@@ -254,7 +260,7 @@ void setup(CLI::App& app, Context& context) {
             id = recorder.currentID().value_or("");
             for (const auto& r : recorder.pending())
                 if (r.id == id) file = r.fileURL;
-            out.started(id, file.string(), *seconds);
+            out.started(id, file.string(), *seconds, recorder.state.microphoneFellBack.get());
             if (*seconds > 0) limit = main.postAfter(*seconds, [&] { stopNow(); });
             if (out.drawsProgress()) {
                 progress = main.repeat(0.25, [&] {

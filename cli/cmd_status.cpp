@@ -10,6 +10,7 @@
 #include "app/app_state.h"
 #include "app/composition.h"
 #include "app/core_services.h"
+#include "audio/capture_messages.h"
 #include "cli/command.h"
 #include "cli/help_messages.h"
 #include "cli/host_client.h"
@@ -31,6 +32,8 @@ inline constexpr Text kRecordingYes{"Recording: ", "Grabando: "};
 inline constexpr Text kMeeting{"Meeting: ", "Reunión: "};
 inline constexpr Text kLastMessage{"Last message: ", "Último mensaje: "};
 inline constexpr Text kCallers{"In a call: ", "En llamada: "};
+inline constexpr Text kMicrophone{"Microphone: ", "Micrófono: "};
+inline constexpr Text kUsingDefault{" (recording from the system default)", " (se graba con el predeterminado del sistema)"};
 
 // The programs the call recorder sees in a call right now (through the host).
 std::vector<std::string> activeCallers(const dbus::ControlClient* host) {
@@ -45,15 +48,17 @@ std::vector<std::string> activeCallers(const dbus::ControlClient* host) {
     return names;
 }
 
-nlohmann::ordered_json toJson(bool hostRunning, const dbus::HostStatus& s, const std::vector<std::string>& callers) {
+nlohmann::ordered_json toJson(bool hostRunning, const dbus::HostStatus& s, const std::vector<std::string>& callers,
+                              bool microphoneFellBack) {
     return {{"activeCallers", callers},{"host", hostRunning},       {"phase", s.phase},         {"userEmail", s.userEmail},
             {"userID", s.userID},        {"recording", s.recording}, {"recordingID", s.recordingID},
             {"elapsed", s.elapsed},      {"microphoneLevel", s.microphoneLevel},
-            {"systemLevel", s.systemLevel}, {"lastError", s.lastError},
+            {"systemLevel", s.systemLevel}, {"lastError", s.lastError}, {"microphoneFellBack", microphoneFellBack},
             {"meetingTitle", s.meetingTitle.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(s.meetingTitle)}};
 }
 
-void printText(bool hostRunning, const dbus::HostStatus& s, const std::vector<std::string>& callers) {
+void printText(bool hostRunning, const dbus::HostStatus& s, const std::vector<std::string>& callers,
+               bool microphoneFellBack) {
     std::cout << (hostRunning ? kHostRunning : kHostNotRunning).str() << "\n" << kAccount.str();
     if (s.phase == "signedIn") std::cout << s.userEmail;
     else if (s.phase == "mfaRequired") std::cout << kCodeAsked.str();
@@ -67,6 +72,8 @@ void printText(bool hostRunning, const dbus::HostStatus& s, const std::vector<st
                                  s.microphoneLevel, s.systemLevel)
                   << "\n";
         if (!s.meetingTitle.empty()) std::cout << kMeeting.str() << s.meetingTitle << "\n";
+        if (microphoneFellBack)
+            std::cout << kMicrophone.str() << audio::messages::kDisconnectedMicrophone.str() << kUsingDefault.str() << "\n";
     } else {
         std::cout << kRecordingNo.str() << "\n";
     }
@@ -121,8 +128,14 @@ int status(Context& context, bool json, bool watch) {
             s = *local;
         }
         const auto callers = activeCallers(host.get());
-        if (json) std::cout << toJson(host != nullptr, s, callers).dump() << std::endl;
-        else printText(host != nullptr, s, callers), std::cout << std::flush;
+        // Only a running recording has a microphone that can have fallen back.
+        bool fellBack = false;
+        if (host && s.recording) {
+            auto read = host->microphoneFellBack();
+            fellBack = read && *read;
+        }
+        if (json) std::cout << toJson(host != nullptr, s, callers, fellBack).dump() << std::endl;
+        else printText(host != nullptr, s, callers, fellBack), std::cout << std::flush;
         for (int i = 0; watch && i < 10 && !stop; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(100));
         if (watch && !json && !stop) std::cout << "\n";
     } while (watch && !stop);

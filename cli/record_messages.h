@@ -13,6 +13,8 @@ inline constexpr Text kBadSeconds{"must be a finite number of seconds, at least 
 // Followed by the recording's id / the file's path.
 inline constexpr Text kRecording{"Recording: ", "Grabación: "};
 inline constexpr Text kFile{"File: ", "Archivo: "};
+// Follows "Disconnected microphone" when the chosen microphone is not connected.
+inline constexpr Text kRecordingFromDefault{": recording from the system default.", ": se graba con el predeterminado del sistema."};
 inline constexpr Text kStopHint{"Press Ctrl-C to stop.", "Apretá Ctrl-C para detener."};
 // Followed by the limit in seconds.
 inline constexpr Text kStopHintLimited{"Stops by itself after ", "Se detiene sola a los "};

@@ -248,8 +248,12 @@ void RecorderService::start(StartOptions options, std::function<void(bool)> done
 }
 
 audio::MicrophoneTarget RecorderService::chooseTarget(const Session* session) {
-    if (session && session->microphone) return *session->microphone;
+    if (session && session->microphone) {
+        chosenFellBack_ = false;
+        return *session->microphone;
+    }
     // The selection lives on the main executor; the queue only gets its answer.
+    chosenFellBack_ = parts_.chooser && parts_.chooser->recordingFellBackToDefault();
     return parts_.chooser ? parts_.chooser->recordingTarget() : audio::MicrophoneTarget{};
 }
 
@@ -350,6 +354,9 @@ void RecorderService::reopenMic(const std::weak_ptr<Session>& weak, const audio:
         });
         return;
     }
+    runtime::runOnMain([this, alive, id] {
+        if (!alive.expired() && currentID_ == id) showMicrophoneFallback();
+    });
     if (!retrying) return;
     kLog.info("microphone reopened");
     runtime::runOnMain([this, alive, id] {
@@ -437,6 +444,7 @@ bool RecorderService::finishStart(const std::shared_ptr<Session>& session, const
     state.calendarMeetingTitle.set(options.calendarMeetingTitle);
     state.elapsed.set(0.0);
     state.lastError.set(std::nullopt);
+    showMicrophoneFallback();
     state.isRecording.set(true);
 
     std::weak_ptr<int> alive = alive_;
@@ -446,6 +454,13 @@ bool RecorderService::finishStart(const std::shared_ptr<Session>& session, const
     starting_ = false;
     kLog.info("recording " + session->id + " started" + (session->systemRunning ? "" : " (microphone only)"));
     return true;
+}
+
+void RecorderService::showMicrophoneFallback() {
+    const bool fellBack = chosenFellBack_ || parts_.microphone->fellBackToDefault();
+    if (fellBack && !state.microphoneFellBack.get())
+        kLog.info("the chosen microphone is not connected; recording from the system default");
+    state.microphoneFellBack.set(fellBack);
 }
 
 void RecorderService::closeSession(const std::shared_ptr<Session>& session) {
@@ -565,6 +580,7 @@ void RecorderService::stop(bool userInitiated, bool discard) {
     }
     lastStop_ = outcome;
     state.isRecording.set(false);
+    state.microphoneFellBack.set(false);
     state.calendarMeetingTitle.set(std::nullopt);
 
     if (userInitiated && parts_.liveAdvisor.recordingEnded) parts_.liveAdvisor.recordingEnded(id);

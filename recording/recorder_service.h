@@ -56,6 +56,9 @@ public:
         Published<std::optional<std::string>> lastError;
         Published<std::vector<PendingRecording>> pending;
         Published<std::optional<std::string>> calendarMeetingTitle;
+        // The recording runs on the system default because the chosen microphone is not
+        // connected (or no engine could open it on its own): "Disconnected microphone".
+        Published<bool> microphoneFellBack{false};
     };
 
     explicit RecorderService(RecorderParts parts, std::filesystem::path directory = paths::recordingsDirectory());
@@ -116,6 +119,8 @@ private:
     bool keepAfterWriteError(const std::filesystem::path& file);
     // The microphone a session opens: its own, else the one chosen in the settings now.
     audio::MicrophoneTarget chooseTarget(const Session* session);
+    // Publishes whether the open microphone is the default standing in for the chosen one.
+    void showMicrophoneFallback();
     void startOnMicQueue(std::shared_ptr<Session> session, audio::MicrophoneTarget target, StartOptions options,
                          std::optional<std::string> liveSessionID, std::function<void(bool)> done);
     void startMic(const std::shared_ptr<Session>& session, const audio::MicrophoneTarget& target, bool restart);
@@ -136,6 +141,7 @@ private:
     std::vector<PendingRecording> list_;
 
     bool starting_ = false;
+    bool chosenFellBack_ = false;  // what the chooser said at the last chooseTarget()
     bool isAutomaticRecording_ = false;
     bool autoStopping_ = false;
     bool rotatingAtLimit_ = false;

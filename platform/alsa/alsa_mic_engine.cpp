@@ -57,7 +57,7 @@ std::string alsaNameOf(const audio::MicrophoneTarget& target) {
         if (!source && target.deviceID) source = connection.source(*target.deviceID);
         if (source) return source->alsaDevice;
     } catch (const std::exception&) {
-        // No server: only the default device can be named.
+        // No server: no device can be named.
     }
     return {};
 }
@@ -69,10 +69,16 @@ public:
         if (pcm_) snd_pcm_close(pcm_);
     }
 
+    // A chosen device is opened on its own ALSA name or not at all: ALSA's "default" would
+    // record whatever microphone that is, and the user would not know.
     void selectDevice(const audio::MicrophoneTarget& target) override {
-        std::string name = alsaNameOf(target);
-        onDefault_ = name.empty();
-        openDevice(onDefault_ ? "default" : name, true);
+        const std::string name = alsaNameOf(target);
+        if (name.empty()) {
+            logger().info("the sound server cannot name an ALSA device for " + target.uid.value_or("device " + std::to_string(target.deviceID.value_or(0))));
+            throw MicCaptureError::deviceRejected(-ENODEV);
+        }
+        onDefault_ = false;
+        openDevice(name, true);
     }
 
     void installTap(audio::BufferHandler handler) override {

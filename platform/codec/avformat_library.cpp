@@ -34,6 +34,11 @@ Expected<AvformatLibrary, std::string> loadAvformatLibrary(const std::string& so
     resolve(handle, "avio_flush", lib.ioFlush, missing);
     resolve(handle, "avio_closep", lib.ioClose, missing);
     resolve(handle, "avformat_free_context", lib.freeContext, missing);
+    resolve(handle, "avformat_open_input", lib.openInput, missing);
+    resolve(handle, "avformat_find_stream_info", lib.findStreamInfo, missing);
+    resolve(handle, "av_find_best_stream", lib.findBestStream, missing);
+    resolve(handle, "av_read_frame", lib.readFrame, missing);
+    resolve(handle, "avformat_close_input", lib.closeInput, missing);
     if (!missing.empty()) {
         ::dlclose(handle);
         return unexpected(soname + " has no " + missing);

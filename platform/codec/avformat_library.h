@@ -24,6 +24,12 @@ struct AvformatLibrary {
     decltype(&::avio_flush) ioFlush = nullptr;
     decltype(&::avio_closep) ioClose = nullptr;
     decltype(&::avformat_free_context) freeContext = nullptr;
+    // Reading files (vell speech-test).
+    decltype(&::avformat_open_input) openInput = nullptr;
+    decltype(&::avformat_find_stream_info) findStreamInfo = nullptr;
+    decltype(&::av_find_best_stream) findBestStream = nullptr;
+    decltype(&::av_read_frame) readFrame = nullptr;
+    decltype(&::avformat_close_input) closeInput = nullptr;
 };
 
 inline constexpr const char* kAvformatSoname = "libavformat.so." AV_STRINGIFY(LIBAVFORMAT_VERSION_MAJOR);

@@ -266,4 +266,10 @@ ControlClient::Result<std::pair<std::string, std::string>> ControlClient::startR
     });
 }
 
+ControlClient::Result<bool> ControlClient::microphoneFellBack() const {
+    return guarded([this] {
+        return proxy_->getProperty("MicrophoneFellBack").onInterface(kControlInterface).get<bool>();
+    });
+}
+
 }  // namespace vell::dbus

@@ -66,6 +66,7 @@ public:
     Result<std::string> recoverProgress(int run) const;
     // StartRecording with this recording's own microphone ("default", "builtin", "uid:NAME").
     Result<std::pair<std::string, std::string>> startRecordingOn(const std::string& microphone) const;
+    Result<bool> microphoneFellBack() const;
 
 private:
     ControlClient() = default;

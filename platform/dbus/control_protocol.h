@@ -46,6 +46,8 @@
 //                                   "recordingMeeting","undo":{"takeID","meeting","reason",
 //                                   "secondsLeft"} or {}}
 //   Undo () -> s                    restores the latest discard: {"takeID","meeting"}
+// Property MicrophoneFellBack b: the running recording records the system default because
+// the chosen microphone is not connected (announced when it changes).
 #include <string_view>
 
 namespace vell::dbus {

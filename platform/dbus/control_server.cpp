@@ -15,6 +15,7 @@
 #include "base/runtime.h"
 #include "platform/dbus/control_calls.h"
 #include "platform/dbus/control_calendar.h"
+#include "platform/dbus/control_microphone.h"
 #include "platform/dbus/control_recovery.h"
 #include "platform/dbus/control_context.h"
 #include "platform/dbus/control_insurance.h"
@@ -65,6 +66,7 @@ const ControlExtension kExtensions[] = {
     &registerCallsControl,
     &registerCalendarControl,
     &registerRecoveryControl,
+    &registerMicrophoneControl,
 };
 }  // namespace
 

@@ -64,6 +64,9 @@ struct Connection::Callbacks {
             case PA_SUBSCRIPTION_EVENT_SERVER:
                 self->onChange_(Change::Server);
                 break;
+            case PA_SUBSCRIPTION_EVENT_SINK_INPUT:
+                self->onChange_(Change::SinkInputs);
+                break;
             default:
                 break;
         }
@@ -327,6 +330,7 @@ void Connection::subscribe(std::vector<Change> kinds, std::function<void(Change)
         if (k == Change::Sources) mask |= PA_SUBSCRIPTION_MASK_SOURCE;
         if (k == Change::Sinks) mask |= PA_SUBSCRIPTION_MASK_SINK;
         if (k == Change::Server) mask |= PA_SUBSCRIPTION_MASK_SERVER;
+        if (k == Change::SinkInputs) mask |= PA_SUBSCRIPTION_MASK_SINK_INPUT;
     }
     pa_context_set_subscribe_callback(context_, &Callbacks::event, this);
     if (!await(pa_context_subscribe(context_, static_cast<pa_subscription_mask_t>(mask), nullptr, nullptr),

@@ -41,7 +41,7 @@ struct ServerInfo {
 };
 
 // Which kinds of change a subscriber hears about.
-enum class Change { Sources, Sinks, Server };
+enum class Change { Sources, Sinks, Server, SinkInputs };
 
 class Connection {
 public:

@@ -75,6 +75,9 @@ void RecordStream::start() {
         stream_ = nullptr;
         throw CoreAudioError(error, operation);
     };
+    if (options_.sinkInput && pa_stream_set_monitor_stream(stream_, *options_.sinkInput) < 0) {
+        fail("pa_stream_set_monitor_stream", pa_context_errno(connection_.context()));
+    }
     if (pa_stream_connect_record(stream_, options_.source.c_str(), &attr, static_cast<pa_stream_flags_t>(flags)) < 0) {
         fail("pa_stream_connect_record", pa_context_errno(connection_.context()));
     }

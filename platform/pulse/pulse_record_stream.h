@@ -22,6 +22,8 @@ struct RecordOptions {
     bool dontMove = false;         // stay on this source (fail instead of following the default)
     double fragmentSeconds = 0.02;
     std::string streamName = "Vell";
+    // On a sink's monitor: record only this playback stream (sink input) of the sink.
+    std::optional<uint32_t> sinkInput;
 };
 
 class RecordStream {

@@ -4,12 +4,16 @@
 // away (a restart, a crash), the tap keeps trying to reconnect every second until it is
 // stopped. An idle output delivers exact zeros: digital silence (see DigitalSilenceTracker).
 //
-// Unlike a process tap, a monitor also carries what this application plays itself; Vell
-// plays nothing while it records, so the difference does not show.
+// A monitor carries everything the output plays, this program's own sound included. While
+// this program plays on the output itself (a playback stream whose process id is ours, as
+// libpulse sets it), the tap records each of the output's other playback streams on its own
+// (a monitor stream per sink input) and sums them, so Vell's own sound stays out.
 #include <atomic>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "audio/ports.h"
 #include "base/executor.h"
@@ -40,9 +44,14 @@ public:
     std::string monitorName() const;
     double sampleRate() const;
     int channelCount() const;
+    // Whether this program's own playback is being left out right now.
+    bool excludingOwnPlayback() const;
 
 private:
+    class InputSum;
+    void plan();
     void openOn(const std::string& monitor);
+    void openExcludingOwn(const std::string& monitor, const std::vector<uint32_t>& inputs);
     void listen(uint64_t generation);
     void followDefault(uint64_t generation, bool retrying = false);
     void reconnect(uint64_t generation);
@@ -52,7 +61,10 @@ private:
     mutable std::mutex mutex_;
     std::unique_ptr<SerialQueue> queue_;
     std::unique_ptr<pulse::Connection> connection_;
-    std::unique_ptr<pulse::RecordStream> stream_;
+    std::unique_ptr<pulse::RecordStream> stream_;            // the whole output's monitor
+    std::vector<std::unique_ptr<pulse::RecordStream>> inputStreams_;  // or its other streams
+    std::shared_ptr<InputSum> sum_;
+    std::optional<std::vector<uint32_t>> recordedInputs_;    // present while leaving ours out
     BufferHandler handler_;
     std::string monitor_;
     TimerHandle retry_;

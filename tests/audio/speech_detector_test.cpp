@@ -1,5 +1,5 @@
-// The speech detector: its rules over a scripted classifier, and the built-in WebRTC
-// classifier on real speech (espeak-ng), silence and noise.
+// The speech detector: its rules over a scripted classifier, and the installed classifier
+// on real speech (espeak-ng), music, loud noise and silence.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -10,6 +10,8 @@
 #include "audio/speech_activity_detector.h"
 #include "base/log.h"
 #include "tests/audio/aac_test_decoder.h"
+#include "platform/silero/silero_classifier.h"
+#include "tests/support/sound_samples.h"
 #include "tests/support/temp_home.h"
 
 namespace vell::audio {
@@ -145,65 +147,83 @@ TEST(SpeechDetector, WithoutAClassifierItIsNeverUsable) {
     EXPECT_FALSE(detector.usable());
 }
 
-// Mixed-format blocks (44.1 kHz stereo, 0.1 s) from mono samples.
-std::vector<PcmBufferPtr> blocks(const std::vector<float>& mono) {
-    std::vector<PcmBufferPtr> out;
-    for (std::size_t at = 0; at < mono.size(); at += 4410) {
-        const std::size_t n = std::min<std::size_t>(4410, mono.size() - at);
-        auto b = PcmBuffer::make(44100, 2, n);
-        std::copy_n(mono.begin() + std::ptrdiff_t(at), n, b->channels[0].begin());
-        b->channels[1] = b->channels[0];
-        out.push_back(std::move(b));
-    }
-    return out;
-}
-
-std::vector<float> espeak(const std::filesystem::path& dir, const std::string& text) {
-    const auto raw = dir / "speech.f32";
-    const std::string command = "espeak-ng -v en -s 150 --stdout \"" + text + "\" | sox -q -t wav - -t f32 -r 44100 -c 1 " +
-                                raw.string() + " norm -3";
-    if (std::system(command.c_str()) != 0) return {};
-    std::ifstream in(raw, std::ios::binary);
-    std::vector<float> samples;
-    float v;
-    while (in.read(reinterpret_cast<char*>(&v), sizeof v)) samples.push_back(v);
-    return samples;
-}
-
+// The installed classifier on real sounds, fed as the mixer delivers them (44.1 kHz stereo,
+// 0.1 s). A loudness gate, or a voice detector that only sees energy in the voice band,
+// fails these: the noise and the music are far louder than the speech.
 struct Verdict {
     long results = 0;
-    bool spoke = false;
+    std::optional<WallTime> lastSpeech;
+    bool usable = false;
 };
 
-Verdict judge(const std::vector<float>& mono) {
+Verdict judge(const std::vector<float>& mono16k) {
+    auto classifier = makeSpeechClassifier();
+    EXPECT_TRUE(classifier) << (classifier ? "" : classifier.error()) << " (run scripts/bootstrap)";
+    if (!classifier) return {};
     ManualClock clock;
-    SpeechActivityDetector detector(makeVoicedShareClassifier(), &clock);
-    for (auto& b : blocks(mono)) detector.analyze(b);
+    SpeechActivityDetector detector(*classifier, &clock);
+    std::vector<float> mono44k(mono16k.size() * 44100 / 16000);
+    for (std::size_t i = 0; i < mono44k.size(); ++i) mono44k[i] = mono16k[std::min(mono16k.size() - 1, i * 16000 / 44100)];
+    for (auto& b : test::mixerBlocks(mono44k, 44100)) detector.analyze(b);
     detector.drain();
-    return {detector.resultCount(), detector.lastSpeech().has_value()};
+    return {detector.resultCount(), detector.lastSpeech(), detector.usable()};
 }
 
-TEST(SpeechDetector, BuiltInClassifierHearsSpeechButNotSilenceOrNoise) {
-    test::TempHome home;
-    auto speech = espeak(home.tmp(),
-                         "Good morning everyone. Let us go over the numbers for the third quarter, "
-                         "and then talk about the hiring plan for next year.");
-    ASSERT_GT(speech.size(), 44100u * 4) << "espeak-ng and sox are needed";
-    auto spoken = judge(speech);
-    EXPECT_GE(spoken.results, long(speech.size() / 44100) - 1);
-    EXPECT_TRUE(spoken.spoke);
+constexpr int kRate = 16000;
 
-    auto silent = judge(std::vector<float>(44100 * 5, 0.0f));
-    EXPECT_GE(silent.results, 4);  // the resampler keeps a few samples of the last window
-    EXPECT_FALSE(silent.spoke);
+TEST(InstalledSpeechClassifier, SteadyLoudNoiseAndMusicOverAMinuteNeverMoveLastSpeech) {
+    const std::size_t minute = 65 * kRate;
+    auto pink = test::pinkNoise(minute, 0.3, 1);   // about -10 dBFS
+    auto white = test::whiteNoise(minute, 0.2, 2); // about -14 dBFS
+    const auto music = test::packagedMusic();
+    ASSERT_FALSE(music.empty()) << "asc-music and fb-music-high are needed";
+    auto song = test::decodeMono(music.front(), kRate, 65);
+    ASSERT_GT(song.size(), std::size_t(60 * kRate));
+    test::setLevel(song, -10);
+    for (const auto* sound : {&pink, &white, &song}) {
+        auto verdict = judge(*sound);
+        EXPECT_GE(verdict.results, 60);
+        EXPECT_FALSE(verdict.lastSpeech) << "a window of steady noise or music was taken for speech";
+        EXPECT_TRUE(verdict.usable);
+    }
+}
 
-    std::mt19937 random(7);
-    std::normal_distribution<float> gaussian(0.0f, 0.05f);
-    std::vector<float> noise(44100 * 5);
-    for (auto& x : noise) x = gaussian(random);
-    auto noisy = judge(noise);
-    EXPECT_GE(noisy.results, 4);
-    EXPECT_FALSE(noisy.spoke);
+TEST(InstalledSpeechClassifier, QuietSpeechUnderNoiseMovesLastSpeechAndSilenceDoesNot) {
+    auto speech = test::speak("Good morning everyone. Let us go over the numbers for the third quarter.", "en", kRate);
+    ASSERT_GT(speech.size(), std::size_t(3 * kRate)) << "espeak-ng and ffmpeg are needed";
+    auto spanish = test::speak("Buen día a todos. Repasemos los números del tercer trimestre.", "es", kRate);
+    ASSERT_GT(spanish.size(), std::size_t(3 * kRate));
+    // Speech at -40 dBFS, 5 dB over pink noise: quieter than the noise of the test above.
+    for (auto* voice : {&speech, &spanish}) {
+        auto noise = test::pinkNoise(voice->size(), std::pow(10, -45.0 / 20), 3);
+        auto mixed = test::mixAtSnr(*voice, noise, 5);
+        auto verdict = judge(mixed);
+        EXPECT_TRUE(verdict.lastSpeech);
+        EXPECT_GE(verdict.results, 2);
+    }
+    auto silent = judge(std::vector<float>(5 * kRate, 0.0f));
+    EXPECT_GE(silent.results, 4);
+    EXPECT_FALSE(silent.lastSpeech);
+}
+
+TEST(InstalledSpeechClassifier, WithoutAModelTheDetectorSaysSoAndIsNeverUsable) {
+    std::vector<std::string> lines;
+    log::setSink([&](log::Level, const std::string&, const std::string& line) { lines.push_back(line); });
+    setSpeechClassifierFactory([]() -> Expected<std::shared_ptr<SoundClassifier>, std::string> {
+        return unexpected(std::string("no speech model (silero_vad.onnx) found"));
+    });
+    {
+        SpeechActivityDetector detector;
+        detector.analyze(test::constantBlock(44100, 2, 4410, 0.3f));
+        detector.drain();
+        EXPECT_FALSE(detector.usable());
+    }
+    setSpeechClassifierFactory(&silero::loadSpeechClassifier);  // as the composition root has it
+    log::setSink({});
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_NE(lines[0].find("no speech model (silero_vad.onnx) found"), std::string::npos) << lines[0];
+    EXPECT_NE(lines[0].find("without meaningful audio"), std::string::npos) << lines[0];
+    EXPECT_TRUE(makeSpeechClassifier());
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // The system-audio tap on a real (private) PulseAudio server: the idle output is digital
 // silence, played sound ends the silent run, the tap follows a new default output, and a
-// failed start leaves nothing behind, and a restarted server is found again.
+// failed start leaves nothing behind, a restarted server is found again, and this program's
+// own playback stays out.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -12,7 +13,15 @@
 #include "audio/digital_silence_tracker.h"
 #include "audio/errors.h"
 #include "platform/pulse/system_audio_tap.h"
+#include "tests/audio/aac_test_decoder.h"
+#include "tests/support/child_process.h"
 #include "tests/support/pulse_server.h"
+
+#include <pulse/simple.h>
+
+#include <atomic>
+#include <cmath>
+#include <numbers>
 
 namespace vell::audio {
 namespace {
@@ -161,6 +170,85 @@ TEST(SystemAudioTapTest, StartWhileRunningAndStopTwiceAreHarmless) {
     Watcher again;
     tap.start(again.handler());
     EXPECT_TRUE(again.waitFor([&] { return again.blocks >= 3; }));
+}
+
+// A tone played by this very process through an ordinary libpulse playback stream, as
+// Vell's own preview player plays.
+class OwnPlayback {
+public:
+    OwnPlayback(double hz, float amplitude) {
+        pa_sample_spec spec{PA_SAMPLE_FLOAT32NE, 48000, 1};
+        int error = 0;
+        simple_ = pa_simple_new(nullptr, "Vell test", PA_STREAM_PLAYBACK, nullptr, "preview", &spec, nullptr, nullptr, &error);
+        if (!simple_) return;
+        thread_ = std::thread([this, hz, amplitude] {
+            std::vector<float> block(960);
+            double phase = 0;
+            while (!stop_) {
+                for (auto& x : block) {
+                    x = amplitude * float(std::sin(phase));
+                    phase += 2 * std::numbers::pi * hz / 48000;
+                }
+                int error = 0;
+                if (pa_simple_write(simple_, block.data(), block.size() * sizeof(float), &error) < 0) break;
+            }
+        });
+    }
+    ~OwnPlayback() { stop(); }
+    bool playing() const { return simple_ != nullptr; }
+    void stop() {
+        stop_ = true;
+        if (thread_.joinable()) thread_.join();
+        if (simple_) pa_simple_free(simple_);
+        simple_ = nullptr;
+    }
+
+private:
+    pa_simple* simple_ = nullptr;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+TEST(SystemAudioTapTest, ThisProgramsOwnPlaybackStaysOutWhileOtherProgramsAreRecorded) {
+    test::PulseServer pulse;
+    SystemAudioTap tap;
+    Watcher w;
+    tap.start(w.handler());
+    pulse.playTone(1000, 30, false, 0.3);  // two other programs
+    pulse.playTone(1500, 30, false, 0.3);
+    OwnPlayback own(440, 0.3f);
+    ASSERT_TRUE(own.playing());
+    ASSERT_TRUE(test::eventually([&] { return tap.excludingOwnPlayback(); }));
+    auto listen = [&](double seconds) {
+        {
+            std::lock_guard lock(w.mutex);
+            w.loud.clear();
+        }
+        EXPECT_TRUE(w.waitFor([&] { return w.rate > 0 && w.loud.size() >= std::size_t(w.rate * seconds); }, 8000ms));
+        std::lock_guard lock(w.mutex);
+        return w.loud;
+    };
+    // Skip what was recorded while the streams were being opened.
+    listen(0.3);
+    auto heard = listen(1.0);
+    ASSERT_FALSE(heard.empty());
+    EXPECT_GT(test::toneEnergy(heard, w.rate, 1000), 0.005) << "the other programs' sound is missing";
+    EXPECT_GT(test::toneEnergy(heard, w.rate, 1500), 0.005) << "the other programs' sound is missing";
+    EXPECT_LT(test::toneEnergy(heard, w.rate, 440), 1e-5) << "our own playback was recorded";
+    const double separately = test::toneEnergy(heard, w.rate, 1000);
+
+    // Once we stop playing, the whole output is recorded again.
+    own.stop();
+    ASSERT_TRUE(test::eventually([&] { return !tap.excludingOwnPlayback(); }));
+    EXPECT_EQ(tap.monitorName(), "speakers.monitor");
+    listen(0.3);
+    heard = listen(1.0);
+    EXPECT_GT(test::toneEnergy(heard, w.rate, 1000), 0.005);
+    EXPECT_GT(test::toneEnergy(heard, w.rate, 1500), 0.005);
+    // Summed from separate recordings, the others sound as loud as in the whole output:
+    // no gaps, nothing doubled.
+    EXPECT_NEAR(separately / test::toneEnergy(heard, w.rate, 1000), 1.0, 0.15);
+    tap.stop();
 }
 
 }  // namespace
