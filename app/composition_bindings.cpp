@@ -1,11 +1,14 @@
 // The Linux bindings behind the core's ports: PulseAudio with the ALSA fallback for capture,
-// FFmpeg for files and conversion, WebRTC for voice detection, libcurl and libplist for the
+// FFmpeg for files and conversion, WebRTC for voice detection and echo cancellation, libcurl and libplist for the
 // service, libsecret for session storage. Nothing else in the core names them.
 #include <mutex>
 
 #include "app/composition.h"
+#include "audio/echo_canceller.h"
 #include "audio/mic_capture.h"
 #include "audio/microphone_settings.h"
+#include "audio/output_route.h"
+#include "platform/aec/webrtc_echo_canceller.h"
 #include "platform/alsa/alsa_mic_engine.h"
 #include "platform/codec/aac_writer.h"
 #include "platform/codec/resampler.h"
@@ -14,6 +17,7 @@
 #include "platform/http/plist_cookies.h"
 #include "platform/pulse/pulse_input_devices.h"
 #include "platform/pulse/pulse_mic_engine.h"
+#include "platform/pulse/pulse_output_route.h"
 #include "platform/secrets/secret_store.h"
 #include "platform/vad/webrtc_vad.h"
 
@@ -25,6 +29,8 @@ void installPlatformBindings() {
         media::setDefaultAacWriterFactory(&media::openAacWriter);
         media::Resampler::setFactory(&media::openSwrResampler);
         media::VoiceActivityDetector::setFactory(&media::openWebRtcVad);
+        audio::EchoCanceller::setFactory(&aec::openWebRtcEchoCanceller);
+        audio::OutputRouteWatcher::setFactory(&platform::makePulseOutputRouteWatcher);
         audio::MicCapture::setDefaultEngines([] { return platform::makePulseMicEngine(); },
                                              [] { return platform::makeAlsaMicEngine(); });
         audio::MicrophoneSettings::setDefaultDeviceProvider([] { return platform::makePulseInputDevices(); });

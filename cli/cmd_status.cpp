@@ -10,7 +10,10 @@
 #include "app/app_state.h"
 #include "app/composition.h"
 #include "app/core_services.h"
+#include "app/echo_cancel_setting.h"
+#include "base/user_defaults.h"
 #include "cli/command.h"
+#include "cli/echo_messages.h"
 #include "cli/help_messages.h"
 #include "cli/host_client.h"
 #include "cli/runtime_scope.h"
@@ -44,14 +47,29 @@ std::vector<std::string> activeCallers(const dbus::ControlClient* host) {
     return names;
 }
 
-nlohmann::ordered_json toJson(bool hostRunning, const dbus::HostStatus& s, const std::vector<std::string>& callers) {
-    return {{"activeCallers", callers},{"host", hostRunning},       {"phase", s.phase},         {"userEmail", s.userEmail},
+// Echo cancellation as the host sees it; without a host, the stored switch and no recording.
+nlohmann::json echoStatus(const dbus::ControlClient* host) {
+    std::string answer;
+    if (host) {
+        auto read = host->echoCancelStatus();
+        if (read) answer = *read;
+    } else {
+        answer = app::echoCancellationStatusJson(UserDefaults::standard());
+    }
+    auto json = nlohmann::json::parse(answer, nullptr, false);
+    return json.is_object() ? json : nlohmann::json::object();
+}
+
+nlohmann::ordered_json toJson(bool hostRunning, const dbus::HostStatus& s, const std::vector<std::string>& callers,
+                              const nlohmann::json& echoJson) {
+    return {{"activeCallers", callers}, {"echoCancellation", echoJson},{"host", hostRunning},       {"phase", s.phase},         {"userEmail", s.userEmail},
             {"userID", s.userID},        {"recording", s.recording}, {"recordingID", s.recordingID},
             {"elapsed", s.elapsed},      {"microphoneLevel", s.microphoneLevel},
             {"systemLevel", s.systemLevel}, {"lastError", s.lastError}};
 }
 
-void printText(bool hostRunning, const dbus::HostStatus& s, const std::vector<std::string>& callers) {
+void printText(bool hostRunning, const dbus::HostStatus& s, const std::vector<std::string>& callers,
+               const nlohmann::json& echoJson) {
     std::cout << (hostRunning ? kHostRunning : kHostNotRunning).str() << "\n" << kAccount.str();
     if (s.phase == "signedIn") std::cout << s.userEmail;
     else if (s.phase == "mfaRequired") std::cout << kCodeAsked.str();
@@ -64,6 +82,7 @@ void printText(bool hostRunning, const dbus::HostStatus& s, const std::vector<st
                   << fmt::format(", {:02}:{:02}:{:02}, mic {:.2f}, system {:.2f}", whole / 3600, whole / 60 % 60, whole % 60,
                                  s.microphoneLevel, s.systemLevel)
                   << "\n";
+        std::cout << echo::kNow.str() << echo::stateText(echoJson) << "\n";
     } else {
         std::cout << kRecordingNo.str() << "\n";
     }
@@ -118,8 +137,9 @@ int status(Context& context, bool json, bool watch) {
             s = *local;
         }
         const auto callers = activeCallers(host.get());
-        if (json) std::cout << toJson(host != nullptr, s, callers).dump() << std::endl;
-        else printText(host != nullptr, s, callers), std::cout << std::flush;
+        const auto echoJson = echoStatus(host.get());
+        if (json) std::cout << toJson(host != nullptr, s, callers, echoJson).dump() << std::endl;
+        else printText(host != nullptr, s, callers, echoJson), std::cout << std::flush;
         for (int i = 0; watch && i < 10 && !stop; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(100));
         if (watch && !json && !stop) std::cout << "\n";
     } while (watch && !stop);

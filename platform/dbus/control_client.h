@@ -63,6 +63,8 @@ public:
     Result<std::string> undo() const;
     Result<int> recoverStart(const std::string& range, int minutes) const;
     Result<std::string> recoverProgress(int run) const;
+    Result<std::string> echoCancelStatus() const;
+    Result<std::string> setEchoCancelEnabled(bool enabled) const;
 
 private:
     ControlClient() = default;

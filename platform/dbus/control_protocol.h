@@ -43,6 +43,12 @@
 //                                   "recordingMeeting","undo":{"takeID","meeting","reason",
 //                                   "secondsLeft"} or {}}
 //   Undo () -> s                    restores the latest discard: {"takeID","meeting"}
+//   EchoCancelStatus () -> s        echo cancellation of the recording's microphone:
+//                                   {"enabled","state" (idle, active, bypassed, off),"reason"
+//                                   (headphones, headset, bluetooth, silence, noSystemAudio,
+//                                   unavailable),"output":{"device","port","kind"},"erleDb","delayMs"}
+//   SetEchoCancelEnabled (b) -> s   the "Cancel echo" switch (stored, and applied to a running
+//                                   recording at once); the new status
 #include <string_view>
 
 namespace vell::dbus {

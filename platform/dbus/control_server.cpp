@@ -12,6 +12,7 @@
 #include "base/log.h"
 #include "base/runtime.h"
 #include "platform/dbus/control_calls.h"
+#include "platform/dbus/control_echo.h"
 #include "platform/dbus/control_calendar.h"
 #include "platform/dbus/control_recovery.h"
 #include "platform/dbus/control_context.h"
@@ -63,6 +64,7 @@ const ControlExtension kExtensions[] = {
     &registerCallsControl,
     &registerCalendarControl,
     &registerRecoveryControl,
+    &registerEchoControl,
 };
 }  // namespace
 

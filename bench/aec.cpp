@@ -1,0 +1,363 @@
+// bench_aec: echo cancellation of the recording's microphone, measured on a private
+// PulseAudio server and offline on the same signals.
+//
+// The scene: one espeak-ng voice (the far end of a call) is played into the "speakers" sink;
+// a loopback carries the speakers' monitor into a "room" sink 60 ms late and 10 dB down, the
+// way a loudspeaker reaches a microphone; a second voice (the near talker) is played into
+// the room 6 s later, over the far end (double talk). The microphone is the room's monitor
+// (remapped as an ordinary source). Vell records the way a recording does: the system tap
+// on the default sink's monitor, the microphone engine on the default source, the realtime
+// mixer with echo cancellation. A wrapper around the canceller keeps every 10 ms frame it
+// was given and returned, in the mixer's alignment, and the thread CPU time it took.
+//
+// Printed: ERLE (echo return loss enhancement of the microphone's part of the mix; the
+// system audio itself is in the mix on purpose) over the far end alone after 2 s of
+// convergence, the correlation of the cleaned microphone with the clean near-end voice
+// while both talk, and the canceller's CPU share of one core at 44.1 kHz.
+//
+//   bench_aec            live (private server) and offline
+//   bench_aec offline    offline only
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "app/composition.h"
+#include "audio/echo_cancellation.h"
+#include "audio/echo_canceller.h"
+#include "audio/mic_capture.h"
+#include "audio/realtime_mixer.h"
+#include "platform/aec/webrtc_echo_canceller.h"
+#include "platform/pulse/system_audio_tap.h"
+
+namespace fs = std::filesystem;
+using namespace vell;
+
+namespace {
+
+constexpr int kRate = 44100;
+constexpr std::size_t kFrame = kRate / 100;
+constexpr double kNearOffset = 6.0;   // the near talker starts this long after the far end
+constexpr double kConverge = 2.0;     // seconds of far end before ERLE counts
+constexpr double kEchoDelay = 0.060;  // the loopback's latency
+constexpr float kEchoGain = 0.316228f;  // -10 dB
+
+int sh(const std::string& command) { return std::system(command.c_str()); }
+
+double threadCpu() {
+    timespec t{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return double(t.tv_sec) + double(t.tv_nsec) * 1e-9;
+}
+
+std::vector<float> readRaw(const fs::path& file) {
+    std::ifstream in(file, std::ios::binary);
+    std::vector<float> out;
+    float v;
+    while (in.read(reinterpret_cast<char*>(&v), sizeof v)) out.push_back(v);
+    return out;
+}
+
+// Every frame the canceller saw: the microphone before and after, the reference.
+struct Tape {
+    std::mutex lock;
+    std::vector<float> in, out, reference;
+    double cpu = 0;
+    std::size_t frames = 0;
+    std::optional<int> delayMs;
+    std::optional<double> erleDb;
+};
+Tape* gTape = nullptr;
+
+class TapedCanceller final : public audio::EchoCanceller {
+public:
+    explicit TapedCanceller(std::unique_ptr<audio::EchoCanceller> inner)
+        : EchoCanceller(inner->sampleRate(), inner->channels()), inner_(std::move(inner)) {}
+    Expected<Unit, std::string> analyzeReference(const float* frame) override {
+        ref_.assign(frame, frame + frameSamples());
+        const double t0 = threadCpu();
+        auto r = inner_->analyzeReference(frame);
+        cpu_ += threadCpu() - t0;
+        return r;
+    }
+    Expected<Unit, std::string> process(float* const* planes) override {
+        std::vector<float> before(planes[0], planes[0] + frameSamples());
+        const double t0 = threadCpu();
+        auto r = inner_->process(planes);
+        cpu_ += threadCpu() - t0;
+        if (gTape) {
+            std::lock_guard g(gTape->lock);
+            gTape->in.insert(gTape->in.end(), before.begin(), before.end());
+            gTape->out.insert(gTape->out.end(), planes[0], planes[0] + frameSamples());
+            gTape->reference.insert(gTape->reference.end(), ref_.begin(), ref_.end());
+            gTape->cpu += cpu_;
+            gTape->frames += 1;
+            cpu_ = 0;
+            if (gTape->frames % 100 == 0) {
+                auto m = inner_->metrics();
+                if (m.delayMs) gTape->delayMs = m.delayMs;
+                if (m.erleDb) gTape->erleDb = m.erleDb;
+            }
+        }
+        return r;
+    }
+    Metrics metrics() const override { return inner_->metrics(); }
+
+private:
+    std::unique_ptr<audio::EchoCanceller> inner_;
+    std::vector<float> ref_;
+    double cpu_ = 0;
+};
+
+double energy(const std::vector<float>& x, std::size_t from, std::size_t to) {
+    double e = 0;
+    for (std::size_t i = from; i < std::min(to, x.size()); ++i) e += double(x[i]) * x[i];
+    return e;
+}
+
+// Correlation of a with b shifted by lag (a[i] against b[i - lag]) over a's [from, to).
+double correlation(const std::vector<float>& a, const std::vector<float>& b, std::size_t from, std::size_t to, long lag) {
+    double ab = 0, aa = 0, bb = 0;
+    for (std::size_t i = from; i < std::min(to, a.size()); ++i) {
+        const long j = long(i) - lag;
+        const double y = (j >= 0 && std::size_t(j) < b.size()) ? b[std::size_t(j)] : 0.0;
+        ab += a[i] * y, aa += double(a[i]) * a[i], bb += y * y;
+    }
+    return aa > 0 && bb > 0 ? ab / std::sqrt(aa * bb) : 0;
+}
+
+// The lag (in samples, within ±range) at which b best lines up with a over [from, to).
+long bestLag(const std::vector<float>& a, const std::vector<float>& b, std::size_t from, std::size_t to, long guess,
+             long range) {
+    long best = guess;
+    double top = -2;
+    for (long lag = guess - range; lag <= guess + range; lag += 4) {
+        const double c = correlation(a, b, from, std::min(to, from + std::size_t(3 * kRate)), lag);
+        if (c > top) top = c, best = lag;
+    }
+    for (long lag = best - 4; lag <= best + 4; ++lag) {
+        const double c = correlation(a, b, from, std::min(to, from + std::size_t(3 * kRate)), lag);
+        if (c > top) top = c, best = lag;
+    }
+    return best;
+}
+
+struct Figures {
+    double erleDb = 0, nearCorrelation = 0, rawCorrelation = 0, cpuShare = 0, erleDoubleTalkDb = NAN;
+    std::optional<int> delayMs;
+};
+
+void print(const char* name, const Figures& f) {
+    std::printf("  %-8s ERLE %5.1f dB (goal >= 20)   near-end correlation %.3f (goal >= 0.9; %.3f before cancelling)\n",
+                name, f.erleDb, f.nearCorrelation, f.rawCorrelation);
+    std::printf("  %-8s canceller CPU %.3f %% of a core at 44.1 kHz (goal < 1 %%)", "", 100 * f.cpuShare);
+    if (f.delayMs) std::printf(", delay it found %d ms", *f.delayMs);
+    if (!std::isnan(f.erleDoubleTalkDb)) std::printf(", echo reduction during double talk %.1f dB", f.erleDoubleTalkDb);
+    std::printf("\n");
+}
+
+// Offline: the same voices through a simulated loopback (60 ms, -10 dB), mixed tick by tick.
+Figures offline(const std::vector<float>& far, const std::vector<float>& near, const fs::path& dir) {
+    const std::size_t delay = std::size_t(kEchoDelay * kRate), nearAt = std::size_t(kNearOffset * kRate);
+    const std::size_t total = std::max(far.size(), nearAt + near.size()) + kRate / 2;
+    std::vector<float> system(total, 0.0f), echo(total, 0.0f), nearTrack(total, 0.0f), mic(total, 0.0f);
+    std::copy(far.begin(), far.end(), system.begin());
+    for (std::size_t i = delay; i < total; ++i) echo[i] = kEchoGain * system[i - delay];
+    std::copy(near.begin(), near.end(), nearTrack.begin() + std::ptrdiff_t(nearAt));
+    for (std::size_t i = 0; i < total; ++i) mic[i] = echo[i] + nearTrack[i];
+
+    Tape tape;
+    gTape = &tape;
+    ManualClock clock;
+    audio::EchoCancellation echoControl{[] { return std::unique_ptr<audio::OutputRouteWatcher>(); }};
+    audio::RealtimeMixer::Options options;
+    options.clock = &clock;
+    options.automaticTicks = false;
+    options.echo = &echoControl;
+    std::vector<float> mixed;
+    double cpu = 0;
+    {
+        audio::RealtimeMixer mixer(dir / "offline.aac", kRate, std::move(options));
+        mixer.onMixedBuffer = [&mixed](audio::PcmBufferPtr b) { mixed.insert(mixed.end(), b->channels[0].begin(), b->channels[0].end()); };
+        mixer.open();
+        mixer.setSystemEnabled(true);
+        const std::size_t block = 882;
+        for (std::size_t at = 0, i = 0; at + block <= total; at += block, ++i) {
+            auto s = audio::PcmBuffer::make(kRate, 2, block);
+            auto m = audio::PcmBuffer::make(kRate, 1, block);
+            for (auto& plane : s->channels) std::copy_n(system.begin() + std::ptrdiff_t(at), block, plane.begin());
+            std::copy_n(mic.begin() + std::ptrdiff_t(at), block, m->channels[0].begin());
+            mixer.appendSystem(s);
+            mixer.appendMicrophone(m);
+            clock.advance(0.02);
+            if (i % 5 == 4) mixer.tick();
+        }
+        mixer.finish();
+    }
+    gTape = nullptr;
+    cpu = tape.cpu;
+    // The microphone's part of the mix: the mix less the system audio at its gain.
+    for (std::size_t i = 0; i < mixed.size() && i < system.size(); ++i) mixed[i] -= system[i] * audio::RealtimeMixer::kSystemGain;
+
+    Figures f;
+    const std::size_t from = std::size_t(kConverge * kRate), to = nearAt;
+    f.erleDb = 10 * std::log10(energy(echo, from, to) / std::max(1e-20, energy(mixed, from, to)));
+    const std::size_t nearEnd = nearAt + near.size();
+    std::vector<float> residual(mixed.size());
+    const long shift = bestLag(mixed, nearTrack, nearAt, nearEnd, 0, 2000);
+    std::printf("  offline: the cancelled microphone lags its input by %ld samples\n", shift);
+    for (std::size_t i = 0; i < mixed.size(); ++i) {
+        const long j = long(i) - shift;
+        residual[i] = mixed[i] - (j >= 0 && std::size_t(j) < nearTrack.size() ? nearTrack[std::size_t(j)] : 0.0f);
+    }
+    f.erleDoubleTalkDb = 10 * std::log10(energy(echo, nearAt, nearEnd) / std::max(1e-20, energy(residual, nearAt, nearEnd)));
+    f.nearCorrelation = correlation(mixed, nearTrack, nearAt, nearEnd, shift);
+    f.rawCorrelation = correlation(mic, nearTrack, nearAt, nearEnd, 0);
+    f.cpuShare = cpu / (double(tape.frames) / 100.0);
+    f.delayMs = tape.delayMs;
+    return f;
+}
+
+// Live: the scene on a private PulseAudio server, recorded by the real capture parts.
+std::optional<Figures> live(const fs::path& dir, const fs::path& farWav, const fs::path& nearWav,
+                            const std::vector<float>& near) {
+    const fs::path runtime = dir / "runtime";
+    fs::create_directories(runtime);
+    fs::permissions(runtime, fs::perms::owner_all);
+    setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
+    setenv("PULSE_SERVER", ("unix:" + (runtime / "pulse" / "native").string()).c_str(), 1);
+    if (sh("pulseaudio --daemonize=yes -n --exit-idle-time=-1 --disallow-exit "
+           "--load=module-native-protocol-unix "
+           "--load='module-null-sink sink_name=speakers rate=44100' "
+           "--load='module-null-sink sink_name=room rate=44100' 2>/dev/null") != 0) {
+        std::fprintf(stderr, "bench_aec: cannot start pulseaudio\n");
+        return std::nullopt;
+    }
+    const std::string quiet = " >/dev/null 2>&1";
+    sh("pactl load-module module-remap-source source_name=benchmic master=room.monitor" + quiet);
+    sh("pactl load-module module-loopback source=speakers.monitor sink=room latency_msec=60 "
+       "source_dont_move=true sink_dont_move=true" + quiet);
+    sh("pactl set-default-sink speakers; pactl set-default-source benchmic");
+    // The loopback's stream into the room: 10 dB down (a linear factor of 0.316).
+    sh("for i in $(pactl list short sink-inputs | awk '$4 ~ /loopback/ {print $1}'); do "
+       "pactl set-sink-input-volume $i 0.316228; done");
+
+    Tape tape;
+    gTape = &tape;
+    audio::EchoCancellation echoControl;  // follows the server's default sink
+    audio::RealtimeMixer::Options options;
+    options.echo = &echoControl;
+    auto mixer = std::make_shared<audio::RealtimeMixer>(dir / "live.aac", kRate, std::move(options));
+    mixer->open();
+    auto microphone = audio::MicCapture::makeDefault();
+    audio::SystemAudioTap tap;
+    try {
+        microphone->start(audio::MicrophoneTarget{}, [mixer](audio::PcmBufferPtr b) { mixer->appendMicrophone(std::move(b)); }, {});
+        tap.start([mixer](audio::PcmBufferPtr b) { mixer->appendSystem(std::move(b)); });
+        mixer->setSystemEnabled(true);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "bench_aec: cannot capture: %s\n", e.what());
+        sh("pulseaudio --kill 2>/dev/null");
+        gTape = nullptr;
+        return std::nullopt;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    sh("paplay --device=speakers " + farWav.string() + " &");
+    std::this_thread::sleep_for(std::chrono::milliseconds(int(kNearOffset * 1000)));
+    sh("paplay --device=room " + nearWav.string());
+    sh("while pgrep -x paplay >/dev/null; do sleep 0.1; done");
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    const auto status = echoControl.status();
+    microphone->stop();
+    tap.stop();
+    mixer->finish();
+    mixer.reset();
+    gTape = nullptr;
+    sh("pulseaudio --kill 2>/dev/null");
+
+    std::printf("  live: output %s (%s), state while recording: %s\n", status.output.device.c_str(),
+                audio::outputKindName(status.output.kind), audio::echoStateName(status.state));
+    // The far end begins with the first frame whose reference is not silent; from there on
+    // frames are contiguous (the voice never pauses for the second that would bypass).
+    std::size_t start = 0;
+    while (start < tape.reference.size() && tape.reference[start] == 0.0f) ++start;
+    start -= start % kFrame;
+    if (start >= tape.reference.size()) {
+        std::fprintf(stderr, "bench_aec: the system audio never arrived\n");
+        return std::nullopt;
+    }
+    Figures f;
+    const std::size_t from = start + std::size_t(kConverge * kRate), to = start + std::size_t((kNearOffset - 0.2) * kRate);
+    f.erleDb = 10 * std::log10(energy(tape.in, from, to) / std::max(1e-20, energy(tape.out, from, to)));
+    // Where the near talker is in the taped microphone: found on the uncancelled input,
+    // where the voice is plainly there, then the same place is read in the output.
+    const long guess = long(start + std::size_t(kNearOffset * kRate));
+    const long lag = bestLag(tape.in, near, std::size_t(guess), std::size_t(guess) + near.size(), guess, long(0.4 * kRate));
+    const std::size_t nearFrom = std::size_t(std::max(0L, lag)), nearTo = nearFrom + near.size();
+    f.nearCorrelation = correlation(tape.out, near, nearFrom, nearTo, lag);
+    f.rawCorrelation = correlation(tape.in, near, nearFrom, nearTo, lag);
+    if (tape.out.size() < nearTo) std::fprintf(stderr, "bench_aec: the tape ends before the near talker does\n");
+    f.cpuShare = tape.cpu / (double(tape.frames) / 100.0);
+    f.delayMs = tape.delayMs;
+    return f;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    app::installPlatformBindings();
+    audio::EchoCanceller::setFactory([](int rate, int channels) -> Expected<std::unique_ptr<audio::EchoCanceller>, std::string> {
+        auto inner = aec::openWebRtcEchoCanceller(rate, channels);
+        if (!inner) return unexpected(inner.error());
+        return std::unique_ptr<audio::EchoCanceller>(std::make_unique<TapedCanceller>(std::move(*inner)));
+    });
+    const bool liveToo = !(argc > 1 && std::string(argv[1]) == "offline");
+    const char* tmp = std::getenv("TMPDIR");
+    std::string templ = std::string(tmp && *tmp ? tmp : "/tmp") + "/vell-bench-aec-XXXXXX";
+    if (!mkdtemp(templ.data())) return 1;
+    const fs::path dir = templ;
+
+    // Two voices, at the mixer's rate.
+    const fs::path far = dir / "far.wav", near = dir / "near.wav";
+    if (sh("espeak-ng -v en-us -s 160 -w " + (dir / "far22.wav").string() +
+           " 'Thanks for joining the call today. I wanted to go over the numbers from last quarter before we talk "
+           "about the plan for next year. Sales grew in every region except the north, where two large customers "
+           "delayed their orders. We expect those orders to arrive in the spring, so the total for the year should "
+           "still be close to what we promised.' && "
+           "espeak-ng -v en+f3 -p 70 -s 170 -w " + (dir / "near22.wav").string() +
+           " 'Sorry to interrupt, but could you send me the slides after the meeting? I would like to check the "
+           "figures for the north again.' && "
+           "sox -q " + (dir / "far22.wav").string() + " -r 44100 -c 2 " + far.string() + " && "
+           "sox -q " + (dir / "near22.wav").string() + " -r 44100 -c 1 " + near.string() + " && "
+           "sox -q " + far.string() + " -t f32 -c 1 " + (dir / "far.f32").string() + " && "
+           "sox -q " + near.string() + " -t f32 " + (dir / "near.f32").string()) != 0) {
+        std::fprintf(stderr, "bench_aec: espeak-ng and sox are needed\n");
+        return 1;
+    }
+    const auto farSamples = readRaw(dir / "far.f32");
+    const auto nearSamples = readRaw(dir / "near.f32");
+    std::printf("bench_aec: far end %.1f s (espeak-ng en-us), near talker %.1f s (en+f3) from %.0f s on, "
+                "echo 60 ms late at -10 dB, mixer at 44.1 kHz\n",
+                double(farSamples.size()) / kRate, double(nearSamples.size()) / kRate, kNearOffset);
+
+    print("offline", offline(farSamples, nearSamples, dir));
+    if (liveToo) {
+        if (auto f = live(dir, far, near, nearSamples)) print("live", *f);
+    }
+    std::error_code ignored;
+    fs::remove_all(dir, ignored);
+    return 0;
+}
