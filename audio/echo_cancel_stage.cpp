@@ -51,8 +51,8 @@ void EchoCancelStage::passThrough(Planes& mic, float gain, std::size_t count) {
 
 bool EchoCancelStage::ensureCanceller() {
     if (unavailable_) return false;
-    if (canceller_ && canceller_->channels() == sourceChannels_) return true;
-    auto made = EchoCanceller::create(static_cast<int>(std::lround(sampleRate_)), sourceChannels_);
+    if (canceller_) return true;
+    auto made = EchoCanceller::create(static_cast<int>(std::lround(sampleRate_)), 1);
     if (!made) {
         kLog.error("cannot cancel echo: " + made.error());
         unavailable_ = true;
@@ -64,14 +64,18 @@ bool EchoCancelStage::ensureCanceller() {
 }
 
 bool EchoCancelStage::runCanceller(const float* reference) {
-    const int channels = canceller_->channels();
-    for (int c = 0; c < channels; ++c) std::copy_n(held_[c].data() + consumed_, frame_, work_[c].data());
-    if (channels == 1) std::copy_n(work_[0].data(), frame_, work_[1].data());
-    float* planes[2] = {work_[0].data(), work_[1].data()};
+    // A stereo microphone is cleaned as its mono downmix: half the cost, and the two sides
+    // of one microphone carry nothing a conversation needs.
+    const float* left = held_[0].data() + consumed_;
+    const float* right = held_[1].data() + consumed_;
+    float* mono = work_[0].data();
+    if (sourceChannels_ == 1) std::copy_n(left, frame_, mono);
+    else for (std::size_t i = 0; i < frame_; ++i) mono[i] = 0.5f * (left[i] + right[i]);
+    float* planes[1] = {mono};
     auto done = canceller_->analyzeReference(reference);
     if (done) done = canceller_->process(planes);
     if (done) {
-        if (channels == 1) std::copy_n(work_[0].data(), frame_, work_[1].data());
+        std::copy_n(mono, frame_, work_[1].data());
         return true;
     }
     kLog.error("echo cancellation stopped: " + done.error());

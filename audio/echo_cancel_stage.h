@@ -7,6 +7,8 @@
 // the microphone only reaches the mix in whole frames, and a frame waits until the system
 // audio beside it has arrived.
 //
+// A stereo microphone is cleaned as its mono downmix (both sides then carry it).
+//
 // Bypass (the samples pass untouched): switched off by the user, no system stream, an
 // output without an acoustic path (headphones, headset, Bluetooth), or system audio that
 // has been digital silence for a second.

@@ -4,7 +4,7 @@
 // The scene: one espeak-ng voice (the far end of a call) is played into the "speakers" sink;
 // a loopback carries the speakers' monitor into a "room" sink 60 ms late and 10 dB down, the
 // way a loudspeaker reaches a microphone; a second voice (the near talker) is played into
-// the room 6 s later, over the far end (double talk). The microphone is the room's monitor
+// the room 7.5 s later, over the far end (double talk). The microphone is the room's monitor
 // (remapped as an ordinary source). Vell records the way a recording does: the system tap
 // on the default sink's monitor, the microphone engine on the default source, the realtime
 // mixer with echo cancellation. A wrapper around the canceller keeps every 10 ms frame it
@@ -50,7 +50,7 @@ namespace {
 
 constexpr int kRate = 44100;
 constexpr std::size_t kFrame = kRate / 100;
-constexpr double kNearOffset = 6.0;   // the near talker starts this long after the far end
+constexpr double kNearOffset = 7.5;   // the near talker starts this long after the far end
 constexpr double kConverge = 2.0;     // seconds of far end before ERLE counts
 constexpr double kEchoDelay = 0.060;  // the loopback's latency
 constexpr float kEchoGain = 0.316228f;  // -10 dB
@@ -156,7 +156,7 @@ long bestLag(const std::vector<float>& a, const std::vector<float>& b, std::size
 }
 
 struct Figures {
-    double erleDb = 0, nearCorrelation = 0, rawCorrelation = 0, cpuShare = 0, erleDoubleTalkDb = NAN;
+    double erleDb = 0, nearCorrelation = 0, rawCorrelation = 0, cpuShare = 0;
     std::optional<int> delayMs;
 };
 
@@ -165,7 +165,6 @@ void print(const char* name, const Figures& f) {
                 name, f.erleDb, f.nearCorrelation, f.rawCorrelation);
     std::printf("  %-8s canceller CPU %.3f %% of a core at 44.1 kHz (goal < 1 %%)", "", 100 * f.cpuShare);
     if (f.delayMs) std::printf(", delay it found %d ms", *f.delayMs);
-    if (!std::isnan(f.erleDoubleTalkDb)) std::printf(", echo reduction during double talk %.1f dB", f.erleDoubleTalkDb);
     std::printf("\n");
 }
 
@@ -216,14 +215,8 @@ Figures offline(const std::vector<float>& far, const std::vector<float>& near, c
     const std::size_t from = std::size_t(kConverge * kRate), to = nearAt;
     f.erleDb = 10 * std::log10(energy(echo, from, to) / std::max(1e-20, energy(mixed, from, to)));
     const std::size_t nearEnd = nearAt + near.size();
-    std::vector<float> residual(mixed.size());
     const long shift = bestLag(mixed, nearTrack, nearAt, nearEnd, 0, 2000);
-    std::printf("  offline: the cancelled microphone lags its input by %ld samples\n", shift);
-    for (std::size_t i = 0; i < mixed.size(); ++i) {
-        const long j = long(i) - shift;
-        residual[i] = mixed[i] - (j >= 0 && std::size_t(j) < nearTrack.size() ? nearTrack[std::size_t(j)] : 0.0f);
-    }
-    f.erleDoubleTalkDb = 10 * std::log10(energy(echo, nearAt, nearEnd) / std::max(1e-20, energy(residual, nearAt, nearEnd)));
+    std::printf("  offline: the cleaned microphone runs %.1f ms behind its input\n", 1000.0 * double(shift) / kRate);
     f.nearCorrelation = correlation(mixed, nearTrack, nearAt, nearEnd, shift);
     f.rawCorrelation = correlation(mic, nearTrack, nearAt, nearEnd, 0);
     f.cpuShare = cpu / (double(tape.frames) / 100.0);
@@ -275,12 +268,12 @@ std::optional<Figures> live(const fs::path& dir, const fs::path& farWav, const f
         return std::nullopt;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    sh("paplay --device=speakers " + farWav.string() + " &");
+    sh("paplay --latency-msec=20 --device=speakers " + farWav.string() + " &");
     std::this_thread::sleep_for(std::chrono::milliseconds(int(kNearOffset * 1000)));
-    sh("paplay --device=room " + nearWav.string());
+    const auto during = echoControl.status();
+    sh("paplay --latency-msec=20 --device=room " + nearWav.string());
     sh("while pgrep -x paplay >/dev/null; do sleep 0.1; done");
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    const auto status = echoControl.status();
     microphone->stop();
     tap.stop();
     mixer->finish();
@@ -288,8 +281,14 @@ std::optional<Figures> live(const fs::path& dir, const fs::path& farWav, const f
     gTape = nullptr;
     sh("pulseaudio --kill 2>/dev/null");
 
-    std::printf("  live: output %s (%s), state while recording: %s\n", status.output.device.c_str(),
-                audio::outputKindName(status.output.kind), audio::echoStateName(status.state));
+    if (const char* dump = std::getenv("BENCH_AEC_DUMP")) {
+        for (auto [name, v] : {std::pair{"in", &tape.in}, std::pair{"out", &tape.out}, std::pair{"ref", &tape.reference}}) {
+            std::ofstream f(fs::path(dump) / (std::string(name) + ".f32"), std::ios::binary);
+            f.write(reinterpret_cast<const char*>(v->data()), std::streamsize(v->size() * sizeof(float)));
+        }
+    }
+    std::printf("  live: output %s (%s), state with the far end playing: %s\n", during.output.device.c_str(),
+                audio::outputKindName(during.output.kind), audio::echoStateName(during.state));
     // The far end begins with the first frame whose reference is not silent; from there on
     // frames are contiguous (the voice never pauses for the second that would bypass).
     std::size_t start = 0;
@@ -299,15 +298,33 @@ std::optional<Figures> live(const fs::path& dir, const fs::path& farWav, const f
         std::fprintf(stderr, "bench_aec: the system audio never arrived\n");
         return std::nullopt;
     }
-    Figures f;
-    const std::size_t from = start + std::size_t(kConverge * kRate), to = start + std::size_t((kNearOffset - 0.2) * kRate);
-    f.erleDb = 10 * std::log10(energy(tape.in, from, to) / std::max(1e-20, energy(tape.out, from, to)));
-    // Where the near talker is in the taped microphone: found on the uncancelled input,
-    // where the voice is plainly there, then the same place is read in the output.
-    const long guess = long(start + std::size_t(kNearOffset * kRate));
-    const long lag = bestLag(tape.in, near, std::size_t(guess), std::size_t(guess) + near.size(), guess, long(0.4 * kRate));
+    // Where the near talker is in the taped microphone: the 10 ms envelopes of the
+    // uncancelled input and of the clean voice line up first, then the samples.
+    auto envelope = [](const std::vector<float>& x) {
+        std::vector<float> e(x.size() / kFrame);
+        for (std::size_t k = 0; k < e.size(); ++k) e[k] = float(std::sqrt(energy(x, k * kFrame, (k + 1) * kFrame) / kFrame));
+        return e;
+    };
+    const auto inEnvelope = envelope(tape.in), nearEnvelope = envelope(near);
+    long frameLag = 0;
+    double top = -2;
+    for (long k = long(start / kFrame); k + long(nearEnvelope.size()) <= long(inEnvelope.size()); ++k) {
+        const double c = correlation(inEnvelope, nearEnvelope, std::size_t(k), std::size_t(k) + nearEnvelope.size(), k);
+        if (c > top) top = c, frameLag = k;
+    }
+    const long lag = bestLag(tape.in, near, std::size_t(frameLag) * kFrame, std::size_t(frameLag) * kFrame + near.size(),
+                             frameLag * long(kFrame), long(2 * kFrame));
     const std::size_t nearFrom = std::size_t(std::max(0L, lag)), nearTo = nearFrom + near.size();
-    f.nearCorrelation = correlation(tape.out, near, nearFrom, nearTo, lag);
+    std::printf("  live: far end from %.2f s of the tape, near talker from %.2f s\n", double(start) / kRate,
+                double(nearFrom) / kRate);
+
+    Figures f;
+    const std::size_t from = start + std::size_t(kConverge * kRate), to = nearFrom > kRate / 5 ? nearFrom - kRate / 5 : 0;
+    if (to <= from) std::fprintf(stderr, "bench_aec: the near talker came in before the canceller had converged\n");
+    f.erleDb = 10 * std::log10(energy(tape.in, from, to) / std::max(1e-20, energy(tape.out, from, to)));
+    // The cleaned voice runs a few milliseconds behind the input (the canceller's filters).
+    const long shift = bestLag(tape.out, near, nearFrom, nearTo, lag, 1000);
+    f.nearCorrelation = correlation(tape.out, near, nearFrom, nearTo, shift);
     f.rawCorrelation = correlation(tape.in, near, nearFrom, nearTo, lag);
     if (tape.out.size() < nearTo) std::fprintf(stderr, "bench_aec: the tape ends before the near talker does\n");
     f.cpuShare = tape.cpu / (double(tape.frames) / 100.0);
@@ -349,7 +366,7 @@ int main(int argc, char** argv) {
     }
     const auto farSamples = readRaw(dir / "far.f32");
     const auto nearSamples = readRaw(dir / "near.f32");
-    std::printf("bench_aec: far end %.1f s (espeak-ng en-us), near talker %.1f s (en+f3) from %.0f s on, "
+    std::printf("bench_aec: far end %.1f s (espeak-ng en-us), near talker %.1f s (en+f3) from %.1f s on, "
                 "echo 60 ms late at -10 dB, mixer at 44.1 kHz\n",
                 double(farSamples.size()) / kRate, double(nearSamples.size()) / kRate, kNearOffset);
 
