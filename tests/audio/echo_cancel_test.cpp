@@ -4,53 +4,21 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <random>
 
 #include "audio/echo_cancellation.h"
 #include "audio/realtime_mixer.h"
+#include "tests/audio/echo_scene.h"
 #include "tests/support/temp_home.h"
 
 namespace vell::audio {
 namespace {
 
-constexpr double kRate = 44100;
-constexpr std::size_t kBlock = 882;  // 20 ms, as capture engines deliver
-
-// Noise bursts shaped like syllables (4 per second) with pauses between phrases: enough
-// for a canceller to learn a room from, and never digital silence.
-std::vector<float> talker(double seconds, unsigned seed) {
-    std::mt19937 random(seed);
-    std::normal_distribution<float> noise(0.0f, 1.0f);
-    const auto n = static_cast<std::size_t>(seconds * kRate);
-    std::vector<float> out(n);
-    float lowpass = 0;
-    for (std::size_t i = 0; i < n; ++i) {
-        const double t = double(i) / kRate;
-        const double syllable = std::pow(std::sin(M_PI * 4.0 * t), 2.0);
-        const double phrase = std::fmod(t, 3.0) < 2.4 ? 1.0 : 0.02;
-        lowpass = 0.7f * lowpass + 0.3f * noise(random);
-        out[i] = static_cast<float>(0.25 * syllable * phrase) * lowpass;
-    }
-    return out;
-}
-
-// What the microphone hears of `far` through a room: 50 ms late, a few reflections, -10 dB.
-std::vector<float> roomEcho(const std::vector<float>& far) {
-    const std::size_t delay = std::size_t(0.05 * kRate);
-    const std::pair<std::size_t, float> taps[] = {{0, 1.0f}, {130, 0.5f}, {310, -0.3f}, {570, 0.15f}};
-    std::vector<float> out(far.size(), 0.0f);
-    for (std::size_t i = 0; i < far.size(); ++i) {
-        for (auto [lag, gain] : taps) {
-            if (i >= delay + lag) out[i] += 0.316f * gain * far[i - delay - lag];
-        }
-    }
-    return out;
-}
+constexpr double kRate = test::kEchoRate;
+constexpr std::size_t kBlock = test::kEchoBlock;
+using test::roomEcho, test::talker;
 
 PcmBufferPtr block(const std::vector<float>& signal, std::size_t at, int channels) {
-    auto b = PcmBuffer::make(kRate, channels, kBlock);
-    for (auto& plane : b->channels) std::copy_n(signal.begin() + static_cast<std::ptrdiff_t>(at), kBlock, plane.begin());
-    return b;
+    return test::echoBlock(signal, at, channels);
 }
 
 double energy(const std::vector<float>& x, std::size_t from, std::size_t to) {
