@@ -2,8 +2,8 @@
 
 #include <pulse/pulseaudio.h>
 
-#include <atomic>
 #include <mutex>
+#include <stdexcept>
 
 #include "audio/errors.h"
 #include "base/log.h"
@@ -88,7 +88,7 @@ private:
                 route.port = facts.port;
                 route.kind = audio::classifyOutput(facts.traits);
             }
-        } catch (const audio::CoreAudioError& e) {
+        } catch (const std::exception& e) {  // CoreAudioError mostly; nothing may escape the queue
             if (!lostLogged_) kLog.error(std::string("cannot read the default output: ") + e.what());
             lostLogged_ = true;
             connection_.reset();
