@@ -5,6 +5,7 @@
 #include "app/composition_calls.h"
 #include "app/composition_automation.h"
 #include "app/core_services.h"
+#include "app/echo_cancel_setting.h"
 #include "app/host.h"
 #include "app/input_levels.h"
 #include "app/xdg_autostart_login_item.h"
@@ -71,7 +72,13 @@ recording::RecorderParts recorderParts() {
     parts.chooser = std::make_shared<SharedMicrophoneChooser>();
     parts.systemAudio = std::make_shared<audio::SystemAudioTap>();
     parts.makeMixer = [](const std::filesystem::path& file, double sampleRate) -> std::unique_ptr<audio::RecordingMixer> {
-        return std::make_unique<MeteredMixer>(std::make_unique<audio::RealtimeMixer>(file, sampleRate), inputLevels());
+        // The microphone is cleaned of the system audio's echo before the mix (and so before
+        // speech detection), unless the user switched it off.
+        applyEchoCancellationSetting(UserDefaults::standard());
+        audio::RealtimeMixer::Options options;
+        options.echo = &audio::EchoCancellation::shared();
+        return std::make_unique<MeteredMixer>(std::make_unique<audio::RealtimeMixer>(file, sampleRate, std::move(options)),
+                                              inputLevels());
     };
     parts.speech = std::make_shared<LazySpeechDetector>();
     // Asked on the main executor when a recording starts.

@@ -1,12 +1,15 @@
 // The Linux bindings behind the core's ports: PulseAudio with the ALSA fallback for capture,
 // FFmpeg for files and conversion, the Silero network for speech (WebRTC's voice detector
-// for the benchmark's comparison), libcurl and libplist for the
+// for the benchmark's comparison), WebRTC's echo canceller, libcurl and libplist for the
 // service, libsecret for session storage. Nothing else in the core names them.
 #include <mutex>
 
 #include "app/composition.h"
+#include "audio/echo_canceller.h"
 #include "audio/mic_capture.h"
 #include "audio/microphone_settings.h"
+#include "audio/output_route.h"
+#include "platform/aec/webrtc_echo_canceller.h"
 #include "platform/alsa/alsa_mic_engine.h"
 #include "platform/codec/aac_writer.h"
 #include "platform/codec/resampler.h"
@@ -15,6 +18,7 @@
 #include "platform/http/plist_cookies.h"
 #include "platform/pulse/pulse_input_devices.h"
 #include "platform/pulse/pulse_mic_engine.h"
+#include "platform/pulse/pulse_output_route.h"
 #include "platform/secrets/secret_store.h"
 #include "platform/silero/silero_classifier.h"
 #include "platform/vad/webrtc_vad.h"
@@ -28,6 +32,8 @@ void installPlatformBindings() {
         media::Resampler::setFactory(&media::openSwrResampler);
         media::VoiceActivityDetector::setFactory(&media::openWebRtcVad);
         audio::setSpeechClassifierFactory(&silero::loadSpeechClassifier);
+        audio::EchoCanceller::setFactory(&aec::openWebRtcEchoCanceller);
+        audio::OutputRouteWatcher::setFactory(&platform::makePulseOutputRouteWatcher);
         audio::MicCapture::setDefaultEngines([] { return platform::makePulseMicEngine(); },
                                              [] { return platform::makeAlsaMicEngine(); });
         audio::MicrophoneSettings::setDefaultDeviceProvider([] { return platform::makePulseInputDevices(); });

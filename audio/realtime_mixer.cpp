@@ -20,6 +20,7 @@ RealtimeMixer::RealtimeMixer(std::filesystem::path file, double sampleRate, Opti
       writerFactory_(options.writerFactory ? std::move(options.writerFactory) : media::defaultAacWriterFactory()),
       automaticTicks_(options.automaticTicks),
       queue_(options.automaticTicks ? std::make_unique<SerialQueue>(queues::kMixer) : nullptr) {
+    if (options.echo) echo_ = std::make_unique<EchoCancelStage>(sampleRate, *options.echo);
     mic_.gain = kMicGain;
     system_.gain = kSystemGain;
 }
@@ -138,6 +139,11 @@ void RealtimeMixer::take(Stream& stream, bool isSystem, const PcmBufferPtr& buff
 
     stream.lastArrival = arrivedAt;
 
+    if (!isSystem && echo_) {
+        echo_->appendMicrophone(*left, *right, channels);  // reaches mic_.samples at the tick
+        return;
+    }
+
     if (isSystem && onSystemBuffer) {
         auto converted = std::make_shared<PcmBuffer>();
         converted->sampleRate = sampleRate_;
@@ -180,11 +186,22 @@ void RealtimeMixer::onMixer(const Task& work) {
 void RealtimeMixer::mix(bool force) {
     takeArrivals();
     if (!file_) return;
+    const double now = clock_.uptime();
+    const auto oneSecond = static_cast<std::size_t>(sampleRate_);
+    if (echo_) {
+        // The microphone reaches its list in cleaned frames; those whose system audio is not
+        // coming (stalled, or more than a second behind) are cleaned against silence.
+        using Flush = EchoCancelStage::Flush;
+        Flush flush = force ? Flush::everything : Flush::none;
+        const std::size_t micAll = mic_.samples[0].size() + echo_->pending();
+        if (!force && (now - system_.lastArrival > kStallSeconds || micAll > system_.samples[0].size() + oneSecond)) {
+            flush = Flush::beyondReference;
+        }
+        echo_->advance(mic_.samples, mic_.gain, system_.samples, systemEnabled_, flush);
+    }
     const std::size_t m = mic_.samples[0].size();
     const std::size_t s = systemEnabled_ ? system_.samples[0].size() : 0;
     const auto chunk = static_cast<std::size_t>(sampleRate_ * 0.05);
-    const double now = clock_.uptime();
-    const auto oneSecond = static_cast<std::size_t>(sampleRate_);
 
     std::size_t n = 0;
     if (!systemEnabled_) {
@@ -245,6 +262,7 @@ void RealtimeMixer::finish() {
         mix(true);
         if (file_) (void)file_->finish();  // closing problems at the end are not reported
         file_.reset();
+        echo_.reset();
         mic_ = Stream{nullptr, {}, 0, kMicGain};
         system_ = Stream{nullptr, {}, 0, kSystemGain};
     });

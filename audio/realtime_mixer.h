@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "audio/aac_writer.h"
+#include "audio/echo_cancel_stage.h"
 #include "audio/ports.h"
 #include "audio/resampler.h"
 #include "base/clock.h"
@@ -32,6 +33,9 @@ public:
         // false: no mixer thread; the owner calls tick() and every step runs on the calling
         // thread, one caller at a time (tests, offline mixing).
         bool automaticTicks = true;
+        // When present, the microphone is cleaned of the system audio's echo before the
+        // mix (see EchoCancelStage); absent, it is mixed as it comes.
+        EchoCancellation* echo = nullptr;
     };
 
     // The file is created by open(); `file` names the ".aac" to try first.
@@ -86,6 +90,7 @@ private:
     std::unique_ptr<media::AacWriter> file_;
     Stream mic_;
     Stream system_;
+    std::unique_ptr<EchoCancelStage> echo_;
     bool systemEnabled_ = false;
     TimerHandle flushTimer_;
     bool terminalWriteErrorReported_ = false;

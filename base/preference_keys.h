@@ -15,6 +15,8 @@ inline constexpr std::string_view kInsurancePrivacyAccepted = "app.quillon.mac.i
 inline constexpr std::string_view kAutoRecordCalls = "app.quillon.mac.autoRecordCalls";              // true
 inline constexpr std::string_view kAutoRecordCalendar = "app.quillon.mac.autoRecordCalendar";        // false
 inline constexpr std::string_view kMenuBarTipShown = "app.quillon.mac.menuBarTipShown";              // false
+// Echo cancellation of the microphone against the system audio while recording.
+inline constexpr std::string_view kEchoCancellation = "app.quillon.mac.echoCancellation";            // true
 
 // Text: "default", "builtin" or "uid:" + device UID; absent means the system default.
 inline constexpr std::string_view kMicrophoneRecording = "app.quillon.mac.microphone.recording";
@@ -39,6 +41,7 @@ inline constexpr std::string_view kCalendarAddresses = "app.quillon.mac.calendar
 inline constexpr bool kShowsDockIconDefault = true;
 inline constexpr bool kAutoRecordCallsDefault = true;
 inline constexpr bool kAutoRecordCalendarDefault = false;
+inline constexpr bool kEchoCancellationDefault = true;
 inline constexpr long long kInsuranceWindowMinutesDefault = 15;
 
 }  // namespace vell::prefs

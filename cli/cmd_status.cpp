@@ -11,7 +11,10 @@
 #include "app/composition.h"
 #include "app/core_services.h"
 #include "audio/capture_messages.h"
+#include "app/echo_cancel_setting.h"
+#include "base/user_defaults.h"
 #include "cli/command.h"
+#include "cli/echo_messages.h"
 #include "cli/help_messages.h"
 #include "cli/host_client.h"
 #include "cli/runtime_scope.h"
@@ -48,9 +51,22 @@ std::vector<std::string> activeCallers(const dbus::ControlClient* host) {
     return names;
 }
 
+// Echo cancellation as the host sees it; without a host, the stored switch and no recording.
+nlohmann::json echoStatus(const dbus::ControlClient* host) {
+    std::string answer;
+    if (host) {
+        auto read = host->echoCancelStatus();
+        if (read) answer = *read;
+    } else {
+        answer = app::echoCancellationStatusJson(UserDefaults::standard());
+    }
+    auto json = nlohmann::json::parse(answer, nullptr, false);
+    return json.is_object() ? json : nlohmann::json::object();
+}
+
 nlohmann::ordered_json toJson(bool hostRunning, const dbus::HostStatus& s, const std::vector<std::string>& callers,
-                              bool microphoneFellBack) {
-    return {{"activeCallers", callers},{"host", hostRunning},       {"phase", s.phase},         {"userEmail", s.userEmail},
+                              bool microphoneFellBack, const nlohmann::json& echoJson) {
+    return {{"activeCallers", callers}, {"echoCancellation", echoJson},{"host", hostRunning},       {"phase", s.phase},         {"userEmail", s.userEmail},
             {"userID", s.userID},        {"recording", s.recording}, {"recordingID", s.recordingID},
             {"elapsed", s.elapsed},      {"microphoneLevel", s.microphoneLevel},
             {"systemLevel", s.systemLevel}, {"lastError", s.lastError}, {"microphoneFellBack", microphoneFellBack},
@@ -58,7 +74,7 @@ nlohmann::ordered_json toJson(bool hostRunning, const dbus::HostStatus& s, const
 }
 
 void printText(bool hostRunning, const dbus::HostStatus& s, const std::vector<std::string>& callers,
-               bool microphoneFellBack) {
+               bool microphoneFellBack, const nlohmann::json& echoJson) {
     std::cout << (hostRunning ? kHostRunning : kHostNotRunning).str() << "\n" << kAccount.str();
     if (s.phase == "signedIn") std::cout << s.userEmail;
     else if (s.phase == "mfaRequired") std::cout << kCodeAsked.str();
@@ -74,6 +90,7 @@ void printText(bool hostRunning, const dbus::HostStatus& s, const std::vector<st
         if (!s.meetingTitle.empty()) std::cout << kMeeting.str() << s.meetingTitle << "\n";
         if (microphoneFellBack)
             std::cout << kMicrophone.str() << audio::messages::kDisconnectedMicrophone.str() << kUsingDefault.str() << "\n";
+        std::cout << echo::kNow.str() << echo::stateText(echoJson) << "\n";
     } else {
         std::cout << kRecordingNo.str() << "\n";
     }
@@ -134,8 +151,9 @@ int status(Context& context, bool json, bool watch) {
             auto read = host->microphoneFellBack();
             fellBack = read && *read;
         }
-        if (json) std::cout << toJson(host != nullptr, s, callers, fellBack).dump() << std::endl;
-        else printText(host != nullptr, s, callers, fellBack), std::cout << std::flush;
+        const auto echoJson = echoStatus(host.get());
+        if (json) std::cout << toJson(host != nullptr, s, callers, fellBack, echoJson).dump() << std::endl;
+        else printText(host != nullptr, s, callers, fellBack, echoJson), std::cout << std::flush;
         for (int i = 0; watch && i < 10 && !stop; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(100));
         if (watch && !json && !stop) std::cout << "\n";
     } while (watch && !stop);

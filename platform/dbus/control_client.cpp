@@ -272,4 +272,21 @@ ControlClient::Result<bool> ControlClient::microphoneFellBack() const {
     });
 }
 
+ControlClient::Result<std::string> ControlClient::echoCancelStatus() const {
+    return guarded([this] {
+        std::string json;
+        proxy_->callMethod("EchoCancelStatus").onInterface(kControlInterface).withTimeout(30s).storeResultsTo(json);
+        return json;
+    });
+}
+
+ControlClient::Result<std::string> ControlClient::setEchoCancelEnabled(bool enabled) const {
+    return guarded([this, enabled] {
+        std::string json;
+        proxy_->callMethod("SetEchoCancelEnabled").onInterface(kControlInterface).withTimeout(30s)
+            .withArguments(enabled).storeResultsTo(json);
+        return json;
+    });
+}
+
 }  // namespace vell::dbus

@@ -67,6 +67,8 @@ public:
     // StartRecording with this recording's own microphone ("default", "builtin", "uid:NAME").
     Result<std::pair<std::string, std::string>> startRecordingOn(const std::string& microphone) const;
     Result<bool> microphoneFellBack() const;
+    Result<std::string> echoCancelStatus() const;
+    Result<std::string> setEchoCancelEnabled(bool enabled) const;
 
 private:
     ControlClient() = default;

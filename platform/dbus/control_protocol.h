@@ -48,6 +48,12 @@
 //   Undo () -> s                    restores the latest discard: {"takeID","meeting"}
 // Property MicrophoneFellBack b: the running recording records the system default because
 // the chosen microphone is not connected (announced when it changes).
+//   EchoCancelStatus () -> s        echo cancellation of the recording's microphone:
+//                                   {"enabled","state" (idle, active, bypassed, off),"reason"
+//                                   (headphones, headset, bluetooth, silence, noSystemAudio,
+//                                   unavailable),"output":{"device","port","kind"},"erleDb","delayMs"}
+//   SetEchoCancelEnabled (b) -> s   the "Cancel echo" switch (stored, and applied to a running
+//                                   recording at once); the new status
 #include <string_view>
 
 namespace vell::dbus {

@@ -14,6 +14,7 @@
 #include "base/log.h"
 #include "base/runtime.h"
 #include "platform/dbus/control_calls.h"
+#include "platform/dbus/control_echo.h"
 #include "platform/dbus/control_calendar.h"
 #include "platform/dbus/control_microphone.h"
 #include "platform/dbus/control_recovery.h"
@@ -67,6 +68,7 @@ const ControlExtension kExtensions[] = {
     &registerCalendarControl,
     &registerRecoveryControl,
     &registerMicrophoneControl,
+    &registerEchoControl,
 };
 }  // namespace
 
