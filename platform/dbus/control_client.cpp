@@ -256,4 +256,12 @@ ControlClient::Result<std::string> ControlClient::recoverProgress(int run) const
     });
 }
 
+ControlClient::Result<std::string> ControlClient::insuranceRequests() const {
+    return guarded([this] {
+        std::string json;
+        proxy_->callMethod("InsuranceRequests").onInterface(kControlInterface).withTimeout(30s).storeResultsTo(json);
+        return json;
+    });
+}
+
 }  // namespace vell::dbus

@@ -43,6 +43,17 @@
 //                                   "recordingMeeting","undo":{"takeID","meeting","reason",
 //                                   "secondsLeft"} or {}}
 //   Undo () -> s                    restores the latest discard: {"takeID","meeting"}
+//   RecoverStart (s range, i minutes) -> i   starts a recovery run over "minute", "five",
+//                                   "custom" (with minutes) or "all"; the run number, 0 when
+//                                   nothing is buffered in that range; SignedOut error when
+//                                   nobody is signed in
+//   RecoverProgress (i run) -> s    {"run","phase" (idle|transcribing|improving|failed, or
+//                                   "stale" once a later run replaced it),"text","display"
+//                                   (the draft behind "Improving… · "),"message","transcript"
+//                                   {"text","fromMs","toMs"} once final}
+//   InsuranceRequests () -> s       the agent requests answered since the host started:
+//                                   [{"id","fromMs","toMs","status","recordingId"?,"error"?,
+//                                   "reported","answeredAtMs"}]
 #include <string_view>
 
 namespace vell::dbus {
