@@ -3,17 +3,22 @@
 // service, libsecret for session storage. Nothing else in the core names them.
 #include <mutex>
 
+#include "app/clipboard.h"
 #include "app/composition.h"
 #include "audio/mic_capture.h"
 #include "audio/microphone_settings.h"
 #include "platform/alsa/alsa_mic_engine.h"
+#include "insurance/preview_player.h"
 #include "platform/codec/aac_writer.h"
+#include "platform/codec/adts_decoder.h"
+#include "platform/desktop/command_clipboard.h"
 #include "platform/codec/resampler.h"
 #include "platform/http/curl_session.h"
 #include "platform/http/http_user_agent.h"
 #include "platform/http/plist_cookies.h"
 #include "platform/pulse/pulse_input_devices.h"
 #include "platform/pulse/pulse_mic_engine.h"
+#include "platform/pulse/preview_player.h"
 #include "platform/secrets/secret_store.h"
 #include "platform/vad/webrtc_vad.h"
 
@@ -28,6 +33,15 @@ void installPlatformBindings() {
         audio::MicCapture::setDefaultEngines([] { return platform::makePulseMicEngine(); },
                                              [] { return platform::makeAlsaMicEngine(); });
         audio::MicrophoneSettings::setDefaultDeviceProvider([] { return platform::makePulseInputDevices(); });
+        insurance::setPreviewPlayerFactory([] {
+            return platform::makePulsePreviewPlayer([](const std::filesystem::path& file) -> std::optional<platform::PlaybackPcm> {
+                auto decoded = media::decodeAdtsFile(file);
+                if (!decoded) return std::nullopt;
+                return platform::PlaybackPcm{decoded->sampleRate, decoded->channels, std::move(decoded->samples)};
+            });
+        });
+        // A tray replaces it with the toolkit's clipboard.
+        installClipboard(platform::makeCommandClipboard());
         secret::setSystemStore([]() -> secret::Store& { return secret::libsecretStore(); });
         http::install({
             .makeSession = [] { return std::unique_ptr<http::Session>(std::make_unique<http::CurlSession>()); },

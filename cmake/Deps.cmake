@@ -11,7 +11,7 @@ function(vell_pkg alias)
   target_link_libraries(vell::${alias} INTERFACE PkgConfig::${alias}_PC)
 endfunction()
 
-vell_pkg(pulse libpulse)
+vell_pkg(pulse libpulse libpulse-simple)
 vell_pkg(alsa alsa)
 # The programs link the encoder side of FFmpeg only. libavformat (needed for ".m4a" files)
 # is loaded by platform/codec/avformat_library.cpp on first use: linking it would map its score of

@@ -264,4 +264,27 @@ ControlClient::Result<std::string> ControlClient::insuranceRequests() const {
     });
 }
 
+ControlClient::Result<std::string> ControlClient::recoverPlay() const {
+    return guarded([this] {
+        std::string json;
+        proxy_->callMethod("RecoverPlay").onInterface(kControlInterface).withTimeout(30s).storeResultsTo(json);
+        return json;
+    });
+}
+
+ControlClient::Result<Unit> ControlClient::recoverStopPlaying() const {
+    return guarded([this] {
+        proxy_->callMethod("RecoverStopPlaying").onInterface(kControlInterface).withTimeout(30s);
+        return Unit{};
+    });
+}
+
+ControlClient::Result<std::string> ControlClient::recoverCopy() const {
+    return guarded([this] {
+        std::string json;
+        proxy_->callMethod("RecoverCopy").onInterface(kControlInterface).withTimeout(30s).storeResultsTo(json);
+        return json;
+    });
+}
+
 }  // namespace vell::dbus

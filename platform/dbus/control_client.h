@@ -64,6 +64,9 @@ public:
     Result<int> recoverStart(const std::string& range, int minutes) const;
     Result<std::string> recoverProgress(int run) const;
     Result<std::string> insuranceRequests() const;
+    Result<std::string> recoverPlay() const;
+    Result<Unit> recoverStopPlaying() const;
+    Result<std::string> recoverCopy() const;
 
 private:
     ControlClient() = default;

@@ -51,6 +51,12 @@
 //                                   "stale" once a later run replaced it),"text","display"
 //                                   (the draft behind "Improving… · "),"message","transcript"
 //                                   {"text","fromMs","toMs"} once final}
+//                                   also "playing","position" (s),"copyConfirmation"
+//   RecoverPlay () -> s             plays the preview of the selection through the sound
+//                                   server: {"playing","message" (why not)}
+//   RecoverStopPlaying ()           stops the preview; its file is removed
+//   RecoverCopy () -> s             copies the text: {"copied","confirmation","problem" (why
+//                                   nothing can be copied here, when so)}
 //   InsuranceRequests () -> s       the agent requests answered since the host started:
 //                                   [{"id","fromMs","toMs","status","recordingId"?,"error"?,
 //                                   "reported","answeredAtMs"}]
