@@ -4,6 +4,7 @@
 #include <pulse/simple.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
@@ -43,6 +44,7 @@ public:
         }
         frame_ = 0;
         heard_ = 0;
+        clockRunning_ = false;
         stopping_ = false;
         paused_ = false;
         playing_ = true;
@@ -53,6 +55,9 @@ public:
     void pause() override {
         std::lock_guard lock(mutex_);
         if (!playing_) return;
+        // The place freezes now, not when the player thread next looks.
+        heard_ = place();
+        clockRunning_ = false;
         paused_ = true;
         playing_ = false;
     }
@@ -81,7 +86,10 @@ public:
         }
     }
 
-    double currentTime() const override { return pcm_.sampleRate ? heard_.load() / pcm_.sampleRate : 0; }
+    double currentTime() const override {
+        std::lock_guard lock(mutex_);
+        return pcm_.sampleRate ? place() / pcm_.sampleRate : 0;
+    }
     bool isPlaying() const override { return playing_.load(); }
 
 private:
@@ -95,12 +103,19 @@ private:
                 if (paused_) {
                     // What the server still holds is dropped; the place stays where the ear is.
                     pa_simple_flush(stream_, &error);
-                    frame_ = static_cast<int64_t>(heard_.load() * 1.0);
+                    frame_ = static_cast<int64_t>(heard_);
                     wake_.wait(lock, [this] { return !paused_ || stopping_; });
                 }
                 if (stopping_) return;
             }
             if (frame_ >= frames) break;
+            if (!clockRunning_) {
+                // Playing from here: the ear's place moves with the clock from now on.
+                std::lock_guard lock(mutex_);
+                since_ = std::chrono::steady_clock::now();
+                placeAtStart_ = static_cast<double>(frame_);
+                clockRunning_ = true;
+            }
             const int64_t n = std::min(block, frames - frame_);
             const auto* data = pcm_.samples.data() + frame_ * pcm_.channels;
             if (pa_simple_write(stream_, data, static_cast<size_t>(n * pcm_.channels) * sizeof(int16_t), &error) < 0) {
@@ -108,31 +123,39 @@ private:
                 break;
             }
             frame_ += n;
-            updateHeard();
         }
         if (!stopping_) pa_simple_drain(stream_, &error);
+        std::lock_guard lock(mutex_);
+        clockRunning_ = false;
         heard_ = static_cast<double>(frame_);
         playing_ = false;
     }
 
-    void updateHeard() {
-        int error = 0;
-        const pa_usec_t latency = pa_simple_get_latency(stream_, &error);
-        const double held = error ? 0 : static_cast<double>(latency) * pcm_.sampleRate / 1e6;
-        heard_ = std::max(0.0, static_cast<double>(frame_) - held);
+    // The server's latency figure is no help here (a null or network sink reports its whole
+    // block as held), so the place runs with the clock from the first block, up to the end.
+    // Under mutex_.
+    double place() const {
+        if (!clockRunning_) return heard_;
+        const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - since_).count();
+        const double total = static_cast<double>(pcm_.samples.size() / std::max(1, pcm_.channels));
+        return std::min(total, placeAtStart_ + elapsed * pcm_.sampleRate);
     }
 
     PcmDecoder decode_;
     PlaybackPcm pcm_;
     pa_simple* stream_ = nullptr;
     std::thread thread_;
-    std::mutex mutex_;
+    mutable std::mutex mutex_;
     std::condition_variable wake_;
     bool stopping_ = false;
     bool paused_ = false;
     std::atomic<bool> playing_{false};
-    int64_t frame_ = 0;             // next frame to write (player thread)
-    std::atomic<double> heard_{0};  // frames the listener has heard
+    int64_t frame_ = 0;  // next frame to write (player thread)
+    // The listener's place (under mutex_): frozen in heard_, or running from since_.
+    bool clockRunning_ = false;
+    std::chrono::steady_clock::time_point since_;
+    double placeAtStart_ = 0;
+    double heard_ = 0;
 };
 }  // namespace
 

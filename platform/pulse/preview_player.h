@@ -1,8 +1,8 @@
 #pragma once
 // The preview player over the sound server: the decoded file goes to a playback stream
-// (libpulse's simple API) from the player's own thread in 50 ms blocks; the position is what
-// was written less what the server still holds. Pause drops what the server holds and keeps
-// the place; stop ends the thread.
+// (libpulse's simple API) from the player's own thread in 50 ms blocks; the position follows
+// the clock from the first block on, never past what was written. Pause drops what the
+// server holds and keeps the place; stop ends the thread.
 #include <cstdint>
 #include <filesystem>
 #include <functional>
