@@ -5,7 +5,9 @@
 #include <cmath>
 #include <fstream>
 #include <iterator>
+#include <nlohmann/json.hpp>
 
+#include "devserver/quick_transcriber.h"
 #include "devserver/speech_decoder.h"
 #include "devserver/speech_recognizer.h"
 #include "tests/support/spoken_english.h"
@@ -106,6 +108,68 @@ TEST(SpeechRecognizer, DraftsGrowAsAudioArrives) {
     EXPECT_FALSE(drafts.front().empty() && drafts.back().empty());
     EXPECT_LT(test::wordsOf(drafts[0]).size(), test::wordsOf(result.text).size()) << drafts[0] << " | " << result.text;
     EXPECT_GE(test::wordsHeard(test::kSpokenSentence, result.text), 5) << result.text;
+}
+
+}  // namespace
+}  // namespace vell::devserver
+
+namespace vell::devserver {
+namespace {
+
+std::vector<TranscriptLine> allLines(TranscriptStream& stream) {
+    std::vector<TranscriptLine> lines;
+    while (auto line = stream.next()) lines.push_back(*line);
+    return lines;
+}
+
+// The answer's lines without HTTP: each fault where it belongs when speech gives drafts, and
+// at the end when silence gives none.
+TEST(TranscriptStreamLines, FaultsWaitForTheirDraftsOrComeWhereTheFinalLineWouldBe) {
+    const auto began = std::chrono::steady_clock::now();
+    const auto quiet = silence(2);
+    {
+        TranscriptStream plain(quiet, "", 0, began);
+        auto lines = allLines(plain);
+        ASSERT_EQ(lines.size(), 1u);
+        auto final = nlohmann::json::parse(lines[0].json);
+        EXPECT_EQ(final["stage"], "final");
+        EXPECT_EQ(final["text"], "");
+        EXPECT_DOUBLE_EQ(final["durationS"].get<double>(), 2.0);
+    }
+    {
+        TranscriptStream error(quiet, "error", 0, began);
+        auto lines = allLines(error);
+        ASSERT_EQ(lines.size(), 1u);
+        EXPECT_EQ(nlohmann::json::parse(lines[0].json), (nlohmann::json{{"stage", "error"}, {"error", "transcription_failed"}}));
+    }
+    {
+        TranscriptStream cut(quiet, "cut", 0, began);
+        auto lines = allLines(cut);
+        ASSERT_EQ(lines.size(), 1u);
+        EXPECT_TRUE(lines[0].json.empty());
+        EXPECT_TRUE(lines[0].cutAfter);
+    }
+    {
+        TranscriptStream draftsOnly(quiet, "draftsOnly", 0, began);
+        EXPECT_TRUE(allLines(draftsOnly).empty());
+    }
+    // With speech: the error follows the first draft, the cut comes with the second.
+    const auto speech = test::spokenEnglish("good morning everybody. the weather is nice today");
+    {
+        TranscriptStream error(speech, "error", 0, began);
+        auto lines = allLines(error);
+        ASSERT_EQ(lines.size(), 2u);
+        EXPECT_EQ(nlohmann::json::parse(lines[0].json)["stage"], "draft");
+        EXPECT_EQ(nlohmann::json::parse(lines[1].json)["stage"], "error");
+    }
+    {
+        TranscriptStream cut(speech, "cut", 0, began);
+        auto lines = allLines(cut);
+        ASSERT_EQ(lines.size(), 2u);
+        EXPECT_FALSE(lines[0].cutAfter);
+        EXPECT_TRUE(lines[1].cutAfter);
+        EXPECT_EQ(nlohmann::json::parse(lines[1].json)["stage"], "draft");
+    }
 }
 
 }  // namespace
