@@ -2,6 +2,8 @@
 
 #include <mutex>
 
+#include "app/agent_requests.h"
+#include "insurance/insurance_agent_requests.h"
 #include "app/composition_calls.h"
 #include "app/composition_automation.h"
 #include "app/core_services.h"
@@ -115,6 +117,7 @@ Host& host() {
         HostServices services;
         // Each long-lived service joins the launch sequence here, at its place.
         services.startInsuranceRecorder = [] { insurance::InsuranceRecorder::shared().launch(&host().asleep); };
+        services.startAgentPoller = [] { agentRequests(core()).start(); };
         services.shutdownInsurance = [](std::function<void()> done) { insurance::InsuranceRecorder::shared().shutdown(std::move(done)); };
         services.startCallRecorder = [] { startCallRecorder(host()); };
         services.startDiscardedPurge = &startDiscardedPurge;

@@ -4,6 +4,7 @@
 // service, libsecret for session storage. Nothing else in the core names them.
 #include <mutex>
 
+#include "app/clipboard.h"
 #include "app/composition.h"
 #include "audio/echo_canceller.h"
 #include "audio/mic_capture.h"
@@ -11,7 +12,10 @@
 #include "audio/output_route.h"
 #include "platform/aec/webrtc_echo_canceller.h"
 #include "platform/alsa/alsa_mic_engine.h"
+#include "insurance/preview_player.h"
 #include "platform/codec/aac_writer.h"
+#include "platform/codec/adts_decoder.h"
+#include "platform/desktop/command_clipboard.h"
 #include "platform/codec/resampler.h"
 #include "platform/http/curl_session.h"
 #include "platform/http/http_user_agent.h"
@@ -19,6 +23,7 @@
 #include "platform/pulse/pulse_input_devices.h"
 #include "platform/pulse/pulse_mic_engine.h"
 #include "platform/pulse/pulse_output_route.h"
+#include "platform/pulse/preview_player.h"
 #include "platform/secrets/secret_store.h"
 #include "platform/silero/silero_classifier.h"
 #include "platform/vad/webrtc_vad.h"
@@ -37,6 +42,15 @@ void installPlatformBindings() {
         audio::MicCapture::setDefaultEngines([] { return platform::makePulseMicEngine(); },
                                              [] { return platform::makeAlsaMicEngine(); });
         audio::MicrophoneSettings::setDefaultDeviceProvider([] { return platform::makePulseInputDevices(); });
+        insurance::setPreviewPlayerFactory([] {
+            return platform::makePulsePreviewPlayer([](const std::filesystem::path& file) -> std::optional<platform::PlaybackPcm> {
+                auto decoded = media::decodeAdtsFile(file);
+                if (!decoded) return std::nullopt;
+                return platform::PlaybackPcm{decoded->sampleRate, decoded->channels, std::move(decoded->samples)};
+            });
+        });
+        // A tray replaces it with the toolkit's clipboard.
+        installClipboard(platform::makeCommandClipboard());
         secret::setSystemStore([]() -> secret::Store& { return secret::libsecretStore(); });
         http::install({
             .makeSession = [] { return std::unique_ptr<http::Session>(std::make_unique<http::CurlSession>()); },

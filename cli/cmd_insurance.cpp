@@ -1,9 +1,11 @@
-// vell insurance [status|on|off|window MINUTES|chunks|export --minutes N -o FILE] [--json]:
+// vell insurance [status|on|off|window MINUTES|chunks|export --minutes N -o FILE|requests]
+// [--json]:
 // insurance mode through the running host. Without a host only the status is shown (read
 // from the stored settings and the folder), since listening needs a process that stays.
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <ctime>
 #include <iostream>
 #include <nlohmann/json.hpp>
 
@@ -146,6 +148,37 @@ int exportAudio(int minutes, const std::string& output) {
     return kExitOK;
 }
 
+std::string clockTime(double msSince1970) {
+    const std::time_t t = static_cast<std::time_t>(msSince1970 / 1000);
+    std::tm local{};
+    localtime_r(&t, &local);
+    return fmt::format("{:02}:{:02}:{:02}", local.tm_hour, local.tm_min, local.tm_sec);
+}
+
+int requests(bool json) {
+    auto host = runningHost();
+    if (!host) return needsHost();
+    auto answer = host->insuranceRequests();
+    if (!answer) return reportHostError(answer.error());
+    auto list = nlohmann::json::parse(*answer, nullptr, false);
+    if (!list.is_array()) list = nlohmann::json::array();
+    if (json) {
+        std::cout << list.dump(2) << "\n";
+        return kExitOK;
+    }
+    if (list.empty()) std::cout << msg::kNoRequests.str() << "\n";
+    for (const auto& r : list) {
+        const double from = r.value("fromMs", 0.0), to = r.value("toMs", 0.0);
+        std::cout << clockTime(r.value("answeredAtMs", 0.0)) << "  " << r.value("id", "") << "  " << clockTime(from) << "-"
+                  << clockTime(to) << fmt::format(" ({:.0f} s)  ", (to - from) / 1000) << r.value("status", "");
+        if (r.contains("recordingId")) std::cout << "  " << r.value("recordingId", "");
+        if (r.contains("error")) std::cout << "  " << r.value("error", "");
+        if (!r.value("reported", true)) std::cout << msg::kNotReported.str();
+        std::cout << "\n";
+    }
+    return kExitOK;
+}
+
 void setup(CLI::App& app, Context& context) {
     auto* cmd = app.add_subcommand("insurance", msg::kDescription.str());
     auto json = std::make_shared<bool>(false);
@@ -182,6 +215,10 @@ void setup(CLI::App& app, Context& context) {
     exportCmd->add_option("--minutes", *exportMinutes, msg::kMinutesOption.str());
     exportCmd->add_option("-o,--output", *output, msg::kOutputOption.str())->required();
     exportCmd->callback([&context, exportMinutes, output] { context.exitCode = exportAudio(*exportMinutes, *output); });
+
+    auto* requestsCmd = cmd->add_subcommand("requests", msg::kRequestsDescription.str());
+    requestsCmd->add_flag("--json", *json, msg::kJsonOption.str());
+    requestsCmd->callback([&context, json] { context.exitCode = requests(*json); });
 
     cmd->callback([&context, cmd, json] {
         if (cmd->get_subcommands().empty()) context.exitCode = status(*json);

@@ -53,5 +53,11 @@ inline constexpr Text kLastError{"Last error: ", "Último error: "};
 inline constexpr Text kWindowKept{"Window kept: ", "Ventana guardada: "};
 inline constexpr Text kExported{"Chunks joined: ", "Fragmentos unidos: "};
 inline constexpr Text kNothingBuffered{"Nothing is buffered.", "No hay nada guardado."};
+inline constexpr Text kRequestsDescription{"List the agent requests for buffered audio answered since the host started",
+                                           "Lista los pedidos de audio de agentes respondidos desde que arrancó el anfitrión"};
+inline constexpr Text kNoRequests{"No agent request was answered since the host started.",
+                                  "No se respondió ningún pedido de agentes desde que arrancó el anfitrión."};
+inline constexpr Text kNotReported{" (the service did not get the answer; it will ask again)",
+                                   " (el servicio no recibió la respuesta; lo va a pedir de nuevo)"};
 
 }  // namespace vell::cli::insurance_messages

@@ -11,7 +11,7 @@ function(vell_pkg alias)
   target_link_libraries(vell::${alias} INTERFACE PkgConfig::${alias}_PC)
 endfunction()
 
-vell_pkg(pulse libpulse)
+vell_pkg(pulse libpulse libpulse-simple)
 vell_pkg(alsa alsa)
 # The programs link no FFmpeg library: platform/codec loads libavcodec, libavutil and
 # libswresample when the first encoder or resampler opens, and libavformat (for ".m4a"

@@ -18,6 +18,10 @@ std::filesystem::path uploadFile() {
     return paths::temporaryDirectory() / ("vell-insurance-text-" + newUUIDString() + ".aac");
 }
 
+std::filesystem::path previewFileName() {
+    return paths::temporaryDirectory() / ("vell-insurance-preview-" + newUUIDString() + ".aac");
+}
+
 void removeFile(const std::filesystem::path& file) {
     std::error_code ignored;
     std::filesystem::remove(file, ignored);
@@ -54,6 +58,7 @@ RecoveryDependencies recoveryDependencies(InsuranceRecorder& recorder, const ser
     d.accountID = [] { return std::optional<std::string>(); };
     d.copy = [](const std::string&) { return false; };
     d.handleError = [](const service::APIError&) {};
+    d.makePlayer = previewPlayerFactory();
     return d;
 }
 
@@ -78,7 +83,7 @@ std::optional<Selection> selectionFor(Range range, int customMinutes, WallTime n
 
 InsuranceRecoveryController::InsuranceRecoveryController(RecoveryDependencies dependencies) : deps_(std::move(dependencies)) {}
 
-InsuranceRecoveryController::~InsuranceRecoveryController() = default;
+InsuranceRecoveryController::~InsuranceRecoveryController() { stop(); }
 
 void InsuranceRecoveryController::choose(Range r, int minutes) {
     range.set(r);
@@ -205,6 +210,61 @@ void InsuranceRecoveryController::finish(const Transcript& result) {
 void InsuranceRecoveryController::copy() {
     const bool copied = deps_.copy(text.get());
     copyConfirmation.set(copied ? messages::kCopied.str() : messages::kCouldNotCopy.str());
+}
+
+void InsuranceRecoveryController::play() {
+    if (isPlaying.get()) return;
+    std::weak_ptr<int> weak = alive_;
+    auto startTimer = [this, weak] {
+        playTimer_.cancel();
+        playTimer_ = runtime::main().repeat(kPlayTimerSeconds, [this, weak] {
+            if (!weak.expired()) playTick();
+        });
+    };
+    if (player_) {  // paused: go on
+        player_->resume();
+        isPlaying.set(true);
+        return startTimer();
+    }
+    const auto selected = selectedChunks();
+    auto failed = [this] {
+        stop();
+        phase.set(Phase{Phase::Kind::failed, messages::kCouldNotPlay.str()});
+    };
+    if (selected.empty()) return failed();
+    previewURL_ = previewFileName();
+    if (!deps_.concatenate(selected, *previewURL_)) return failed();
+    player_ = deps_.makePlayer ? deps_.makePlayer() : nullptr;
+    if (!player_ || !player_->play(*previewURL_)) return failed();
+    isPlaying.set(true);
+    position.set(0);
+    startTimer();
+}
+
+void InsuranceRecoveryController::pause() {
+    if (!player_ || !isPlaying.get()) return;
+    player_->pause();
+    playTimer_.cancel();
+    position.set(player_->currentTime());
+    isPlaying.set(false);
+}
+
+void InsuranceRecoveryController::playTick() {
+    if (!player_) return stop();
+    if (player_->isPlaying()) return position.set(player_->currentTime());
+    // Found stopped: the end of the file.
+    position.set(0);
+    stop();
+}
+
+void InsuranceRecoveryController::stop() {
+    playTimer_.cancel();
+    if (player_) player_->stop();
+    player_.reset();
+    if (previewURL_) removeFile(*previewURL_);
+    previewURL_.reset();
+    if (isPlaying.get()) isPlaying.set(false);
+    if (position.get() != 0) position.set(0);
 }
 
 }  // namespace vell::insurance

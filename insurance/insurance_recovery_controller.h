@@ -17,7 +17,9 @@
 #include "base/clock.h"
 #include "base/expected.h"
 #include "base/published.h"
+#include "base/executor.h"
 #include "insurance/insurance_buffer_store.h"
+#include "insurance/preview_player.h"
 #include "service/api_error.h"
 
 namespace vell::service {
@@ -70,7 +72,12 @@ struct RecoveryDependencies {
     std::function<void(const service::APIError&)> handleError;
     // Calls done on the main executor after that many seconds.
     std::function<void(double seconds, std::function<void()> done)> wait;
+    // The preview's player; empty or null: nothing can be played.
+    PreviewPlayerFactory makePlayer;
 };
+
+// How often the position of a playing preview is read.
+inline constexpr double kPlayTimerSeconds = 0.1;
 
 // The production record over the shared recorder and the client; `signedIn`, `accountID`
 // `copy` and `handleError` come from the caller.
@@ -109,11 +116,21 @@ public:
     void copy();
     int run() const { return run_; }
 
+    // The preview of the selection: play (or go on after a pause), pause, stop. The preview
+    // file is removed when playing stops, by the end of the file or by stop().
+    Published<bool> isPlaying{false};
+    Published<double> position{0};
+    void play();
+    void pause();
+    void stop();
+    std::optional<std::filesystem::path> previewFile() const { return previewURL_; }
+
 private:
     using Key = std::vector<std::filesystem::path>;
     void request(int run);
     void attempt(int run, Key key, std::filesystem::path file, Selection span, int busyAnswers);
     void finish(const Transcript& result);
+    void playTick();
     bool current(int run) const { return run == run_; }
 
     RecoveryDependencies deps_;
@@ -121,6 +138,9 @@ private:
     std::optional<Key> activeKey_;
     std::map<Key, Transcript> cache_;
     std::optional<std::optional<std::string>> owner_;
+    std::unique_ptr<PreviewPlayer> player_;
+    std::optional<std::filesystem::path> previewURL_;
+    TimerHandle playTimer_;
     std::shared_ptr<int> alive_ = std::make_shared<int>(0);
 };
 

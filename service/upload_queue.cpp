@@ -179,6 +179,28 @@ void UploadQueue::next() {
         });
 }
 
+Subscription UploadQueue::watchAttempts(AttemptListener listener) {
+    const int key = nextListener_++;
+    (*attemptListeners_)[key] = std::move(listener);
+    return Subscription([weak = std::weak_ptr(attemptListeners_), key] {
+        if (auto listeners = weak.lock()) listeners->erase(key);
+    });
+}
+
+void UploadQueue::tellAttempt(const PendingRecording& recording, const Expected<std::string, UploadError>& result) {
+    if (onAttempt) onAttempt(recording, result);
+    // A listener may end its own or another's subscription while it is told.
+    auto listeners = attemptListeners_;
+    std::vector<int> keys;
+    for (const auto& [key, _] : *listeners) keys.push_back(key);
+    for (int key : keys) {
+        auto it = listeners->find(key);
+        if (it == listeners->end()) continue;
+        auto listener = it->second;
+        listener(recording, result);
+    }
+}
+
 void UploadQueue::finished(const PendingRecording& recording, Expected<std::string, UploadError> result) {
     if (result) {
         store_.update(recording.id, [](PendingRecording& e) {
@@ -193,7 +215,7 @@ void UploadQueue::finished(const PendingRecording& recording, Expected<std::stri
         // different stories. The service has the recording either way; the next pass finds
         // it "done" at once for the same file.
         const bool receiptSaved = !store_.saveFailure() && receipts_.record(recording.id, {clock_.now(), *result});
-        if (onAttempt) onAttempt(recording, result);
+        tellAttempt(recording, result);
         if (stopIfUnsaved(receiptSaved)) return;
         return next();
     } else {
@@ -210,7 +232,7 @@ void UploadQueue::finished(const PendingRecording& recording, Expected<std::stri
         summary_.failed++;
         logger().error("upload of " + recording.id + " failed: " + text);
     }
-    if (onAttempt) onAttempt(recording, result);
+    tellAttempt(recording, result);
 
     if (!result && result.error().isUnauthenticated()) {
         summary_.unauthenticated = true;

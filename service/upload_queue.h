@@ -81,7 +81,11 @@ public:
     // The session was rejected; the application signs out.
     std::function<void()> onUnauthenticated;
     // One recording finished its attempt (recording as it was before the attempt).
-    std::function<void(const recording::PendingRecording&, const Expected<std::string, UploadError>&)> onAttempt;
+    using AttemptListener = std::function<void(const recording::PendingRecording&, const Expected<std::string, UploadError>&)>;
+    AttemptListener onAttempt;
+    // The same, for any number of listeners (each until its subscription ends); called after
+    // onAttempt, in the order they subscribed.
+    Subscription watchAttempts(AttemptListener listener);
 
     // Puts back entries a crash left in `uploading`, deletes expired local copies and runs
     // the first pass.
@@ -114,6 +118,7 @@ private:
     bool stopIfUnsaved(bool receiptsSaved = true);
     void scheduleRetry();
     double backoffSeconds(long long attempts) const;
+    void tellAttempt(const recording::PendingRecording& recording, const Expected<std::string, UploadError>& result);
 
     recording::PendingRecordingStore& store_;
     RecordingUploader& uploader_;
@@ -136,6 +141,8 @@ private:
     TimerHandle retryTimer_;
     TimerHandle sweepTimer_;
     Published<UploadActivity> activity_;
+    std::shared_ptr<std::map<int, AttemptListener>> attemptListeners_ = std::make_shared<std::map<int, AttemptListener>>();
+    int nextListener_ = 0;
 };
 
 }  // namespace vell::service

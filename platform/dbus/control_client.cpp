@@ -280,11 +280,42 @@ ControlClient::Result<std::string> ControlClient::echoCancelStatus() const {
     });
 }
 
+ControlClient::Result<std::string> ControlClient::insuranceRequests() const {
+    return guarded([this] {
+        std::string json;
+        proxy_->callMethod("InsuranceRequests").onInterface(kControlInterface).withTimeout(30s).storeResultsTo(json);
+        return json;
+    });
+}
+
 ControlClient::Result<std::string> ControlClient::setEchoCancelEnabled(bool enabled) const {
     return guarded([this, enabled] {
         std::string json;
         proxy_->callMethod("SetEchoCancelEnabled").onInterface(kControlInterface).withTimeout(30s)
             .withArguments(enabled).storeResultsTo(json);
+        return json;
+    });
+}
+
+ControlClient::Result<std::string> ControlClient::recoverPlay() const {
+    return guarded([this] {
+        std::string json;
+        proxy_->callMethod("RecoverPlay").onInterface(kControlInterface).withTimeout(30s).storeResultsTo(json);
+        return json;
+    });
+}
+
+ControlClient::Result<Unit> ControlClient::recoverStopPlaying() const {
+    return guarded([this] {
+        proxy_->callMethod("RecoverStopPlaying").onInterface(kControlInterface).withTimeout(30s);
+        return Unit{};
+    });
+}
+
+ControlClient::Result<std::string> ControlClient::recoverCopy() const {
+    return guarded([this] {
+        std::string json;
+        proxy_->callMethod("RecoverCopy").onInterface(kControlInterface).withTimeout(30s).storeResultsTo(json);
         return json;
     });
 }

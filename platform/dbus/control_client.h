@@ -69,6 +69,10 @@ public:
     Result<bool> microphoneFellBack() const;
     Result<std::string> echoCancelStatus() const;
     Result<std::string> setEchoCancelEnabled(bool enabled) const;
+    Result<std::string> insuranceRequests() const;
+    Result<std::string> recoverPlay() const;
+    Result<Unit> recoverStopPlaying() const;
+    Result<std::string> recoverCopy() const;
 
 private:
     ControlClient() = default;

@@ -54,6 +54,23 @@
 //                                   unavailable),"output":{"device","port","kind"},"erleDb","delayMs"}
 //   SetEchoCancelEnabled (b) -> s   the "Cancel echo" switch (stored, and applied to a running
 //                                   recording at once); the new status
+//   RecoverStart (s range, i minutes) -> i   starts a recovery run over "minute", "five",
+//                                   "custom" (with minutes) or "all"; the run number, 0 when
+//                                   nothing is buffered in that range; SignedOut error when
+//                                   nobody is signed in
+//   RecoverProgress (i run) -> s    {"run","phase" (idle|transcribing|improving|failed, or
+//                                   "stale" once a later run replaced it),"text","display"
+//                                   (the draft behind "Improving… · "),"message","transcript"
+//                                   {"text","fromMs","toMs"} once final}
+//                                   also "playing","position" (s),"copyConfirmation"
+//   RecoverPlay () -> s             plays the preview of the selection through the sound
+//                                   server: {"playing","message" (why not)}
+//   RecoverStopPlaying ()           stops the preview; its file is removed
+//   RecoverCopy () -> s             copies the text: {"copied","confirmation","problem" (why
+//                                   nothing can be copied here, when so)}
+//   InsuranceRequests () -> s       the agent requests answered since the host started:
+//                                   [{"id","fromMs","toMs","status","recordingId"?,"error"?,
+//                                   "reported","answeredAtMs"}]
 #include <string_view>
 
 namespace vell::dbus {

@@ -18,6 +18,7 @@
 #include "platform/dbus/control_calendar.h"
 #include "platform/dbus/control_microphone.h"
 #include "platform/dbus/control_recovery.h"
+#include "platform/dbus/control_agent_requests.h"
 #include "platform/dbus/control_context.h"
 #include "platform/dbus/control_insurance.h"
 #include "platform/dbus/control_protocol.h"
@@ -69,6 +70,7 @@ const ControlExtension kExtensions[] = {
     &registerRecoveryControl,
     &registerMicrophoneControl,
     &registerEchoControl,
+    &registerAgentRequestsControl,
 };
 }  // namespace
 

@@ -28,6 +28,36 @@ struct Call {
     std::function<void(Expected<std::string, APIError>)> done;
 };
 
+// What the preview player was asked to do, and what it reports back.
+struct PlayerScript {
+    bool refuse = false;
+    std::optional<fs::path> file;
+    std::string bytes;  // the file's content when play() was called
+    double time = 0;
+    bool playing = false;
+    int pauses = 0, resumes = 0, stops = 0;
+};
+
+class ScriptedPlayer final : public PreviewPlayer {
+public:
+    explicit ScriptedPlayer(std::shared_ptr<PlayerScript> s) : s_(std::move(s)) {}
+    bool play(const fs::path& file) override {
+        s_->file = file;
+        std::ifstream in(file, std::ios::binary);
+        s_->bytes.assign(std::istreambuf_iterator<char>(in), {});
+        s_->playing = !s_->refuse;
+        return !s_->refuse;
+    }
+    void pause() override { s_->pauses++, s_->playing = false; }
+    void resume() override { s_->resumes++, s_->playing = true; }
+    void stop() override { s_->stops++, s_->playing = false; }
+    double currentTime() const override { return s_->time; }
+    bool isPlaying() const override { return s_->playing; }
+
+private:
+    std::shared_ptr<PlayerScript> s_;
+};
+
 class Recovery : public ::testing::Test {
 protected:
     test::TempHome home;
@@ -41,6 +71,8 @@ protected:
     bool signedIn = true;
     std::optional<std::string> account = "acc_1";
     std::unique_ptr<InsuranceRecoveryController> controller;
+    std::shared_ptr<PlayerScript> player = std::make_shared<PlayerScript>();
+    bool hasPlayer = true;
 
     void SetUp() override {
         setInterfaceLanguage(Language::English);
@@ -65,6 +97,10 @@ protected:
         d.wait = [this](double s, std::function<void()> done) {
             waits.push_back(s);
             main.postAfter(s, std::move(done));
+        };
+        d.makePlayer = [this]() -> std::unique_ptr<PreviewPlayer> {
+            if (!hasPlayer) return nullptr;
+            return std::make_unique<ScriptedPlayer>(player);
         };
         controller = std::make_unique<InsuranceRecoveryController>(std::move(d));
     }
@@ -219,6 +255,65 @@ TEST_F(Recovery, NothingBufferedSendsNothing) {
     EXPECT_TRUE(controller->selectedChunks().empty());
     EXPECT_TRUE(calls.empty());
     EXPECT_EQ(controller->phase.get(), Phase{});
+}
+
+TEST_F(Recovery, PreviewPlaysTheSelectionPublishesItsPositionAndRemovesItsFileAtTheEnd) {
+    chunk(80, 'b');
+    chunk(30, 'c');
+    choose(Range::lastMinute);
+    controller->play();
+    ASSERT_TRUE(controller->isPlaying.get());
+    ASSERT_TRUE(player->file);
+    EXPECT_EQ(player->file->filename().string().rfind("vell-insurance-preview-", 0), 0u);
+    EXPECT_EQ(player->bytes, std::string(100, 'b') + std::string(100, 'c'));
+    EXPECT_TRUE(fs::exists(*player->file));
+
+    player->time = 1.5;
+    main.advance(kPlayTimerSeconds);
+    EXPECT_DOUBLE_EQ(controller->position.get(), 1.5);
+    // Paused: the place is kept, the file too; play goes on from there.
+    controller->pause();
+    EXPECT_FALSE(controller->isPlaying.get());
+    player->time = 9;  // a paused player's clock is not followed
+    main.advance(1);
+    EXPECT_DOUBLE_EQ(controller->position.get(), 1.5);
+    EXPECT_TRUE(fs::exists(*player->file));
+    controller->play();
+    EXPECT_EQ(player->resumes, 1);
+    EXPECT_TRUE(controller->isPlaying.get());
+
+    // The player ran out: position back to 0, playing off, the file gone.
+    player->playing = false;
+    main.advance(kPlayTimerSeconds);
+    EXPECT_FALSE(controller->isPlaying.get());
+    EXPECT_DOUBLE_EQ(controller->position.get(), 0);
+    EXPECT_FALSE(fs::exists(*player->file));
+
+    // stop() while playing does the same at once.
+    controller->play();
+    const auto second = *player->file;
+    EXPECT_NE(second, fs::path());
+    controller->stop();
+    EXPECT_FALSE(fs::exists(second));
+    EXPECT_FALSE(controller->isPlaying.get());
+}
+
+TEST_F(Recovery, APreviewThatCannotPlayFailsWithItsSentenceAndLeavesNoFile) {
+    chunk(30, 'c');
+    choose(Range::lastMinute);
+    player->refuse = true;
+    controller->play();
+    EXPECT_EQ(controller->phase.get(), (Phase{Kind::failed, "Could not play this part."}));
+    EXPECT_FALSE(controller->isPlaying.get());
+    ASSERT_TRUE(player->file);
+    EXPECT_FALSE(fs::exists(*player->file));
+
+    hasPlayer = false;  // no sound server binding at all
+    controller->play();
+    EXPECT_EQ(controller->phase.get(), (Phase{Kind::failed, "Could not play this part."}));
+    for (auto& e : fs::directory_iterator(paths::temporaryDirectory())) {
+        EXPECT_NE(e.path().filename().string().rfind("vell-insurance-preview-", 0), 0u) << e.path();
+    }
 }
 
 }  // namespace

@@ -1,0 +1,50 @@
+#include "app/agent_requests.h"
+
+#include "app/core_services.h"
+#include "base/paths.h"
+#include "base/runtime.h"
+#include "insurance/buffered_audio_upload.h"
+#include "insurance/insurance_agent_requests.h"
+#include "insurance/insurance_recorder.h"
+#include "recording/recorder_service.h"
+
+namespace vell::app {
+
+insurance::BufferedAudioUpload& bufferedAudioUpload(CoreServices& core) {
+    // Never destroyed: an upload's answer may come while the process ends.
+    static auto* made = [&core] {
+        auto& recorder = insurance::InsuranceRecorder::shared();
+        insurance::BufferedUploadParts parts;
+        parts.concatenate = [&recorder](const std::vector<insurance::InsuranceChunk>& chunks, const std::filesystem::path& to) {
+            return recorder.store().concatenate(chunks, to);
+        };
+        parts.pending = &core.recorder();
+        parts.uploads = &core.uploads();
+        parts.accountID = [&core] { return core.accountID(); };
+        parts.directory = paths::recordingsDirectory();
+        parts.main = &runtime::main();
+        return new insurance::BufferedAudioUpload(std::move(parts));
+    }();
+    return *made;
+}
+
+insurance::InsuranceAgentRequests& agentRequests(CoreServices& core) {
+    static auto* made = [&core] {
+        auto& recorder = insurance::InsuranceRecorder::shared();
+        insurance::AgentRequestParts parts;
+        parts.insuranceEnabled = [&recorder] { return recorder.isEnabled.get(); };
+        parts.signedIn = [&core] { return core.appState().phase.get() == AppState::Phase::signedIn; };
+        insurance::useServiceClient(parts, core.client());
+        parts.seal = [&recorder] { recorder.writer().seal(); };
+        parts.chunks = [&recorder] { return recorder.store().chunks(); };
+        parts.upload = [&core](const std::vector<insurance::InsuranceChunk>& chunks, insurance::BufferedAudioUpload::Done done) {
+            bufferedAudioUpload(core).upload(chunks, std::move(done));
+        };
+        parts.now = [] { return runtime::clock().now(); };
+        parts.main = &runtime::main();
+        return new insurance::InsuranceAgentRequests(std::move(parts));
+    }();
+    return *made;
+}
+
+}  // namespace vell::app
