@@ -1,4 +1,5 @@
 #include "platform/codec/adts_decoder.h"
+#include "platform/codec/ffmpeg_library.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -15,16 +16,16 @@ namespace vell::media {
 
 namespace {
 struct ParserCloser {
-    void operator()(AVCodecParserContext* p) const { av_parser_close(p); }
+    void operator()(AVCodecParserContext* p) const { ff().av_parser_close(p); }
 };
 struct CodecCloser {
-    void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
+    void operator()(AVCodecContext* c) const { ff().avcodec_free_context(&c); }
 };
 struct PacketCloser {
-    void operator()(AVPacket* p) const { av_packet_free(&p); }
+    void operator()(AVPacket* p) const { ff().av_packet_free(&p); }
 };
 struct FrameCloser {
-    void operator()(AVFrame* f) const { av_frame_free(&f); }
+    void operator()(AVFrame* f) const { ff().av_frame_free(&f); }
 };
 
 int16_t toInt16(float v) { return static_cast<int16_t>(std::lround(std::clamp(v, -1.0f, 1.0f) * 32767.0f)); }
@@ -54,22 +55,23 @@ void append(const AVFrame* frame, DecodedPcm& out) {
 }  // namespace
 
 Expected<DecodedPcm, std::string> decodeAdtsFile(const std::filesystem::path& file) {
+    if (auto codecs = ffmpegLibrary(); !codecs) return unexpected(codecs.error());
     std::ifstream in(file, std::ios::binary);
     if (!in) return unexpected("cannot open " + file.string());
     std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    const AVCodec* codec = avcodec_find_decoder(AV_CODEC_ID_AAC);
+    const AVCodec* codec = ff().avcodec_find_decoder(AV_CODEC_ID_AAC);
     if (!codec) return unexpected(std::string("no AAC decoder"));
-    std::unique_ptr<AVCodecParserContext, ParserCloser> parser(av_parser_init(codec->id));
-    std::unique_ptr<AVCodecContext, CodecCloser> context(avcodec_alloc_context3(codec));
-    std::unique_ptr<AVPacket, PacketCloser> packet(av_packet_alloc());
-    std::unique_ptr<AVFrame, FrameCloser> frame(av_frame_alloc());
+    std::unique_ptr<AVCodecParserContext, ParserCloser> parser(ff().av_parser_init(codec->id));
+    std::unique_ptr<AVCodecContext, CodecCloser> context(ff().avcodec_alloc_context3(codec));
+    std::unique_ptr<AVPacket, PacketCloser> packet(ff().av_packet_alloc());
+    std::unique_ptr<AVFrame, FrameCloser> frame(ff().av_frame_alloc());
     if (!parser || !context || !packet || !frame) return unexpected(std::string("out of memory"));
-    if (avcodec_open2(context.get(), codec, nullptr) < 0) return unexpected(std::string("cannot open the AAC decoder"));
+    if (ff().avcodec_open2(context.get(), codec, nullptr) < 0) return unexpected(std::string("cannot open the AAC decoder"));
     DecodedPcm out;
     auto drain = [&] {
-        while (avcodec_receive_frame(context.get(), frame.get()) == 0) {
+        while (ff().avcodec_receive_frame(context.get(), frame.get()) == 0) {
             append(frame.get(), out);
-            av_frame_unref(frame.get());
+            ff().av_frame_unref(frame.get());
         }
     };
     // The parser wants padding after the data it reads.
@@ -77,17 +79,17 @@ Expected<DecodedPcm, std::string> decodeAdtsFile(const std::filesystem::path& fi
     const auto* data = reinterpret_cast<const uint8_t*>(bytes.data());
     int left = static_cast<int>(bytes.size() - AV_INPUT_BUFFER_PADDING_SIZE);
     while (left > 0) {
-        const int used = av_parser_parse2(parser.get(), context.get(), &packet->data, &packet->size, data, left,
+        const int used = ff().av_parser_parse2(parser.get(), context.get(), &packet->data, &packet->size, data, left,
                                           AV_NOPTS_VALUE, AV_NOPTS_VALUE, 0);
         if (used < 0) break;
         data += used;
         left -= used;
-        if (packet->size > 0 && avcodec_send_packet(context.get(), packet.get()) == 0) drain();
+        if (packet->size > 0 && ff().avcodec_send_packet(context.get(), packet.get()) == 0) drain();
     }
     // What the parser still holds, then what the decoder holds.
-    av_parser_parse2(parser.get(), context.get(), &packet->data, &packet->size, nullptr, 0, AV_NOPTS_VALUE, AV_NOPTS_VALUE, 0);
-    if (packet->size > 0 && avcodec_send_packet(context.get(), packet.get()) == 0) drain();
-    avcodec_send_packet(context.get(), nullptr);
+    ff().av_parser_parse2(parser.get(), context.get(), &packet->data, &packet->size, nullptr, 0, AV_NOPTS_VALUE, AV_NOPTS_VALUE, 0);
+    if (packet->size > 0 && ff().avcodec_send_packet(context.get(), packet.get()) == 0) drain();
+    ff().avcodec_send_packet(context.get(), nullptr);
     drain();
     if (out.samples.empty()) return unexpected("no audio in " + file.filename().string());
     return out;

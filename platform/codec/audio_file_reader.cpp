@@ -1,4 +1,5 @@
 #include "platform/codec/audio_file_reader.h"
+#include "platform/codec/ffmpeg_library.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -17,7 +18,7 @@ namespace {
 
 std::string averror(int code) {
     char text[AV_ERROR_MAX_STRING_SIZE] = {0};
-    av_strerror(code, text, sizeof text);
+    ff().av_strerror(code, text, sizeof text);
     return text;
 }
 
@@ -25,12 +26,13 @@ std::string averror(int code) {
 
 Expected<Unit, std::string> readAudioFile(const std::filesystem::path& file,
                                           const std::function<void(audio::PcmBufferPtr)>& onBlock) {
+    if (auto codecs = ffmpegLibrary(); !codecs) return unexpected(codecs.error());
     auto lib = avformatLibrary();
     if (!lib) return unexpected(lib.error());
     const auto& av = **lib;
     const std::string name = file.string();
     // Decoders warn about details a listener never notices; real failures come back below.
-    if (av_log_get_level() > AV_LOG_ERROR) av_log_set_level(AV_LOG_ERROR);
+    if (ff().av_log_get_level() > AV_LOG_ERROR) ff().av_log_set_level(AV_LOG_ERROR);
 
     AVFormatContext* format = nullptr;
     if (int rc = av.openInput(&format, name.c_str(), nullptr, nullptr); rc < 0)
@@ -41,33 +43,33 @@ Expected<Unit, std::string> readAudioFile(const std::filesystem::path& file,
     const int stream = av.findBestStream(format, AVMEDIA_TYPE_AUDIO, -1, -1, &codec, 0);
     if (stream < 0 || !codec) return unexpected(name + ": no audio stream FFmpeg can decode");
 
-    std::unique_ptr<AVCodecContext, void (*)(AVCodecContext*)> decoder(avcodec_alloc_context3(codec),
-                                                                        [](AVCodecContext* c) { avcodec_free_context(&c); });
+    std::unique_ptr<AVCodecContext, void (*)(AVCodecContext*)> decoder(ff().avcodec_alloc_context3(codec),
+                                                                        [](AVCodecContext* c) { ff().avcodec_free_context(&c); });
     if (!decoder) return unexpected(name + ": out of memory");
-    if (int rc = avcodec_parameters_to_context(decoder.get(), format->streams[stream]->codecpar); rc < 0)
+    if (int rc = ff().avcodec_parameters_to_context(decoder.get(), format->streams[stream]->codecpar); rc < 0)
         return unexpected(name + ": " + averror(rc));
-    if (int rc = avcodec_open2(decoder.get(), codec, nullptr); rc < 0) return unexpected(name + ": " + averror(rc));
+    if (int rc = ff().avcodec_open2(decoder.get(), codec, nullptr); rc < 0) return unexpected(name + ": " + averror(rc));
 
-    std::unique_ptr<AVPacket, void (*)(AVPacket*)> packet(av_packet_alloc(), [](AVPacket* p) { av_packet_free(&p); });
-    std::unique_ptr<AVFrame, void (*)(AVFrame*)> frame(av_frame_alloc(), [](AVFrame* f) { av_frame_free(&f); });
+    std::unique_ptr<AVPacket, void (*)(AVPacket*)> packet(ff().av_packet_alloc(), [](AVPacket* p) { ff().av_packet_free(&p); });
+    std::unique_ptr<AVFrame, void (*)(AVFrame*)> frame(ff().av_frame_alloc(), [](AVFrame* f) { ff().av_frame_free(&f); });
     SwrContext* swr = nullptr;
-    std::unique_ptr<SwrContext*, void (*)(SwrContext**)> freeSwr(&swr, swr_free);
+    std::unique_ptr<SwrContext*, void (*)(SwrContext**)> freeSwr(&swr, ff().swr_free);
 
     // Each decoded frame becomes planar float at its own rate and channel count.
     auto deliver = [&]() -> Expected<Unit, std::string> {
         const int channels = frame->ch_layout.nb_channels;
         if (channels <= 0 || frame->sample_rate <= 0 || frame->nb_samples <= 0) return Unit{};
         if (!swr) {
-            if (int rc = swr_alloc_set_opts2(&swr, &frame->ch_layout, AV_SAMPLE_FMT_FLTP, frame->sample_rate,
+            if (int rc = ff().swr_alloc_set_opts2(&swr, &frame->ch_layout, AV_SAMPLE_FMT_FLTP, frame->sample_rate,
                                              &frame->ch_layout, static_cast<AVSampleFormat>(frame->format),
                                              frame->sample_rate, 0, nullptr);
-                rc < 0 || swr_init(swr) < 0)
+                rc < 0 || ff().swr_init(swr) < 0)
                 return unexpected(name + ": cannot convert its samples");
         }
         auto block = audio::PcmBuffer::make(frame->sample_rate, channels, static_cast<std::size_t>(frame->nb_samples));
         std::vector<std::uint8_t*> planes;
         for (auto& c : block->channels) planes.push_back(reinterpret_cast<std::uint8_t*>(c.data()));
-        const int got = swr_convert(swr, planes.data(), frame->nb_samples,
+        const int got = ff().swr_convert(swr, planes.data(), frame->nb_samples,
                                     const_cast<const std::uint8_t**>(frame->extended_data), frame->nb_samples);
         if (got < 0) return unexpected(name + ": " + averror(got));
         for (auto& c : block->channels) c.resize(static_cast<std::size_t>(got));
@@ -76,27 +78,27 @@ Expected<Unit, std::string> readAudioFile(const std::filesystem::path& file,
     };
     auto drainDecoder = [&]() -> Expected<Unit, std::string> {
         while (true) {
-            const int rc = avcodec_receive_frame(decoder.get(), frame.get());
+            const int rc = ff().avcodec_receive_frame(decoder.get(), frame.get());
             if (rc == AVERROR(EAGAIN) || rc == AVERROR_EOF) return Unit{};
             if (rc < 0) return unexpected(name + ": " + averror(rc));
             auto delivered = deliver();
-            av_frame_unref(frame.get());
+            ff().av_frame_unref(frame.get());
             if (!delivered) return delivered;
         }
     };
 
     while (av.readFrame(format, packet.get()) >= 0) {
         if (packet->stream_index == stream) {
-            const int rc = avcodec_send_packet(decoder.get(), packet.get());
-            av_packet_unref(packet.get());
+            const int rc = ff().avcodec_send_packet(decoder.get(), packet.get());
+            ff().av_packet_unref(packet.get());
             // A damaged packet is skipped, as players do.
             if (rc < 0 && rc != AVERROR(EAGAIN) && rc != AVERROR_INVALIDDATA) return unexpected(name + ": " + averror(rc));
             if (auto drained = drainDecoder(); !drained) return drained;
         } else {
-            av_packet_unref(packet.get());
+            ff().av_packet_unref(packet.get());
         }
     }
-    avcodec_send_packet(decoder.get(), nullptr);
+    ff().avcodec_send_packet(decoder.get(), nullptr);
     return drainDecoder();
 }
 

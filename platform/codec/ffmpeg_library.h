@@ -36,6 +36,8 @@ namespace vell::media {
     X(avutil, av_frame_free)                    \
     X(avutil, av_frame_get_buffer)              \
     X(avutil, av_frame_make_writable)           \
+    X(avutil, av_frame_unref)                   \
+    X(avutil, av_log_get_level)                 \
     X(avutil, av_log_set_level)                 \
     X(avutil, av_strerror)                      \
     X(avcodec, av_packet_alloc)                 \
@@ -49,6 +51,13 @@ namespace vell::media {
     X(avcodec, avcodec_parameters_from_context) \
     X(avcodec, avcodec_receive_packet)          \
     X(avcodec, avcodec_send_frame)              \
+    X(avcodec, avcodec_find_decoder)            \
+    X(avcodec, avcodec_parameters_to_context)   \
+    X(avcodec, avcodec_receive_frame)           \
+    X(avcodec, avcodec_send_packet)             \
+    X(avcodec, av_parser_close)                 \
+    X(avcodec, av_parser_init)                  \
+    X(avcodec, av_parser_parse2)                \
     X(swresample, swr_alloc_set_opts2)          \
     X(swresample, swr_convert)                  \
     X(swresample, swr_free)                     \
