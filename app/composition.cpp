@@ -4,6 +4,8 @@
 
 #include "app/composition_calls.h"
 #include "app/composition_automation.h"
+#include "app/composition_live.h"
+#include "app/composition_results.h"
 #include "app/core_services.h"
 #include "app/host.h"
 #include "app/input_levels.h"
@@ -68,12 +70,21 @@ recording::RecorderParts recorderParts() {
     parts.chooser = std::make_shared<SharedMicrophoneChooser>();
     parts.systemAudio = std::make_shared<audio::SystemAudioTap>();
     parts.makeMixer = [](const std::filesystem::path& file, double sampleRate) -> std::unique_ptr<audio::RecordingMixer> {
-        return std::make_unique<MeteredMixer>(std::make_unique<audio::RealtimeMixer>(file, sampleRate), inputLevels());
+        auto metered = std::make_unique<MeteredMixer>(std::make_unique<audio::RealtimeMixer>(file, sampleRate), inputLevels());
+        return std::make_unique<live::SideMeteringMixer>(std::move(metered), sideLevelMeter());
     };
     parts.speech = std::make_shared<LazySpeechDetector>();
     // Asked on the main executor when a recording starts.
     parts.accountID = [] { return core().accountID(); };
-    parts.hasServiceSession = [] { return false; };
+    parts.hasServiceSession = [] { return core().client().hasSessionCookie(); };
+    // The live advisor: a live session while a recording runs with a service session.
+    auto& advisor = liveAdvisor();
+    parts.liveSegments = advisor.writer();
+    parts.liveAdvisor = advisor.hooks();
+    parts.liveAdvisor.begin = [begin = parts.liveAdvisor.begin](const std::string& recordingID) {
+        attachLiveAdvisor(recording::RecorderService::shared());
+        return begin(recordingID);
+    };
     return parts;
 }
 
@@ -107,7 +118,13 @@ Host& host() {
         services.startInsuranceRecorder = [] { insurance::InsuranceRecorder::shared().launch(&host().asleep); };
         services.shutdownInsurance = [](std::function<void()> done) { insurance::InsuranceRecorder::shared().shutdown(std::move(done)); };
         services.startCallRecorder = [] { startCallRecorder(host()); };
-        services.startDiscardedPurge = &startDiscardedPurge;
+        services.startDiscardedPurge = [] {
+            startDiscardedPurge();
+            // Beside the purge of discarded live sessions: the advisor follows uploads and
+            // discards, and the results of every upload are fetched as they are processed.
+            attachLiveAdvisor(core().recorder());
+            followRecordingResults(core().recorder());
+        };
         services.startCalendarRecorder = &startCalendarRecorder;
         return new Host(core(), std::move(ports), std::move(services), UserDefaults::standard(), runtime::main());
     }();

@@ -128,7 +128,8 @@ bool Conversations::load(std::error_code& error) {
                 auto session = sessionFrom(s);
                 sessions_[session.id] = session;
             }
-            for (const auto& [id, w] : j.value("recordings", json::object()).items()) recordings_[id] = workFrom(w);
+            const json recordings = j.value("recordings", json::object());
+            for (const auto& [id, w] : recordings.items()) recordings_[id] = workFrom(w);
         } catch (const std::exception&) {
             error = std::make_error_code(std::errc::illegal_byte_sequence);
             return false;

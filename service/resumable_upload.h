@@ -52,8 +52,12 @@ public:
                                                        const std::optional<std::string>& summaryPromptID,
                                                        const std::optional<CaptureWindow>& capture) const;
 
-    // One finished live segment of a live session.
-    Expected<Unit, UploadError> uploadLiveChunk(const std::string& sessionID, const std::filesystem::path& file) const;
+    // One finished live segment of a live session. index: the segment's number, so the
+    // service can keep the segments in order and recognise one sent twice; sides: the two
+    // sides' levels over the segment (the live advisor's header form).
+    Expected<Unit, UploadError> uploadLiveChunk(const std::string& sessionID, const std::filesystem::path& file,
+                                                std::optional<int> index = std::nullopt,
+                                                const std::string& sides = {}) const;
 
 private:
     const APIClient& client_;

@@ -256,4 +256,45 @@ ControlClient::Result<std::string> ControlClient::recoverProgress(int run) const
     });
 }
 
+ControlClient::Result<std::string> ControlClient::liveAdvice() const {
+    return guarded([this] {
+        std::string json;
+        proxy_->callMethod("LiveAdvice").onInterface(kControlInterface).withTimeout(10s).storeResultsTo(json);
+        return json;
+    });
+}
+
+ControlClient::Result<std::string> ControlClient::recordings() const {
+    return guarded([this] {
+        std::string json;
+        proxy_->callMethod("Recordings").onInterface(kControlInterface).withTimeout(90s).storeResultsTo(json);
+        return json;
+    });
+}
+
+ControlClient::Result<std::string> ControlClient::recordingDetail(const std::string& id) const {
+    return guarded([this, &id] {
+        std::string json;
+        proxy_->callMethod("RecordingDetail").onInterface(kControlInterface).withTimeout(90s).withArguments(id).storeResultsTo(json);
+        return json;
+    });
+}
+
+ControlClient::Result<std::string> ControlClient::renameSpeakers(const std::string& id, const std::string& namesJson) const {
+    return guarded([this, &id, &namesJson] {
+        std::string json;
+        proxy_->callMethod("RenameSpeakers").onInterface(kControlInterface).withTimeout(90s)
+            .withArguments(id, namesJson).storeResultsTo(json);
+        return json;
+    });
+}
+
+ControlClient::Result<std::string> ControlClient::shareRecording(const std::string& id) const {
+    return guarded([this, &id] {
+        std::string url;
+        proxy_->callMethod("ShareRecording").onInterface(kControlInterface).withTimeout(90s).withArguments(id).storeResultsTo(url);
+        return url;
+    });
+}
+
 }  // namespace vell::dbus

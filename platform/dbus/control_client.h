@@ -63,6 +63,12 @@ public:
     Result<std::string> undo() const;
     Result<int> recoverStart(const std::string& range, int minutes) const;
     Result<std::string> recoverProgress(int run) const;
+    // Live advice and recording results (JSON; see control_results.cpp).
+    Result<std::string> liveAdvice() const;
+    Result<std::string> recordings() const;
+    Result<std::string> recordingDetail(const std::string& id) const;
+    Result<std::string> renameSpeakers(const std::string& id, const std::string& namesJson) const;
+    Result<std::string> shareRecording(const std::string& id) const;
 
 private:
     ControlClient() = default;
