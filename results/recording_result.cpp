@@ -52,7 +52,7 @@ std::optional<RecordingResult> decodeResult(const json& j) {
     if (auto flag = j.find("incomplete"); flag != j.end() && flag->is_boolean() && flag->get<bool>()) r.incomplete = true;
 
     auto summary = stringField(j, "summary");
-    r.incomplete = !summary;
+    if (!summary) r.incomplete = true;
     r.summary = summary.value_or("");
     auto list = [&](const char* key) -> const json* {
         auto it = j.find(key);
