@@ -40,7 +40,7 @@ std::map<int, std::string> namesFrom(const json& j) {
 json sessionJson(const LiveSession& s) {
     json chunks = json::array();
     for (const auto& c : s.chunks)
-        chunks.push_back({{"index", c.index}, {"bytes", c.bytes}, {"receivedAtMs", c.receivedAtMs}, {"path", c.path},
+        chunks.push_back({{"index", c.index}, {"startMs", c.startMs}, {"bytes", c.bytes}, {"receivedAtMs", c.receivedAtMs}, {"path", c.path},
                           {"analysed", c.analysed}});
     return {{"id", s.id},
             {"email", s.email},
@@ -63,7 +63,8 @@ LiveSession sessionFrom(const json& j) {
     if (j.contains("closedAtMs") && !j["closedAtMs"].is_null()) s.closedAtMs = j["closedAtMs"].get<int64_t>();
     if (j.contains("clientRecordingId") && !j["clientRecordingId"].is_null()) s.clientRecordingId = j["clientRecordingId"];
     for (const auto& c : j.value("chunks", json::array()))
-        s.chunks.push_back({c.at("index"), c.at("bytes"), c.at("receivedAtMs"), c.at("path"), c.value("analysed", false)});
+        s.chunks.push_back({c.at("index"), c.value("startMs", int64_t{0}), c.at("bytes"), c.at("receivedAtMs"), c.at("path"),
+                            c.value("analysed", false)});
     s.words = wordsFrom(j.value("words", json::array()));
     if (auto sides = sideLevelsFromJson(j.value("sides", json::object()))) s.sides = *sides;
     s.tilesFetched = j.value("tilesFetched", 0);
@@ -255,15 +256,15 @@ Conversations::ChunkResult Conversations::admitChunk(const std::string& email, c
     return {ChunkOutcome::stored, chosen, next};
 }
 
-void Conversations::chunkStored(const std::string& id, int index, int64_t bytes, const fs::path& path,
+void Conversations::chunkStored(const std::string& id, int index, int64_t startMs, int64_t bytes, const fs::path& path,
                                 const std::optional<SideLevels>& sides) {
     {
         std::lock_guard lock(mutex_);
         auto it = sessions_.find(id);
         if (it == sessions_.end()) return;
         auto& s = it->second;
-        s.chunks.push_back({index, bytes, crypto::nowMs(), path.string(), false});
-        if (sides) s.sides.place(*sides, int64_t(index) * kChunkMs);
+        s.chunks.push_back({index, startMs, bytes, crypto::nowMs(), path.string(), false});
+        if (sides) s.sides.place(*sides, startMs);
         s.updatedAtMs = crypto::nowMs();
         saveLocked();
     }
@@ -276,18 +277,19 @@ void Conversations::chunkStored(const std::string& id, int index, int64_t bytes,
 
 void Conversations::analyseChunk(const std::string& sessionId, int index) {
     std::string path;
+    int64_t startMs = 0;
     {
         std::lock_guard lock(mutex_);
         auto it = sessions_.find(sessionId);
         if (it == sessions_.end()) return;
         for (const auto& c : it->second.chunks)
-            if (c.index == index && !c.analysed) path = c.path;
+            if (c.index == index && !c.analysed) path = c.path, startMs = c.startMs;
     }
     if (path.empty()) return;
     std::error_code error;
     auto bytes = files::read(path, error);
     std::vector<int16_t> samples;
-    auto words = bytes ? recognise(*bytes, samples, int64_t(index) * kChunkMs) : std::vector<TimedWord>{};
+    auto words = bytes ? recognise(*bytes, samples, startMs) : std::vector<TimedWord>{};
     std::lock_guard lock(mutex_);
     auto it = sessions_.find(sessionId);
     if (it == sessions_.end()) return;
@@ -449,8 +451,7 @@ Analysis Conversations::analyze(const LiveSession& s) {
     AnalysisInput input;
     input.words = s.words;
     if (!s.sides.empty()) input.sides = s.sides;
-    const int lastIndex = s.lastIndex();
-    input.durationMs = lastIndex < 0 ? 0 : int64_t(lastIndex + 1) * kChunkMs;
+    input.durationMs = int64_t(s.sides.microphone.size()) * s.sides.windowMs;
     return devserver::analyze(input);
 }
 

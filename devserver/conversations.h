@@ -24,6 +24,7 @@ namespace vell::devserver {
 
 struct LiveChunkInfo {
     int index = 0;
+    int64_t startMs = 0;  // where in the conversation it begins
     int64_t bytes = 0;
     int64_t receivedAtMs = 0;
     std::string path;
@@ -61,7 +62,7 @@ struct RecordingWork {
 
 class Conversations {
 public:
-    static constexpr int64_t kChunkMs = 30'000;  // a live segment's length
+    static constexpr int64_t kChunkMs = 30'000;  // a live segment's length, when the client names no start
 
     explicit Conversations(Store& store);
     ~Conversations();
@@ -85,8 +86,8 @@ public:
     // Decides where a chunk goes before its body is read: its index (the next one when the
     // client names none). A session never opened is opened by its first chunk.
     ChunkResult admitChunk(const std::string& email, const std::string& id, std::optional<int> index);
-    // Records a stored chunk and queues its analysis.
-    void chunkStored(const std::string& id, int index, int64_t bytes, const std::filesystem::path& path,
+    // Records a stored chunk (starting startMs into the conversation) and queues its analysis.
+    void chunkStored(const std::string& id, int index, int64_t startMs, int64_t bytes, const std::filesystem::path& path,
                      const std::optional<SideLevels>& sides);
     std::optional<LiveSession> session(const std::string& email, const std::string& id, bool countTilesFetch = false);
     Access close(const std::string& email, const std::string& id, LiveSession& out);

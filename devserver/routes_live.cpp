@@ -64,6 +64,14 @@ void chunk(Exchange& ex, Services& s) {
         sides = sideLevelsFromHeader(ex.req.get_header_value("X-Vell-Sides"));
         if (!sides) return ex.fail(400, "invalid_sides");
     }
+    std::optional<int64_t> startMs;
+    if (ex.req.has_header("X-Vell-Chunk-Start-Ms")) {
+        const std::string text = ex.req.get_header_value("X-Vell-Chunk-Start-Ms");
+        int64_t value = -1;
+        auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+        if (ec != std::errc() || end != text.data() + text.size() || value < 0) return ex.fail(400, "invalid_start");
+        startMs = value;
+    }
     auto admitted = s.conversations->admitChunk(account->email, id, index);
     using O = Conversations::ChunkOutcome;
     switch (admitted.outcome) {
@@ -106,7 +114,8 @@ void chunk(Exchange& ex, Services& s) {
     }
     const int64_t bytes = file.written();
     file.close();
-    s.conversations->chunkStored(id, admitted.index, bytes, *path, sides);
+    s.conversations->chunkStored(id, admitted.index, startMs.value_or(int64_t(admitted.index) * Conversations::kChunkMs), bytes,
+                                 *path, sides);
     ex.reply(200, {{"ok", true}, {"index", admitted.index}, {"nextIndex", admitted.index + 1}});
 }
 

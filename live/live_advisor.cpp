@@ -156,7 +156,7 @@ void LiveAdvisor::segmentSealed(const std::filesystem::path& file) {
     }
     const long long segmentMs = std::llround(settings_.segmentSeconds * 1000);
     const long long from = static_cast<long long>(parsed->second) * segmentMs;
-    queue_.push_back(Segment{parsed->first, parsed->second, file, meter_->range(from, from + segmentMs)});
+    queue_.push_back(Segment{parsed->first, parsed->second, from, file, meter_->range(from, from + segmentMs)});
     kLog.debug("[live-segments] sealed " + file.filename().string());
     while (static_cast<int>(queue_.size()) > settings_.maxSegmentsOnDisk) dropFront("more segments waiting than kept on disk");
     publishCounts();
@@ -230,7 +230,7 @@ void LiveAdvisor::pump() {
     if (!queue_.empty()) {
         const Segment segment = queue_.front();
         busy_ = true;
-        api_.sendChunk(segment.sessionID, segment.index, segment.file, segment.sides,
+        api_.sendChunk(segment.sessionID, segment.index, segment.startMs, segment.file, segment.sides,
                        [this, alive, segment](Expected<Unit, service::UploadError> r) {
                            if (alive.expired()) return;
                            busy_ = false;

@@ -85,6 +85,7 @@ private:
     struct Segment {
         std::string sessionID;
         int index = 0;
+        long long startMs = 0;
         std::filesystem::path file;
         SideLevels sides;
     };

@@ -104,12 +104,13 @@ void ApiLiveService::open(const std::string& sessionID, const std::string& recor
         });
 }
 
-void ApiLiveService::sendChunk(const std::string& sessionID, int index, const std::filesystem::path& file,
+void ApiLiveService::sendChunk(const std::string& sessionID, int index, long long startMs, const std::filesystem::path& file,
                                const SideLevels& sides, Done<Unit> done) {
     const auto& client = client_;
     auto result = std::make_shared<Expected<Unit, UploadError>>(Unit{});
-    client.spawn([&client, sessionID, index, file, header = sides.headerValue(), done, result] {
-        *result = service::RecordingUploads(client).uploadLiveChunk(sessionID, file, index, header);
+    client.spawn([&client, sessionID, index, startMs, file, header = sides.headerValue(), done, result] {
+        *result = service::RecordingUploads(client).uploadLiveChunk(
+            sessionID, file, service::RecordingUploads::LiveChunkPlace{index, startMs, header});
         runtime::main().post([done, result] { done(std::move(*result)); });
     });
 }

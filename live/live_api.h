@@ -3,8 +3,8 @@
 // the main executor. The real implementation sits on the API client.
 //
 //   POST   api/recordings/live              {"sessionId", "recordingId"}  open (idempotent)
-//   POST   api/recordings/live/<id>/chunk   the segment (audio/mp4), with
-//          "X-Vell-Chunk-Index" (the segment's number) and "X-Vell-Sides" (both sides' levels)
+//   POST   api/recordings/live/<id>/chunk   the segment (audio/mp4), with "X-Vell-Chunk-Index"
+//          (its number), "X-Vell-Chunk-Start-Ms" (where it starts) and "X-Vell-Sides" (levels)
 //   GET    api/recordings/live/<id>/tiles   {"tiles": [...], "updatedAt"}
 //   POST   api/recordings/live/<id>/close
 #include <filesystem>
@@ -49,7 +49,7 @@ public:
     using Done = std::function<void(Expected<T, service::UploadError>)>;
     virtual ~LiveApi() = default;
     virtual void open(const std::string& sessionID, const std::string& recordingID, Done<Unit> done) = 0;
-    virtual void sendChunk(const std::string& sessionID, int index, const std::filesystem::path& file,
+    virtual void sendChunk(const std::string& sessionID, int index, long long startMs, const std::filesystem::path& file,
                            const SideLevels& sides, Done<Unit> done) = 0;
     virtual void tiles(const std::string& sessionID, Done<std::vector<Tile>> done) = 0;
     virtual void close(const std::string& sessionID, Done<Unit> done) = 0;
@@ -59,8 +59,8 @@ class ApiLiveService final : public LiveApi {
 public:
     explicit ApiLiveService(const service::APIClient& client) : client_(client) {}
     void open(const std::string& sessionID, const std::string& recordingID, Done<Unit> done) override;
-    void sendChunk(const std::string& sessionID, int index, const std::filesystem::path& file, const SideLevels& sides,
-                   Done<Unit> done) override;
+    void sendChunk(const std::string& sessionID, int index, long long startMs, const std::filesystem::path& file,
+                   const SideLevels& sides, Done<Unit> done) override;
     void tiles(const std::string& sessionID, Done<std::vector<Tile>> done) override;
     void close(const std::string& sessionID, Done<Unit> done) override;
 

@@ -32,7 +32,7 @@ public:
         Done<std::vector<Tile>> tilesDone;
     };
     void open(const std::string& s, const std::string&, Done<Unit> done) override { calls.push_back({"open", s, -1, {}, done, {}}); }
-    void sendChunk(const std::string& s, int index, const fs::path&, const SideLevels& sides, Done<Unit> done) override {
+    void sendChunk(const std::string& s, int index, long long, const fs::path&, const SideLevels& sides, Done<Unit> done) override {
         calls.push_back({"chunk", s, index, sides, done, {}});
     }
     void tiles(const std::string& s, Done<std::vector<Tile>> done) override { calls.push_back({"tiles", s, -1, {}, {}, done}); }
