@@ -27,6 +27,7 @@
 #include "cli/signal_watcher.h"
 #include "cli/terminal.h"
 #include "cli/units.h"
+#include "live/live_messages.h"
 #include "platform/dbus/control_server.h"
 #include "recording/recorder_messages.h"
 #include "recording/recorder_service.h"
@@ -242,11 +243,14 @@ void setup(CLI::App& app, Context& context) {
             });
         }
         // The live session gets its last segment and is closed before the program ends; a
-        // service that does not answer is not waited for long.
+        // service that cannot be reached is not waited for (what it missed is live advice
+        // only: the recording is complete and its upload comes later).
         auto settleThenStop = [&] {
             const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
             settle = main.repeat(0.1, [&, deadline] {
-                if (!app::liveAdvisor().settled() && std::chrono::steady_clock::now() < deadline) return;
+                auto& advisor = app::liveAdvisor();
+                const bool unreachable = advisor.advice.get().message == live::messages::kServiceUnreachable.str();
+                if (!advisor.settled() && !unreachable && std::chrono::steady_clock::now() < deadline) return;
                 settle.cancel();
                 scope->stop();
             });
