@@ -167,6 +167,31 @@ TEST_F(LiveRecording, KillingTheServiceMidRecordingChangesNothingInTheRecordingO
     EXPECT_EQ(received[0]["sha256"], test::sha256File(file));
 }
 
+TEST_F(LiveRecording, ARejectedSegmentAndUnreadableTilesAreSentencesInTheUsersLanguageOnly) {
+    server.addFault({{"method", "POST"}, {"path", "/chunk"}, {"action", "status"}, {"status", 422},
+                     {"body", {{"ok", false}, {"error", "chunk_rejected"}}}});
+    server.addFault({{"method", "GET"}, {"path", "/tiles"}, {"action", "status"}, {"status", 200}, {"body", "<html>"},
+                     {"times", 100}});
+    const fs::path out = home.tmp() / "record.out";
+    recorder = test::spawnLogged({vell(), "--lang", "es", "record", "--seconds", "7", "--live"}, out);
+    ASSERT_EQ(waitExit(recorder), cli::kExitOK) << test::readAll(out);
+    const std::string output = test::readAll(out);
+    EXPECT_NE(output.find("vell: El servicio rechazó una parte del audio en vivo"), std::string::npos) << output;
+    EXPECT_NE(output.find("vell: No se pudieron leer los consejos en vivo del servicio. La grabación sigue."), std::string::npos)
+        << output;
+    EXPECT_NE(output.find("Guardada"), std::string::npos) << output;
+    auto decoded = test::decodeAudioFile(lineAfter(output, "Archivo: "));
+    ASSERT_TRUE(decoded.ok) << decoded.error;
+    EXPECT_NEAR(decoded.seconds(), 7.0, 0.4);
+    // The first segment is missing; the others came in order after it.
+    auto live = sessions();
+    ASSERT_EQ(live.size(), 1u);
+    const auto got = indexes(live[0]);
+    ASSERT_GE(got.size(), 2u);
+    for (size_t i = 0; i < got.size(); ++i) EXPECT_EQ(got[i], int(i) + 1) << live.dump();
+    EXPECT_EQ(live[0]["state"], "closed");
+}
+
 TEST_F(LiveRecording, ShowPrintsTheSummaryAndTranscriptOfAProcessedRecording) {
     pulse.writeMic(speech(home.tmp(), "The budget for the launch is ten thousand dollars. What is the launch date?"));
     auto record = run("record --seconds 6");
