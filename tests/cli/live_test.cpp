@@ -216,7 +216,10 @@ TEST_F(LiveRecording, ShowPrintsTheSummaryAndTranscriptOfAProcessedRecording) {
     if (detail["transcript"].empty()) {
         std::cout << "[ NOTE ] the service's recogniser heard nothing; the words are not checked\n";
     } else {
-        EXPECT_NE(shown.output.find("budget"), std::string::npos) << shown.output;
+        // Words said into the microphone come back (a small offline model may miss some).
+        int heard = 0;
+        for (const char* word : {"budget", "launch", "thousand", "dollars", "date"}) heard += shown.output.find(word) != std::string::npos;
+        EXPECT_GE(heard, 2) << shown.output;
         EXPECT_NE(shown.output.find("Key points"), std::string::npos) << shown.output;
     }
     // Kept here: it opens with the service gone.
