@@ -97,6 +97,11 @@ std::optional<std::string> LiveAdvisor::begin(const std::string& recordingID) {
     // The client names the session, so the recording knows it from its first moment, even
     // while the service cannot be reached; opening it is idempotent.
     const std::string sessionID = lowerUUID();
+    // Sessions that are over have nothing more to say.
+    std::erase_if(runs_, [this](const auto& entry) {
+        return entry.second.closed &&
+               std::none_of(queue_.begin(), queue_.end(), [&](const Segment& s) { return s.sessionID == entry.first; });
+    });
     runs_[sessionID] = Run{recordingID};
     current_ = sessionID;
     writer_->begin(sessionID);
