@@ -1,10 +1,13 @@
 #include "app/composition_live.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "app/composition.h"
 #include "app/core_services.h"
+#include "base/preference_keys.h"
 #include "base/runtime.h"
+#include "base/user_defaults.h"
 #include "recording/recorder_service.h"
 #include "results/running_results.h"
 
@@ -38,6 +41,15 @@ live::LiveAdvisor& liveAdvisor() {
         settings.segmentSeconds = segmentSeconds();
         auto* advisor = new live::LiveAdvisor(*api, writer, sideLevelMeter(), runtime::main(), settings);
         results::runningResults().advisor = advisor;
+        // Also when no host runs the discard automation (a `vell record` serving `vell stop
+        // --discard`): the next host purges it.
+        advisor->onDiscarded = [](const std::string& sessionID) {
+            auto& defaults = UserDefaults::standard();
+            auto list = defaults.stringList(prefs::kPendingLiveSessionPurges).value_or(std::vector<std::string>{});
+            if (std::find(list.begin(), list.end(), sessionID) != list.end()) return;
+            list.push_back(sessionID);
+            defaults.set(prefs::kPendingLiveSessionPurges, list);
+        };
         return advisor;
     }();
     return *made;

@@ -147,6 +147,8 @@ void LiveAdvisor::pendingChanged(const std::vector<recording::PendingRecording>&
             it->second.dropped = true;
             it->second.closed = true;
             dropSegmentsOf(it->first, "the recording was discarded");
+            kLog.info("[live-advisor] recording " + r.id + " discarded; live session " + it->first + " is to be purged");
+            if (onDiscarded) onDiscarded(it->first);
         }
     }
     pump();

@@ -68,6 +68,10 @@ public:
 
     Published<LiveAdvice> advice;
 
+    // A recording with a live session was discarded: its server copy is to be purged (the
+    // durable purge list; the same id twice is harmless).
+    std::function<void(const std::string& sessionID)> onDiscarded;
+
     // Nothing left to do: every segment sent or dropped and every ended session closed (a
     // program that is about to exit waits for this, for a while).
     bool settled() const;

@@ -167,6 +167,27 @@ TEST_F(LiveAdvisorTest, NoMoreThanFourSegmentsWaitAndWhatIsUnsentGoesOnceTheReco
     EXPECT_EQ(api.waiting("chunk"), 0u);
 }
 
+TEST_F(LiveAdvisorTest, ADiscardedRecordingsSessionIsHandedToThePurgeAndNeverClosed) {
+    std::vector<std::string> purged;
+    advisor->onDiscarded = [&](const std::string& id) { purged.push_back(id); };
+    const auto session = *hooks.begin("REC");
+    api.answer();
+    const auto file = seal(session, 0);
+    advisor->recordingStopped("REC");
+    recording::PendingRecording discarded;
+    discarded.id = "REC";
+    discarded.liveSessionID = session;
+    discarded.status = recording::PendingRecording::Status::discarded;
+    advisor->pendingChanged({discarded});
+    advisor->pendingChanged({discarded});
+    EXPECT_EQ(purged, std::vector<std::string>{session});
+    api.answer(offline());  // the chunk in flight when the discard came
+    main.advance(120);
+    EXPECT_EQ(api.waiting("chunk") + api.waiting("close"), 0u);
+    EXPECT_FALSE(fs::exists(file));
+    EXPECT_TRUE(advisor->settled());
+}
+
 TEST_F(LiveAdvisorTest, ARejectedSegmentIsASentenceAndTheNextOneStillGoes) {
     const auto session = *hooks.begin("REC");
     api.answer();
