@@ -6,6 +6,8 @@
 #include "insurance/insurance_agent_requests.h"
 #include "app/composition_calls.h"
 #include "app/composition_automation.h"
+#include "app/composition_live.h"
+#include "app/composition_results.h"
 #include "app/core_services.h"
 #include "app/echo_cancel_setting.h"
 #include "app/host.h"
@@ -79,13 +81,22 @@ recording::RecorderParts recorderParts() {
         applyEchoCancellationSetting(UserDefaults::standard());
         audio::RealtimeMixer::Options options;
         options.echo = &audio::EchoCancellation::shared();
-        return std::make_unique<MeteredMixer>(std::make_unique<audio::RealtimeMixer>(file, sampleRate, std::move(options)),
-                                              inputLevels());
+        auto metered = std::make_unique<MeteredMixer>(
+            std::make_unique<audio::RealtimeMixer>(file, sampleRate, std::move(options)), inputLevels());
+        return std::make_unique<live::SideMeteringMixer>(std::move(metered), sideLevelMeter());
     };
     parts.speech = std::make_shared<LazySpeechDetector>();
     // Asked on the main executor when a recording starts.
     parts.accountID = [] { return core().accountID(); };
-    parts.hasServiceSession = [] { return false; };
+    parts.hasServiceSession = [] { return core().client().hasSessionCookie(); };
+    // The live advisor: a live session while a recording runs with a service session.
+    auto& advisor = liveAdvisor();
+    parts.liveSegments = advisor.writer();
+    parts.liveAdvisor = advisor.hooks();
+    parts.liveAdvisor.begin = [begin = parts.liveAdvisor.begin](const std::string& recordingID) {
+        attachLiveAdvisor(recording::RecorderService::shared());
+        return begin(recordingID);
+    };
     return parts;
 }
 
@@ -120,7 +131,13 @@ Host& host() {
         services.startAgentPoller = [] { agentRequests(core()).start(); };
         services.shutdownInsurance = [](std::function<void()> done) { insurance::InsuranceRecorder::shared().shutdown(std::move(done)); };
         services.startCallRecorder = [] { startCallRecorder(host()); };
-        services.startDiscardedPurge = &startDiscardedPurge;
+        services.startDiscardedPurge = [] {
+            startDiscardedPurge();
+            // Beside the purge of discarded live sessions: the advisor follows uploads and
+            // discards, and the results of every upload are fetched as they are processed.
+            attachLiveAdvisor(core().recorder());
+            followRecordingResults(core().recorder());
+        };
         services.startCalendarRecorder = &startCalendarRecorder;
         return new Host(core(), std::move(ports), std::move(services), UserDefaults::standard(), runtime::main());
     }();

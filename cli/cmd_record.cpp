@@ -11,9 +11,11 @@
 #include <cmath>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <map>
 #include <thread>
 
 #include "app/composition.h"
+#include "app/composition_live.h"
 #include "app/core_services.h"
 #include "app/host.h"
 #include "app/input_levels.h"
@@ -29,6 +31,7 @@
 #include "cli/signal_watcher.h"
 #include "cli/terminal.h"
 #include "cli/units.h"
+#include "live/live_messages.h"
 #include "platform/dbus/control_server.h"
 #include "platform/pulse/pulse_input_devices.h"
 #include "recording/recorder_messages.h"
@@ -104,10 +107,53 @@ private:
     bool shown_ = false;
 };
 
+// Prints each cue once, and again when the service changes what it says; and the live
+// advisor's problems as they come.
+class LiveCuePrinter {
+public:
+    explicit LiveCuePrinter(bool json) : json_(json) {}
+    void show(const live::LiveAdvice& advice) {
+        for (const auto& tile : advice.tiles) {
+            const std::string text = live::tileText(tile);
+            auto& seen = shown_[tile.id];
+            if (seen == text) continue;
+            seen = text;
+            if (json_) {
+                std::cout << nlohmann::json{{"event", "cue"}, {"id", tile.id}, {"kind", tile.kind}, {"title", live::tileTitle(tile)},
+                                            {"text", text}, {"weight", tile.weight}, {"atMs", tile.atMs}}
+                                 .dump()
+                          << std::endl;
+            } else {
+                std::cout << msg::kCue.str() << live::tileTitle(tile) << ": " << text << std::endl;
+            }
+        }
+        if (advice.message != message_) {
+            message_ = advice.message;
+            if (message_) std::cerr << "vell: " << *message_ << "\n";
+        }
+    }
+
+private:
+    bool json_;
+    std::map<std::string, std::string> shown_;
+    std::optional<std::string> message_;
+};
+
 // The recording made by the host that owns the data folder: started, watched and stopped
 // through its control interface, with the output of an in-process recording.
 int recordThroughHost(const dbus::ControlClient& host, double seconds, const std::optional<std::string>& microphone,
-                      SignalWatcher& signals, RecordOutput& out) {
+                      SignalWatcher& signals, RecordOutput& out, bool live) {
+    LiveCuePrinter cues(false);
+    auto showCues = [&] {
+        if (!live) return;
+        auto text = host.liveAdvice();
+        if (!text) return;
+        auto advice = live::liveAdviceFromJson(nlohmann::json::parse(*text, nullptr, false));
+        if (advice) {
+            out.clear();
+            cues.show(*advice);
+        }
+    };
     std::atomic<bool> stopRequested{false};
     signals.watch([&stopRequested] { stopRequested = true; });
     auto started = microphone ? host.startRecordingOn(*microphone) : host.startRecording();
@@ -129,6 +175,7 @@ int recordThroughHost(const dbus::ControlClient& host, double seconds, const std
             if (stopped) entry = nlohmann::json::parse(*stopped, nullptr, false);
             if (stopped || !stopped.error().notRecording()) break;
         }
+        showCues();
         auto status = host.status();
         if (status && status->recording && status->recordingID == id) {
             out.progress(status->elapsed, float(status->microphoneLevel), float(status->systemLevel));
@@ -160,6 +207,8 @@ void setup(CLI::App& app, Context& context) {
     cmd->add_flag("--json", *json, msg::kJsonOption.str());
     cmd->add_option("--device", *device, audio::messages::kDeviceOption.str());
     cmd->add_flag("--force", *force, audio::messages::kForceOption.str());
+    auto live = std::make_shared<bool>(false);
+    cmd->add_flag("--live", *live, msg::kLiveOption.str());
     cmd->add_option("--seconds", *seconds, msg::kSecondsOption.str())->check(CLI::Validator(
         [](std::string& text) -> std::string {
             // "inf", "nan" and lengths shorter than one mixer tick would either never stop
@@ -173,7 +222,7 @@ void setup(CLI::App& app, Context& context) {
             return msg::kBadSeconds.str();
         },
         "SECONDS"));
-    cmd->callback([&context, seconds, json, device, force] {
+    cmd->callback([&context, seconds, json, device, force, live] {
         // A microphone for this recording only, checked against the list like `vell mic`.
         std::optional<std::string> microphone;
         if (!device->empty()) {
@@ -190,7 +239,7 @@ void setup(CLI::App& app, Context& context) {
         SignalWatcher signals;
         if (auto host = runningHost()) {
             RecordOutput out(*json, context.quiet);
-            context.exitCode = recordThroughHost(*host, *seconds, microphone, signals, out);
+            context.exitCode = recordThroughHost(*host, *seconds, microphone, signals, out, *live);
             return;
         }
         auto scope = RuntimeScope::enter(context);
@@ -211,7 +260,30 @@ void setup(CLI::App& app, Context& context) {
         bool stopping = false;
         std::string id;
         std::filesystem::path file;
-        TimerHandle limit, progress;
+        TimerHandle limit, progress, settle;
+        LiveCuePrinter cues(*json);
+        Subscription adviceWatch;
+        if (*live) {
+            adviceWatch = app::liveAdvisor().advice.subscribe([&](const live::LiveAdvice& advice) {
+                main.post([&, advice] {
+                    out.clear();
+                    cues.show(advice);
+                });
+            });
+        }
+        // The live session gets its last segment and is closed before the program ends; a
+        // service that cannot be reached is not waited for (what it missed is live advice
+        // only: the recording is complete and its upload comes later).
+        auto settleThenStop = [&] {
+            const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+            settle = main.repeat(0.1, [&, deadline] {
+                auto& advisor = app::liveAdvisor();
+                const bool unreachable = advisor.advice.get().message == live::messages::kServiceUnreachable.str();
+                if (!advisor.settled() && !unreachable && std::chrono::steady_clock::now() < deadline) return;
+                settle.cancel();
+                scope->stop();
+            });
+        };
         auto finishRun = [&] {
             limit.cancel();
             progress.cancel();
@@ -220,7 +292,7 @@ void setup(CLI::App& app, Context& context) {
             // Without a kept part the reason was said already; nothing waits to be uploaded.
             if (!kept) context.exitCode = kExitFailure;
             out.stopped(id, file.string(), kept && outcome && outcome->id == id ? outcome->savedSeconds : 0.0, kept);
-            scope->stop();
+            settleThenStop();
         };
         auto stopNow = [&] {
             if (!started || stopping) return;
@@ -258,6 +330,7 @@ void setup(CLI::App& app, Context& context) {
             }
             started = true;
             id = recorder.currentID().value_or("");
+            if (*live && !core.client().hasSessionCookie()) std::cerr << "vell: " << msg::kLiveNeedsSignIn.str() << "\n";
             for (const auto& r : recorder.pending())
                 if (r.id == id) file = r.fileURL;
             out.started(id, file.string(), *seconds, recorder.state.microphoneFellBack.get());

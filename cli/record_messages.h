@@ -28,4 +28,11 @@ inline constexpr Text kDidNotStart{"The recording did not start: ", "La grabaci�
 // Followed by the length in seconds and " s".
 inline constexpr Text kSaved{"Saved, ready to upload. Length: ", "Guardada, lista para subir. Duración: "};
 
+inline constexpr Text kLiveOption{"Print the live advice (cues) as it arrives",
+                                  "Muestra los consejos en vivo a medida que llegan"};
+// Followed by a cue's title, ": " and its sentence.
+inline constexpr Text kCue{"Cue: ", "Consejo: "};
+inline constexpr Text kLiveNeedsSignIn{"Live advice needs a signed-in session; recording without it.",
+                                       "Los consejos en vivo necesitan una sesión iniciada; se graba sin ellos."};
+
 }  // namespace vell::cli::record_messages

@@ -2,7 +2,7 @@
 # includes a platform binding (only the composition root, app/composition*.cpp, picks them)
 # or when base/ includes anything of ours but base/.
 set(problems "")
-foreach(layer audio recording service insurance automation app session)
+foreach(layer audio recording service insurance automation app session live results)
   file(GLOB_RECURSE files ${VELL_SOURCE_DIR}/${layer}/*.h ${VELL_SOURCE_DIR}/${layer}/*.cpp)
   foreach(file ${files})
     if(file MATCHES "/app/composition[^/]*\\.cpp$")

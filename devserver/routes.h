@@ -5,6 +5,7 @@
 
 #include "devserver/agent_requests.h"
 #include "devserver/auth.h"
+#include "devserver/conversations.h"
 #include "devserver/faults.h"
 #include "devserver/recordings.h"
 #include "devserver/router.h"
@@ -20,6 +21,7 @@ struct Services {
     LiveChunks& live;
     FaultTable& faults;
     std::string adminToken;  // empty: the admin API is off
+    Conversations* conversations = nullptr;  // live sessions and the processing of recordings
 };
 
 // The signed-in account of the request; answers 401 "unauthorized" when there is none.
@@ -33,5 +35,9 @@ void addUploadRoutes(Router& router, Services& services);
 void addAgentRoutes(Router& router, Services& services);
 void addTranscribeRoutes(Router& router, Services& services);
 void addAdminRoutes(Router& router, Services& services);
+void addLiveRoutes(Router& router, Services& services);
+void addResultRoutes(Router& router, Services& services);
+// Admin: true (and the request answered) when the admin token is missing or wrong.
+bool adminRefused(Exchange& ex, const Services& services);
 
 }  // namespace vell::devserver

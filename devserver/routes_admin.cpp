@@ -10,7 +10,7 @@ namespace vell::devserver {
 using nlohmann::json;
 
 namespace {
-bool admitted(Exchange& ex, const Services& s) {
+bool admittedHere(Exchange& ex, const Services& s) {
     if (s.adminToken.empty()) {
         ex.fail(403, "admin_disabled");
         return false;
@@ -41,9 +41,11 @@ json uploadJson(const Upload& u) {
 }
 }  // namespace
 
+bool adminRefused(Exchange& ex, const Services& s) { return !admittedHere(ex, s); }
+
 void addAdminRoutes(Router& router, Services& s) {
     router.post(R"(/admin/faults)", [&s](Exchange& ex) {
-        if (!admitted(ex, s)) return;
+        if (!admittedHere(ex, s)) return;
         auto body = ex.json();
         std::string error = "body must be JSON";
         auto fault = body ? parseFault(*body, error) : std::nullopt;
@@ -51,13 +53,13 @@ void addAdminRoutes(Router& router, Services& s) {
         ex.reply(200, {{"id", s.faults.add(*fault)}});
     });
     router.del(R"(/admin/faults)", [&s](Exchange& ex) {
-        if (!admitted(ex, s)) return;
+        if (!admittedHere(ex, s)) return;
         s.faults.clear();
         ex.reply(200, {{"ok", true}});
     });
 
     router.post(R"(/admin/insurance/requests)", [&s](Exchange& ex) {
-        if (!admitted(ex, s)) return;
+        if (!admittedHere(ex, s)) return;
         auto body = ex.json();
         if (!body || !body->is_object() || !body->contains("email") || !(*body)["email"].is_string()) {
             return ex.fail(400, "missing_fields");
@@ -71,17 +73,17 @@ void addAdminRoutes(Router& router, Services& s) {
         ex.reply(200, {{"id", s.requests.enqueue(email, *from, *to)}});
     });
     router.post(R"(/admin/insurance/transcribe/release)", [&s](Exchange& ex) {
-        if (!admitted(ex, s)) return;
+        if (!admittedHere(ex, s)) return;
         releaseHeldStreams();
         ex.reply(200, {{"ok", true}});
     });
     router.get(R"(/admin/insurance/requests)", [&s](Exchange& ex) {
-        if (!admitted(ex, s)) return;
+        if (!admittedHere(ex, s)) return;
         ex.reply(200, s.store.read([](const State& state) { return json(state.requests); }));
     });
 
     router.get(R"(/admin/uploads)", [&s](Exchange& ex) {
-        if (!admitted(ex, s)) return;
+        if (!admittedHere(ex, s)) return;
         ex.reply(200, s.store.read([](const State& state) {
             json list = json::array();
             for (const auto& [id, upload] : state.uploads) list.push_back(uploadJson(upload));
@@ -89,7 +91,7 @@ void addAdminRoutes(Router& router, Services& s) {
         }));
     });
     router.get(R"(/admin/recordings)", [&s](Exchange& ex) {
-        if (!admitted(ex, s)) return;
+        if (!admittedHere(ex, s)) return;
         ex.reply(200, s.store.read([](const State& state) {
             json list = json::array();
             for (const auto& [id, recording] : state.recordings) list.push_back(recording);
@@ -98,7 +100,7 @@ void addAdminRoutes(Router& router, Services& s) {
     });
 
     router.post(R"(/admin/sessions/expire)", [&s](Exchange& ex) {
-        if (!admitted(ex, s)) return;
+        if (!admittedHere(ex, s)) return;
         auto body = ex.json();
         if (!body || !body->is_object() || !body->contains("email") || !(*body)["email"].is_string()) {
             return ex.fail(400, "missing_fields");
@@ -107,7 +109,7 @@ void addAdminRoutes(Router& router, Services& s) {
     });
 
     router.post(R"(/admin/users)", [&s](Exchange& ex) {
-        if (!admitted(ex, s)) return;
+        if (!admittedHere(ex, s)) return;
         auto body = ex.json();
         if (!body || !body->is_object()) return ex.fail(400, "missing_fields");
         NewUser user;

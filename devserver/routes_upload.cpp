@@ -1,4 +1,4 @@
-// Resumable upload, the single multipart upload and live-session chunks.
+// Resumable upload and the single multipart upload; each new recording is queued for processing.
 #include <charconv>
 
 #include "devserver/routes.h"
@@ -103,6 +103,7 @@ void finalize(Exchange& ex, Services& s) {
     using O = Uploads::FinalizeOutcome;
     switch (result.outcome) {
         case O::Created:
+            if (s.conversations) s.conversations->enqueueRecording(result.recordingId);
             return ex.reply(200, {{"id", result.recordingId}});
         case O::NotFound:
             return ex.fail(404, "not_found");
@@ -157,32 +158,10 @@ void multipartRecording(Exchange& ex, Services& s) {
     }
     auto recording = incoming.commit(account->email, started, ended, prompt);
     if (!recording) return ex.fail(500, "storage_failed");
+    if (s.conversations) s.conversations->enqueueRecording(recording->id);
     ex.reply(200, {{"id", recording->id}});
 }
 
-void liveChunk(Exchange& ex, Services& s) {
-    auto account = signedIn(ex, s.auth);
-    if (!account) return;
-    const std::string sessionId = ex.req.matches[1];
-    if (!LiveChunks::validSessionId(sessionId)) return ex.fail(400, "invalid_session");
-    auto path = s.live.next(account->id, sessionId);
-    FileSink file;
-    if (!path || !file.open(*path, 0)) return ex.fail(500, "storage_failed");
-    bool failed = false;
-    bool complete = ex.body()([&](const char* data, size_t size) {
-        if (!failed && !file.write(data, size)) failed = true;
-        return true;
-    });
-    if (failed || !file.sync()) return ex.fail(500, "storage_failed");
-    if (!complete) return ex.fail(400, "bad_request");
-    if (file.written() == 0) {
-        file.close();
-        std::error_code ignored;
-        std::filesystem::remove(*path, ignored);
-        return ex.fail(400, "empty_part");
-    }
-    ex.reply(200, {{"ok", true}});
-}
 }  // namespace
 
 void addUploadRoutes(Router& router, Services& s) {
@@ -190,7 +169,6 @@ void addUploadRoutes(Router& router, Services& s) {
     router.put(R"(/api/recordings/upload/([^/]+)/part)", [&s](Exchange& ex) { part(ex, s); }, true);
     router.post(R"(/api/recordings/upload/([^/]+)/finalize)", [&s](Exchange& ex) { finalize(ex, s); });
     router.post(R"(/api/recordings)", [&s](Exchange& ex) { multipartRecording(ex, s); });
-    router.post(R"(/api/recordings/live/([^/]+)/chunk)", [&s](Exchange& ex) { liveChunk(ex, s); });
 }
 
 }  // namespace vell::devserver

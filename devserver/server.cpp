@@ -27,13 +27,15 @@ struct DevServer::Parts {
           uploads(store),
           requests(store),
           live(store),
-          services{store, auth, uploads, requests, live, faults, config.adminToken},
+          conversations(store),
+          services{store, auth, uploads, requests, live, faults, config.adminToken, &conversations},
           router(http, faults) {}
     Store store;
     Auth auth;
     Uploads uploads;
     AgentRequests requests;
     LiveChunks live;
+    Conversations conversations;
     FaultTable faults;
     Services services;
     httplib::Server http;
@@ -51,6 +53,10 @@ bool DevServer::prepare(std::string& message) {
         return false;
     }
     for (const auto& note : p.uploads.recover()) std::fprintf(stderr, "recovery: %s\n", note.c_str());
+    if (!p.conversations.load(error)) {
+        message = "cannot read the conversations in " + config_.dataDir.string() + ": " + error.message();
+        return false;
+    }
 
     std::vector<NewUser> users = config_.users;
     if (users.empty()) users.push_back(NewUser{kDemoEmail, kDemoPassword, {}, {}, "user"});
@@ -99,6 +105,9 @@ bool DevServer::prepare(std::string& message) {
     addAgentRoutes(p.router, p.services);
     addTranscribeRoutes(p.router, p.services);
     addAdminRoutes(p.router, p.services);
+    addLiveRoutes(p.router, p.services);
+    addResultRoutes(p.router, p.services);
+    p.conversations.startWorker();
     return true;
 }
 
@@ -110,6 +119,9 @@ int DevServer::bind() {
 
 bool DevServer::serve() { return parts_->http.listen_after_bind(); }
 
-void DevServer::stop() { parts_->http.stop(); }
+void DevServer::stop() {
+    parts_->http.stop();
+    parts_->conversations.stopWorker();
+}
 
 }  // namespace vell::devserver

@@ -57,7 +57,8 @@ LiveSegmentWriter::LiveSegmentWriter(Options options)
       directory_(options.directory.empty() ? paths::temporaryDirectory() / "vell-live-segments" : options.directory),
       mainExecutor_(options.mainExecutor),
       sealTimeout_(options.sealTimeoutSeconds),
-      sealPoll_(options.sealPollSeconds) {}
+      sealPoll_(options.sealPollSeconds),
+      segmentFrames_(options.segmentFrames > 0 ? options.segmentFrames : kSegmentFrames) {}
 
 LiveSegmentWriter::~LiveSegmentWriter() {
     std::lock_guard lock(lock_);
@@ -129,7 +130,7 @@ void LiveSegmentWriter::append(audio::PcmBufferPtr buffer) {
         }
         // Frames count even while no segment could be created, so the next one is tried.
         totalFrames_ += static_cast<std::int64_t>(frames);
-        if (totalFrames_ - segmentStartFrames_ >= kSegmentFrames) {
+        if (totalFrames_ - segmentStartFrames_ >= segmentFrames_) {
             closed = closeSegment();
             ++segmentIndex_;
             openSegment();

@@ -33,6 +33,7 @@ public:
         Executor* mainExecutor = nullptr;       // runtime::main() when absent
         double sealTimeoutSeconds = 2.0;
         double sealPollSeconds = 0.05;
+        std::int64_t segmentFrames = kSegmentFrames;  // shorter only for tests and demos
     };
 
     explicit LiveSegmentWriter(Options options);
@@ -68,6 +69,7 @@ private:
     Executor* mainExecutor_;
     double sealTimeout_;
     double sealPoll_;
+    std::int64_t segmentFrames_;
 
     mutable std::mutex lock_;
     bool active_ = false;

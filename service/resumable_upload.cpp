@@ -191,14 +191,21 @@ Expected<std::string, UploadError> RecordingUploads::uploadMultipart(const std::
 }
 
 Expected<Unit, UploadError> RecordingUploads::uploadLiveChunk(const std::string& sessionID,
-                                                              const std::filesystem::path& file) const {
+                                                              const std::filesystem::path& file,
+                                                              const std::optional<LiveChunkPlace>& place) const {
     std::error_code ec;
     if (!std::filesystem::is_regular_file(file, ec)) {
         return unexpected(UploadError::fileError(ec ? ec : std::make_error_code(std::errc::no_such_file_or_directory)));
     }
+    http::Headers headers = {{"Content-Type", "audio/mp4"}};
+    if (place) {
+        headers.emplace_back("X-Vell-Chunk-Index", std::to_string(place->index));
+        headers.emplace_back("X-Vell-Chunk-Start-Ms", std::to_string(place->startMs));
+        if (!place->sides.empty()) headers.emplace_back("X-Vell-Sides", place->sides);
+    }
     auto reply = client_.send({.method = "POST",
                                .path = "api/recordings/live/" + sessionID + "/chunk",
-                               .headers = {{"Content-Type", "audio/mp4"}},
+                               .headers = std::move(headers),
                                .bodyFile = file});
     if (!reply) return unexpected(reply.error());
     return Unit{};

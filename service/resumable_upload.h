@@ -52,8 +52,17 @@ public:
                                                        const std::optional<std::string>& summaryPromptID,
                                                        const std::optional<CaptureWindow>& capture) const;
 
+    // Where a live segment sits in its session: its number (so the service keeps the
+    // segments in order and recognises one sent twice), where it starts in the recording,
+    // and the two sides' levels over it (the live advisor's header form).
+    struct LiveChunkPlace {
+        int index = 0;
+        long long startMs = 0;
+        std::string sides;
+    };
     // One finished live segment of a live session.
-    Expected<Unit, UploadError> uploadLiveChunk(const std::string& sessionID, const std::filesystem::path& file) const;
+    Expected<Unit, UploadError> uploadLiveChunk(const std::string& sessionID, const std::filesystem::path& file,
+                                                const std::optional<LiveChunkPlace>& place = std::nullopt) const;
 
 private:
     const APIClient& client_;

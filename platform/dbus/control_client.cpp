@@ -280,10 +280,26 @@ ControlClient::Result<std::string> ControlClient::echoCancelStatus() const {
     });
 }
 
+ControlClient::Result<std::string> ControlClient::liveAdvice() const {
+    return guarded([this] {
+        std::string json;
+        proxy_->callMethod("LiveAdvice").onInterface(kControlInterface).withTimeout(10s).storeResultsTo(json);
+        return json;
+    });
+}
+
 ControlClient::Result<std::string> ControlClient::insuranceRequests() const {
     return guarded([this] {
         std::string json;
         proxy_->callMethod("InsuranceRequests").onInterface(kControlInterface).withTimeout(30s).storeResultsTo(json);
+        return json;
+    });
+}
+
+ControlClient::Result<std::string> ControlClient::recordings() const {
+    return guarded([this] {
+        std::string json;
+        proxy_->callMethod("Recordings").onInterface(kControlInterface).withTimeout(90s).storeResultsTo(json);
         return json;
     });
 }
@@ -297,10 +313,27 @@ ControlClient::Result<std::string> ControlClient::setEchoCancelEnabled(bool enab
     });
 }
 
+ControlClient::Result<std::string> ControlClient::recordingDetail(const std::string& id) const {
+    return guarded([this, &id] {
+        std::string json;
+        proxy_->callMethod("RecordingDetail").onInterface(kControlInterface).withTimeout(90s).withArguments(id).storeResultsTo(json);
+        return json;
+    });
+}
+
 ControlClient::Result<std::string> ControlClient::recoverPlay() const {
     return guarded([this] {
         std::string json;
         proxy_->callMethod("RecoverPlay").onInterface(kControlInterface).withTimeout(30s).storeResultsTo(json);
+        return json;
+    });
+}
+
+ControlClient::Result<std::string> ControlClient::renameSpeakers(const std::string& id, const std::string& namesJson) const {
+    return guarded([this, &id, &namesJson] {
+        std::string json;
+        proxy_->callMethod("RenameSpeakers").onInterface(kControlInterface).withTimeout(90s)
+            .withArguments(id, namesJson).storeResultsTo(json);
         return json;
     });
 }
@@ -317,6 +350,14 @@ ControlClient::Result<std::string> ControlClient::recoverCopy() const {
         std::string json;
         proxy_->callMethod("RecoverCopy").onInterface(kControlInterface).withTimeout(30s).storeResultsTo(json);
         return json;
+    });
+}
+
+ControlClient::Result<std::string> ControlClient::shareRecording(const std::string& id) const {
+    return guarded([this, &id] {
+        std::string url;
+        proxy_->callMethod("ShareRecording").onInterface(kControlInterface).withTimeout(90s).withArguments(id).storeResultsTo(url);
+        return url;
     });
 }
 

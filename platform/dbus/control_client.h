@@ -73,6 +73,12 @@ public:
     Result<std::string> recoverPlay() const;
     Result<Unit> recoverStopPlaying() const;
     Result<std::string> recoverCopy() const;
+    // Live advice and recording results (JSON; see control_results.cpp).
+    Result<std::string> liveAdvice() const;
+    Result<std::string> recordings() const;
+    Result<std::string> recordingDetail(const std::string& id) const;
+    Result<std::string> renameSpeakers(const std::string& id, const std::string& namesJson) const;
+    Result<std::string> shareRecording(const std::string& id) const;
 
 private:
     ControlClient() = default;

@@ -71,6 +71,15 @@
 //   InsuranceRequests () -> s       the agent requests answered since the host started:
 //                                   [{"id","fromMs","toMs","status","recordingId"?,"error"?,
 //                                   "reported","answeredAtMs"}]
+//   LiveAdvice () -> s              the running recording's live advice: {"sessionId","tiles",
+//                                   "message","segmentsSent","segmentsDropped","segmentsWaiting",
+//                                   "closed"}
+//   Recordings () -> s              the account's recordings with their processing state, each
+//                                   with "offline" (why the copy kept here is shown) or null
+//   RecordingDetail (s id) -> s     one recording's summary, transcript, speakers and cues
+//   RenameSpeakers (s id, s names) -> s   names {"N": "NAME"}; the recording afterwards
+//   ShareRecording (s id) -> s      the link to its summary and transcript
+//                                   (details in control_results.cpp)
 #include <string_view>
 
 namespace vell::dbus {

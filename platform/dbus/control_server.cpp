@@ -19,6 +19,7 @@
 #include "platform/dbus/control_microphone.h"
 #include "platform/dbus/control_recovery.h"
 #include "platform/dbus/control_agent_requests.h"
+#include "platform/dbus/control_results.h"
 #include "platform/dbus/control_context.h"
 #include "platform/dbus/control_insurance.h"
 #include "platform/dbus/control_protocol.h"
@@ -71,6 +72,7 @@ const ControlExtension kExtensions[] = {
     &registerMicrophoneControl,
     &registerEchoControl,
     &registerAgentRequestsControl,
+    &registerResultsControl,
 };
 }  // namespace
 

@@ -252,7 +252,7 @@ TEST_F(DevServerUpload, MultipartFormStreamsTheAudioPart) {
 TEST_F(DevServerUpload, LiveChunksAreStoredInOrder) {
     auto first = ana.post("/api/recordings/live/live-1/chunk", json("ignored"));  // any bytes
     EXPECT_EQ(first.status, 200);
-    EXPECT_EQ(first.body, (json{{"ok", true}}));
+    EXPECT_EQ(first.body, (json{{"ok", true}, {"index", 0}, {"nextIndex", 1}}));
     auto client = server.client();
     httplib::Headers headers = {{"Cookie", "vell_session=" + ana.cookies["vell_session"]}};
     auto second = client.Post("/api/recordings/live/live-1/chunk", headers, std::string(1000, 'm'), "audio/mp4");
