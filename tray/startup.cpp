@@ -1,0 +1,110 @@
+#include "tray/startup.h"
+
+#include <unistd.h>
+
+#include <QApplication>
+#include <QMessageBox>
+#include <chrono>
+#include <thread>
+
+#include "app/composition.h"
+#include "app/host.h"
+#include "base/instance_lock.h"
+#include "base/log.h"
+#include "base/paths.h"
+#include "base/runtime.h"
+#include "base/user_defaults.h"
+#include "cli/signal_watcher.h"
+#include "platform/dbus/control_client.h"
+#include "platform/dbus/control_server.h"
+#include "tray/language_choice.h"
+#include "tray/local_backend.h"
+#include "tray/qt_executor.h"
+#include "tray/remote_backend.h"
+#include "tray/shell.h"
+#include "tray/tray_messages.h"
+#include "tray/ui_text.h"
+
+namespace vell::tray {
+
+namespace {
+
+const log::Logger kLog("Tray");
+
+// A host that is starting holds the folder before it offers its interface: wait for it a
+// little rather than refuse.
+std::unique_ptr<dbus::ControlClient> waitForHost(std::chrono::seconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (auto client = dbus::ControlClient::connect()) return client;
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    }
+    return nullptr;
+}
+
+int refuse(const std::string& sentence) {
+    kLog.error(sentence);
+    QMessageBox::critical(nullptr, q(messages::kCannotStart), QString::fromStdString(sentence));
+    return 1;
+}
+
+int runFrontEnd(std::unique_ptr<dbus::ControlClient> client, cli::SignalWatcher& watcher, char** argv) {
+    kLog.info("another Vell hosts the recordings; this tray is its front end");
+    RemoteBackend backend(std::move(client));
+    Shell shell(backend, UserDefaults::standard());
+    watcher.watch([] { QMetaObject::invokeMethod(qApp, [] { QCoreApplication::quit(); }, Qt::QueuedConnection); });
+    // When that host quits, this tray starts over: as the host, or as the front end of
+    // whichever host came up meanwhile.
+    QObject::connect(&backend, &RemoteBackend::hostLost, [argv] {
+        kLog.info("the host went away; starting over");
+        ::execv("/proc/self/exe", argv);
+    });
+    shell.start();
+    return QApplication::exec();
+}
+
+int runHost(cli::SignalWatcher& watcher) {
+    // Both live as long as the process: services and their threads may still post while it ends.
+    auto* executor = new QtExecutor();
+    static SystemClock clock;
+    runtime::install(executor, &clock);
+    app::installComposition();
+    auto& host = app::host();
+    auto server = dbus::ControlServer::start(host);
+    if (!server) kLog.error(server.error());
+    auto parts = processParts();
+    parts.levelsTakenElsewhere = bool(server) && *server;
+    LocalBackend backend(std::move(parts));
+    Shell shell(backend, UserDefaults::standard());
+    host.onQuitFinished = [] { QCoreApplication::quit(); };
+    // A signal quits like the daemon: a recording stops and stays ready for upload.
+    watcher.watch([executor, &host] { executor->post([&host] { host.quit({}); }); });
+    shell.start();
+    host.start();
+    const int code = QApplication::exec();
+    if (server) server->reset();
+    return code;
+}
+
+}  // namespace
+
+int runTray(int argc, char** argv) {
+    cli::SignalWatcher watcher;  // first: every thread inherits its mask
+    QApplication application(argc, argv);
+    QApplication::setApplicationName("Vell");
+    QApplication::setDesktopFileName("vell");
+    QApplication::setQuitOnLastWindowClosed(false);
+    applyStoredLanguage(UserDefaults::standard());
+    app::installPlatformBindings();
+
+    if (auto client = dbus::ControlClient::connect()) return runFrontEnd(std::move(client), watcher, argv);
+    auto lock = InstanceLock::acquire(paths::vellDataDirectory());
+    if (!lock) {
+        if (!lock.error().busy) return refuse(lock.error().sentence);
+        if (auto client = waitForHost(std::chrono::seconds(5))) return runFrontEnd(std::move(client), watcher, argv);
+        return refuse(lock.error().sentence);
+    }
+    return runHost(watcher);
+}
+
+}  // namespace vell::tray
