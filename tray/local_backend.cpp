@@ -24,6 +24,7 @@
 #include "insurance/insurance_recovery_controller.h"
 #include "platform/calendar/ics_calendar_source.h"
 #include "recording/recorder_service.h"
+#include "tray/language_choice.h"
 
 namespace vell::tray {
 
@@ -31,6 +32,7 @@ namespace {
 
 // How often the levels, the undo countdown and the buffered span are looked at.
 constexpr int kTickMilliseconds = 200;
+constexpr int kLoginCheckTicks = 10;
 
 SignInPhase phaseOf(app::AppState::Phase phase) {
     switch (phase) {
@@ -83,13 +85,18 @@ LocalParts processParts() {
 LocalBackend::LocalBackend(LocalParts parts) : parts_(std::move(parts)) {
     if (parts_.loginItem && parts_.defaults) {
         preferences_ = std::make_unique<app::AppPreferences>(*parts_.defaults, *parts_.loginItem);
+        refreshLoginItem();
     }
     watch();
     tick_.setInterval(kTickMilliseconds);
     connect(&tick_, &QTimer::timeout, this, [this] {
         watchLate();
+        // The desktop's start-up entry can change behind our back (its settings, a removal).
+        if (preferences_ && ++ticks_ % kLoginCheckTicks == 0) refreshLoginItem();
         rebuild();
     });
+    // Labels made here (the microphones) follow the interface language.
+    connect(&languageSignal(), &LanguageSignal::changed, this, &LocalBackend::rebuild);
     tick_.start();
     rebuild();
 }
@@ -146,9 +153,12 @@ void LocalBackend::watchLate() {
         }
     }
     auto& running = automation::runningAutomations();
-    if (!automationsWatched_ && running.discards && running.calendar) {
-        automationsWatched_ = true;
+    if (!calendarWatched_ && running.calendar) {
+        calendarWatched_ = true;
         lateWatches_.push_back(running.calendar->isEnabled.subscribe(again));
+    }
+    if (!discardsWatched_ && running.discards) {
+        discardsWatched_ = true;
         lateWatches_.push_back(running.discards->latest.subscribe([this](const std::optional<automation::DiscardedEntry>& entry) {
             scheduleRebuild();
             // The user's own discards offer the panel; a meeting nobody spoke in is told by
@@ -269,7 +279,7 @@ void LocalBackend::rebuild() {
         s.showsDockIcon = preferences_->showsDockIcon.get();
         s.opensAtLogin = preferences_->opensAtLogin.get();
         s.loginNeedsApproval = preferences_->loginNeedsApproval.get();
-        s.loginItemMissing = parts_.loginItem->status() == app::LoginItemStatus::notFound;
+        s.loginItemMissing = loginItemMissing_;
     }
 
     // Widgets repaint only when something they show moved.
@@ -383,8 +393,16 @@ void LocalBackend::setShowsDockIcon(bool shows) {
     if (preferences_) preferences_->setShowsDockIcon(shows);
 }
 
+void LocalBackend::refreshLoginItem() {
+    preferences_->refreshLoginItem();
+    loginItemMissing_ = parts_.loginItem->status() == app::LoginItemStatus::notFound;
+}
+
 void LocalBackend::setOpensAtLogin(bool opens) {
-    if (preferences_) preferences_->setOpensAtLogin(opens);
+    if (preferences_) {
+        preferences_->setOpensAtLogin(opens);
+        refreshLoginItem();
+    }
     scheduleRebuild();
 }
 

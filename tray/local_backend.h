@@ -91,6 +91,7 @@ private:
     void watchLate();
     void scheduleRebuild();
     void rebuildRecovery();
+    void refreshLoginItem();
     insurance::InsuranceRecoveryController* recoveryController();
 
     LocalParts parts_;
@@ -99,9 +100,11 @@ private:
     std::unique_ptr<app::AppPreferences> preferences_;
     std::unique_ptr<insurance::InsuranceRecoveryController> recovery_controller_;
     std::vector<Subscription> watches_, lateWatches_, recoveryWatches_;
-    bool insuranceWatched_ = false, callsWatched_ = false, automationsWatched_ = false;
+    bool insuranceWatched_ = false, callsWatched_ = false, calendarWatched_ = false, discardsWatched_ = false;
     std::optional<std::string> lastDiscard_;
     bool rebuildPosted_ = false;
+    long long ticks_ = 0;
+    bool loginItemMissing_ = false;
     QTimer tick_;
 };
 

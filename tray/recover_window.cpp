@@ -90,6 +90,7 @@ RecoverWindow::RecoverWindow(Backend& backend, QWidget* parent) : QWidget(parent
 
 void RecoverWindow::choose() {
     backend_.recoverChoose(RecoveryRange(range_->currentData().toInt()), minutes_->value());
+    render();
 }
 
 void RecoverWindow::render() {
