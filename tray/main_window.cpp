@@ -4,6 +4,7 @@
 #include <QHeaderView>
 #include <QLabel>
 #include <QPushButton>
+#include <QShortcut>
 #include <QStyle>
 #include <QTableWidget>
 #include <QVBoxLayout>
@@ -72,7 +73,20 @@ MainWindow::MainWindow(Backend& backend, QWidget* parent) : QWidget(parent, Qt::
     bottom->addStretch();
     bottom->addWidget(recover_);
     bottom->addWidget(settings_);
+    quit_ = new QPushButton(this);
+    quit_->setObjectName("quitButton");
+    bottom->addWidget(quit_);
     layout->addLayout(bottom);
+    // Without a tray this window is the way in: its commands have the usual keys, which
+    // work while it is shown (also on a bare X server, where no window manager tells Qt
+    // which window is active).
+    auto shortcut = [this](const QKeySequence& keys, QPushButton* button) {
+        auto* s = new QShortcut(keys, this, button, &QPushButton::click, Qt::ApplicationShortcut);
+        button->setToolTip(keys.toString(QKeySequence::NativeText));
+        return s;
+    };
+    shortcut(QKeySequence(Qt::CTRL | Qt::Key_R), record_);
+    shortcut(QKeySequence::Quit, quit_);
 
     connect(record_, &QPushButton::clicked, this, [this] {
         if (backend_.state().recording) backend_.stopRecording(false);
@@ -86,6 +100,7 @@ MainWindow::MainWindow(Backend& backend, QWidget* parent) : QWidget(parent, Qt::
     connect(undo_, &QPushButton::clicked, this, [this] { backend_.undo(); });
     connect(recover_, &QPushButton::clicked, this, [this] { emit openWindow("recover"); });
     connect(settings_, &QPushButton::clicked, this, [this] { emit openWindow("settings"); });
+    connect(quit_, &QPushButton::clicked, this, [this] { emit quitRequested(); });
     connect(&backend_, &Backend::changed, this, &MainWindow::render);
     connect(&languageSignal(), &LanguageSignal::changed, this, &MainWindow::render);
     resize(fontMetrics().averageCharWidth() * 100, fontMetrics().height() * 30);
@@ -131,6 +146,7 @@ void MainWindow::render() {
     recover_->setText(q(m::kRecoverSpeech));
     recover_->setEnabled(s.insuranceEnabled);
     settings_->setText(q(m::kSettingsEllipsis));
+    quit_->setText(q(m::kQuitVell));
 }
 
 }  // namespace vell::tray

@@ -19,6 +19,7 @@ public:
 
 signals:
     void openWindow(const QString& identifier);
+    void quitRequested();
 
 private:
     Backend& backend_;
@@ -33,6 +34,7 @@ private:
     QPushButton* undo_;
     QPushButton* recover_;
     QPushButton* settings_;
+    QPushButton* quit_;
 };
 
 }  // namespace vell::tray

@@ -134,6 +134,7 @@ QWidget* Shell::openWindow(const QString& identifier) {
         } else {
             auto* main = new MainWindow(backend_);
             connect(main, &MainWindow::openWindow, this, [this](const QString& id) { openWindow(id); });
+            connect(main, &MainWindow::quitRequested, this, &Shell::requestQuit);
             w = main;
         }
         windows_[w->objectName()] = w;

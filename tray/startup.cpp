@@ -42,6 +42,23 @@ std::unique_ptr<dbus::ControlClient> waitForHost(std::chrono::seconds limit) {
     return nullptr;
 }
 
+// `--open ID` (repeatable): windows to show at start ("main", "login", "settings",
+// "recover", "onboarding", or "panel").
+QStringList windowsToOpen() {
+    QStringList ids;
+    const QStringList args = QCoreApplication::arguments();
+    for (int i = 1; i + 1 < args.size(); ++i)
+        if (args[i] == "--open") ids << args[++i];
+    return ids;
+}
+
+void openRequested(Shell& shell) {
+    for (const auto& id : windowsToOpen()) {
+        if (id == "panel") shell.togglePanel();
+        else shell.openWindow(id);
+    }
+}
+
 int refuse(const std::string& sentence) {
     kLog.error(sentence);
     QMessageBox::critical(nullptr, q(messages::kCannotStart), QString::fromStdString(sentence));
@@ -60,6 +77,7 @@ int runFrontEnd(std::unique_ptr<dbus::ControlClient> client, cli::SignalWatcher&
         ::execv("/proc/self/exe", argv);
     });
     shell.start();
+    openRequested(shell);
     return QApplication::exec();
 }
 
@@ -80,6 +98,7 @@ int runHost(cli::SignalWatcher& watcher) {
     // A signal quits like the daemon: a recording stops and stays ready for upload.
     watcher.watch([executor, &host] { executor->post([&host] { host.quit({}); }); });
     shell.start();
+    openRequested(shell);
     host.start();
     const int code = QApplication::exec();
     if (server) server->reset();
