@@ -87,7 +87,11 @@ LocalBackend::LocalBackend(LocalParts parts) : parts_(std::move(parts)) {
         preferences_ = std::make_unique<app::AppPreferences>(*parts_.defaults, *parts_.loginItem);
         refreshLoginItem();
     }
-    watch();
+    // The services are looked at once the event loop runs, so the icon shows first.
+    QTimer::singleShot(0, this, [this] {
+        watch();
+        rebuild();
+    });
     tick_.setInterval(kTickMilliseconds);
     connect(&tick_, &QTimer::timeout, this, [this] {
         watchLate();
@@ -98,7 +102,6 @@ LocalBackend::LocalBackend(LocalParts parts) : parts_(std::move(parts)) {
     // Labels made here (the microphones) follow the interface language.
     connect(&languageSignal(), &LanguageSignal::changed, this, &LocalBackend::rebuild);
     tick_.start();
-    rebuild();
 }
 
 LocalBackend::~LocalBackend() {
@@ -181,6 +184,7 @@ void LocalBackend::scheduleRebuild() {
 }
 
 void LocalBackend::rebuild() {
+    if (watches_.empty()) watch();
     auto& core = parts_.host->core();
     auto& recorder = core.recorder();
     TrayState s;

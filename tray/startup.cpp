@@ -4,6 +4,7 @@
 
 #include <QApplication>
 #include <QMessageBox>
+#include <QTimer>
 #include <chrono>
 #include <thread>
 
@@ -88,10 +89,9 @@ int runHost(cli::SignalWatcher& watcher) {
     runtime::install(executor, &clock);
     app::installComposition();
     auto& host = app::host();
-    auto server = dbus::ControlServer::start(host);
-    if (!server) kLog.error(server.error());
     auto parts = processParts();
-    parts.levelsTakenElsewhere = bool(server) && *server;
+    // The control interface takes the input peaks on its own tick once it runs.
+    parts.levelsTakenElsewhere = true;
     LocalBackend backend(std::move(parts));
     Shell shell(backend, UserDefaults::standard());
     host.onQuitFinished = [] { QCoreApplication::quit(); };
@@ -99,9 +99,16 @@ int runHost(cli::SignalWatcher& watcher) {
     watcher.watch([executor, &host] { executor->post([&host] { host.quit({}); }); });
     shell.start();
     openRequested(shell);
-    host.start();
+    // The icon first; the interface and the launch on the loop's first turn.
+    std::unique_ptr<dbus::ControlServer> server;
+    QTimer::singleShot(0, [&host, &server] {
+        auto started = dbus::ControlServer::start(host);
+        if (started) server = std::move(*started);
+        else kLog.error(started.error());
+        host.start();
+    });
     const int code = QApplication::exec();
-    if (server) server->reset();
+    server.reset();
     return code;
 }
 

@@ -122,6 +122,7 @@ struct TrayRig {
             return !text.empty();
         };
         backend = std::make_unique<LocalBackend>(std::move(parts));
+        backend->rebuild();  // what the loop's first turn does
         shell = std::make_unique<Shell>(*backend, home.defaults());
         shell->onQuit = [this] { ++quits; };
     }
