@@ -85,6 +85,8 @@ public:
 
     // Rebuilds the state now (tests; the widgets get it on the next turn of the loop).
     void rebuild();
+    // Whether another reader takes the input peaks (see LocalParts).
+    void setLevelsTakenElsewhere(bool taken) { parts_.levelsTakenElsewhere = taken; }
 
 private:
     void watch();

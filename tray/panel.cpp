@@ -210,7 +210,10 @@ Panel::Panel(Backend& backend, QWidget* parent) : QFrame(parent, Qt::Popup | Qt:
 void Panel::render() {
     const auto& s = backend_.state();
     title_->setText(q(m::kAppName));
-    statusLabel_->setText(s.recording ? q(m::kRecordingNow) : s.starting ? q(m::kStarting) : q(m::kNotRecording));
+    QString status = s.recording ? q(m::kRecordingNow) : s.starting ? q(m::kStarting) : q(m::kNotRecording);
+    // A recording started by the calendar says which meeting it is.
+    if (s.recording && !s.calendarMeeting.empty()) status += QString::fromUtf8(" \u201c") + q(s.calendarMeeting) + QString::fromUtf8("\u201d");
+    statusLabel_->setText(status);
     recordButton_->setText(s.recording ? q(m::kStop) : s.starting ? q(m::kStarting) : q(m::kRecord));
     recordButton_->setIcon(style()->standardIcon(s.recording ? QStyle::SP_MediaStop : QStyle::SP_MediaPlay));
     recordButton_->setEnabled(!s.starting || s.recording);

@@ -101,10 +101,16 @@ int runHost(cli::SignalWatcher& watcher) {
     openRequested(shell);
     // The icon first; the interface and the launch on the loop's first turn.
     std::unique_ptr<dbus::ControlServer> server;
-    QTimer::singleShot(0, [&host, &server] {
+    QTimer::singleShot(0, [&host, &server, &backend] {
         auto started = dbus::ControlServer::start(host);
-        if (started) server = std::move(*started);
-        else kLog.error(started.error());
+        if (started) {
+            server = std::move(*started);
+        } else {
+            // Without the interface the tray still records and uploads; it reads the
+            // levels itself.
+            kLog.error(started.error());
+            backend.setLevelsTakenElsewhere(false);
+        }
         host.start();
     });
     const int code = QApplication::exec();
