@@ -29,8 +29,6 @@ namespace m = messages;
 
 Shell::Shell(Backend& backend, UserDefaults& defaults) : backend_(backend), defaults_(defaults) {
     onQuit = [] { QCoreApplication::quit(); };
-    panel_ = new Panel(backend_);
-    undoPanel_ = new UndoPanel(backend_);
     icon_ = new QSystemTrayIcon(this);
     menu_ = new QMenu();
     menu_->setObjectName("trayMenu");
@@ -58,10 +56,8 @@ Shell::Shell(Backend& backend, UserDefaults& defaults) : backend_(backend), defa
     connect(icon_, &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
         if (reason == QSystemTrayIcon::Trigger || reason == QSystemTrayIcon::MiddleClick) togglePanel();
     });
-    connect(panel_, &Panel::openWindow, this, [this](const QString& id) { openWindow(id); });
-    connect(panel_, &Panel::quitRequested, this, &Shell::requestQuit);
     connect(&backend_, &Backend::changed, this, &Shell::render);
-    connect(&backend_, &Backend::discarded, this, [this] { undoPanel_->present(); });
+    connect(&backend_, &Backend::discarded, this, [this] { undoPanel().present(); });
     connect(&languageSignal(), &LanguageSignal::changed, this, &Shell::render);
     render();
 }
@@ -71,6 +67,20 @@ Shell::~Shell() {
     delete panel_;
     delete undoPanel_;
     delete menu_;
+}
+
+Panel& Shell::panel() {
+    if (!panel_) {
+        panel_ = new Panel(backend_);
+        connect(panel_, &Panel::openWindow, this, [this](const QString& id) { openWindow(id); });
+        connect(panel_, &Panel::quitRequested, this, &Shell::requestQuit);
+    }
+    return *panel_;
+}
+
+UndoPanel& Shell::undoPanel() {
+    if (!undoPanel_) undoPanel_ = new UndoPanel(backend_);
+    return *undoPanel_;
 }
 
 void Shell::start() {
@@ -140,10 +150,10 @@ QWidget* Shell::openWindow(const QString& identifier) {
         windows_[w->objectName()] = w;
     }
     // The panel's insurance switch asks for the privacy explanation before switching on.
-    if (identifier == "onboarding" && panel_->isVisible()) {
+    if (identifier == "onboarding" && panel_ && panel_->isVisible()) {
         if (auto* o = qobject_cast<OnboardingWindow*>(w)) o->showPage(OnboardingWindow::insurancePage);
     }
-    panel_->hide();
+    if (panel_) panel_->hide();
     w->show();
     w->raise();
     w->activateWindow();
@@ -151,10 +161,11 @@ QWidget* Shell::openWindow(const QString& identifier) {
 }
 
 void Shell::togglePanel() {
-    if (panel_->isVisible()) return panel_->hide();
+    auto& panel = this->panel();
+    if (panel.isVisible()) return panel.hide();
     QRect at = icon_->geometry();
     const QPoint anchor = at.isValid() && !at.isEmpty() ? QPoint(at.center().x(), at.bottom()) : QCursor::pos();
-    panel_->popUpAt(anchor);
+    panel.popUpAt(anchor);
 }
 
 void Shell::requestQuit() {
@@ -190,7 +201,7 @@ void Shell::requestQuit() {
 
 void Shell::finishQuit() {
     quitting_ = true;
-    panel_->hide();
+    if (panel_) panel_->hide();
     for (auto& [id, w] : windows_) w->hide();
     QPointer<Shell> self(this);
     backend_.quit([self] {

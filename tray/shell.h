@@ -38,8 +38,9 @@ public:
     // "recover"), made on first use, shown and raised.
     QWidget* openWindow(const QString& identifier);
     QWidget* window(const QString& identifier) const;
-    Panel& panel() { return *panel_; }
-    UndoPanel& undoPanel() { return *undoPanel_; }
+    // Made on first use: the icon shows before them.
+    Panel& panel();
+    UndoPanel& undoPanel();
     QSystemTrayIcon& icon() { return *icon_; }
     QMenu& menu() { return *menu_; }
     IconState iconState() const;
@@ -65,8 +66,8 @@ private:
     QAction* undoAction_;
     QAction* settingsAction_;
     QAction* quitAction_;
-    Panel* panel_;
-    UndoPanel* undoPanel_;
+    Panel* panel_ = nullptr;
+    UndoPanel* undoPanel_ = nullptr;
     std::map<QString, QWidget*> windows_;
     QPointer<QMessageBox> quitAlert_;
     IconState shownIcon_ = IconState::idle;
