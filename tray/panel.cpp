@@ -115,6 +115,7 @@ Panel::Panel(Backend& backend, QWidget* parent) : QFrame(parent, Qt::Popup | Qt:
     layout->addWidget(line(this));
     pendingHeading_ = new QLabel(this);
     pendingHeading_->setFont(bold);
+    pendingHeading_->setWordWrap(true);
     layout->addWidget(pendingHeading_);
     pendingBox_ = new QWidget(this);
     pendingBox_->setObjectName("pendingList");
@@ -313,6 +314,7 @@ void Panel::renderPending() {
         auto* top = new QHBoxLayout();
         auto* what = new QLabel(dateText(r->startedAt) + " · " + statusText(r->status), row);
         what->setObjectName("pendingStatus");
+        what->setWordWrap(true);
         top->addWidget(what, 1);
         if (r->status == "failed" || r->status == "ready") {
             auto* retry = new QPushButton(q(r->status == "failed" ? m::kRetry : m::kUploadNow), row);

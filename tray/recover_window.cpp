@@ -120,7 +120,8 @@ void RecoverWindow::render() {
     play_->setIcon(style()->standardIcon(v.playing ? QStyle::SP_MediaPause : QStyle::SP_MediaPlay));
     play_->setEnabled(v.canPlay && v.hasSelection);
     play_->setToolTip(v.canPlay ? QString() : q(m::kNoPlayback));
-    position_->setEnabled(v.canPlay && v.playing);
+    position_->setVisible(v.canPlay);
+    position_->setEnabled(v.playing);
     position_->setValue(int(v.position));
     copy_->setText(q(m::kCopy));
     copy_->setEnabled(!v.display.empty());
