@@ -160,6 +160,18 @@ QWidget* Shell::openWindow(const QString& identifier) {
     return w;
 }
 
+void Shell::reopen(const QString& identifier) {
+    if (identifier == "panel") {
+        if (!panel().isVisible()) togglePanel();
+        return;
+    }
+    if (!identifier.isEmpty()) {
+        openWindow(identifier);
+        return;
+    }
+    openWindow(defaults_.boolValue(kOnboardingDoneKey).value_or(false) ? "main" : "onboarding");
+}
+
 void Shell::togglePanel() {
     auto& panel = this->panel();
     if (panel.isVisible()) return panel.hide();

@@ -38,6 +38,9 @@ public:
     // "recover"), made on first use, shown and raised.
     QWidget* openWindow(const QString& identifier);
     QWidget* window(const QString& identifier) const;
+    // Vell was started again: that window, or "panel", or for an empty identifier the
+    // appropriate one (the onboarding until it is done, the main window afterwards).
+    void reopen(const QString& identifier);
     // Made on first use: the icon shows before them.
     Panel& panel();
     UndoPanel& undoPanel();

@@ -17,6 +17,7 @@
 #include "base/user_defaults.h"
 #include "cli/signal_watcher.h"
 #include "platform/dbus/control_client.h"
+#include "platform/dbus/control_reopen.h"
 #include "platform/dbus/control_server.h"
 #include "tray/language_choice.h"
 #include "tray/local_backend.h"
@@ -67,6 +68,12 @@ int refuse(const std::string& sentence) {
 }
 
 int runFrontEnd(std::unique_ptr<dbus::ControlClient> client, cli::SignalWatcher& watcher, char** argv) {
+    // Started again while the tray runs: it shows its window, and this copy is not needed.
+    const auto wanted = windowsToOpen();
+    if (auto shown = client->reopen(wanted.isEmpty() ? std::string() : wanted.first().toStdString()); shown && *shown) {
+        kLog.info("Vell runs already; its window was brought to the front");
+        return 0;
+    }
     kLog.info("another Vell hosts the recordings; this tray is its front end");
     RemoteBackend backend(std::move(client));
     Shell shell(backend, UserDefaults::standard());
@@ -99,6 +106,7 @@ int runHost(cli::SignalWatcher& watcher) {
     watcher.watch([executor, &host] { executor->post([&host] { host.quit({}); }); });
     shell.start();
     openRequested(shell);
+    dbus::setWindowOpener([&shell](const std::string& window) { shell.reopen(QString::fromStdString(window)); });
     // The icon first; the interface and the launch on the loop's first turn.
     std::unique_ptr<dbus::ControlServer> server;
     QTimer::singleShot(0, [&host, &server, &backend] {
@@ -114,6 +122,7 @@ int runHost(cli::SignalWatcher& watcher) {
         host.start();
     });
     const int code = QApplication::exec();
+    dbus::setWindowOpener({});
     server.reset();
     return code;
 }

@@ -63,6 +63,7 @@ public:
     Result<std::string> undo() const;
     Result<int> recoverStart(const std::string& range, int minutes) const;
     Result<std::string> recoverProgress(int run) const;
+    Result<bool> reopen(const std::string& window) const;
 
 private:
     ControlClient() = default;

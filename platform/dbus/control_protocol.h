@@ -43,6 +43,8 @@
 //                                   "recordingMeeting","undo":{"takeID","meeting","reason",
 //                                   "secondsLeft"} or {}}
 //   Undo () -> s                    restores the latest discard: {"takeID","meeting"}
+//   Reopen (s window) -> b          a second start of the desktop application: the host shows
+//                                   that window ("" the appropriate one); false without windows
 #include <string_view>
 
 namespace vell::dbus {

@@ -14,6 +14,7 @@
 #include "platform/dbus/control_calls.h"
 #include "platform/dbus/control_calendar.h"
 #include "platform/dbus/control_recovery.h"
+#include "platform/dbus/control_reopen.h"
 #include "platform/dbus/control_context.h"
 #include "platform/dbus/control_insurance.h"
 #include "platform/dbus/control_protocol.h"
@@ -63,6 +64,7 @@ const ControlExtension kExtensions[] = {
     &registerCallsControl,
     &registerCalendarControl,
     &registerRecoveryControl,
+    &registerReopenControl,
 };
 }  // namespace
 

@@ -40,6 +40,9 @@ TEST(RemoteBackendTest, ThePanelDrivesTheRunningDaemon) {
     std::unique_ptr<dbus::ControlClient> client;
     ASSERT_TRUE(waitFor([&] { return (client = dbus::ControlClient::connect()) != nullptr; }, 10000)) << vell::test::readAll(log);
 
+    auto reopened = client->reopen("");
+    ASSERT_TRUE(reopened.has_value());
+    EXPECT_FALSE(*reopened) << "the daemon has no window to show";
     RemoteBackend backend(dbus::ControlClient::connect());
     EXPECT_TRUE(backend.remote());
     Shell shell(backend, home.defaults());

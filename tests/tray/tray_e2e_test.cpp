@@ -139,6 +139,18 @@ TEST(TrayEndToEnd, SignInRecordUploadAndStopAndQuit) {
     }, 20s)) << pendingList(*host).dump() << vell::test::readAll(log);
     EXPECT_EQ(server.recordings().size(), 1u);
 
+    // Started again, Vell shows the window asked for instead of running twice.
+    {
+        pid_t again = vell::test::spawnShell("QT_QPA_PLATFORM=xcb exec " + vell::test::binaryPath("vell-tray").string() +
+                                                 " --open settings",
+                                             home.root() / "again.log");
+        int againStatus = -1;
+        ASSERT_TRUE(eventually([&] { return waitpid(again, &againStatus, WNOHANG) == again; }, 10s));
+        EXPECT_TRUE(WIFEXITED(againStatus) && WEXITSTATUS(againStatus) == 0) << vell::test::readAll(home.root() / "again.log");
+        EXPECT_FALSE(windowNamed("Vell Settings").empty());
+        focusWindow(main);
+    }
+
     // Quit while recording: the alert's first button stops and quits.
     xdo("key ctrl+r");
     ASSERT_TRUE(eventually([&] {
