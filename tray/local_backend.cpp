@@ -63,11 +63,15 @@ std::string ownCommand() {
 
 }  // namespace
 
+std::shared_ptr<app::LoginItemService> desktopLoginItem() {
+    return std::make_shared<app::XdgAutostartLoginItem>(paths::autostartEntry(), ownCommand());
+}
+
 LocalParts processParts() {
     LocalParts parts;
     parts.host = &app::host();
     parts.defaults = &UserDefaults::standard();
-    parts.loginItem = std::make_shared<app::XdgAutostartLoginItem>(paths::autostartEntry(), ownCommand());
+    parts.loginItem = desktopLoginItem();
     parts.insurance = [] { return &insurance::InsuranceRecorder::shared(); };
     parts.microphones = [] { return &audio::MicrophoneSettings::shared(); };
     parts.calls = [] { return automation::AutomaticCallRecorder::shared(); };

@@ -45,6 +45,8 @@ struct LocalParts {
 
 // The production parts: the process's host and shared services.
 LocalParts processParts();
+// This program's start-up entry in the desktop's autostart folder.
+std::shared_ptr<app::LoginItemService> desktopLoginItem();
 
 class LocalBackend final : public Backend {
     Q_OBJECT

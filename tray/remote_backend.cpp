@@ -5,8 +5,10 @@
 #include <nlohmann/json.hpp>
 
 #include "insurance/insurance_messages.h"
+#include "base/user_defaults.h"
 #include "platform/dbus/control_client.h"
 #include "recording/pending_recording_coding.h"
+#include "tray/local_backend.h"
 
 namespace vell::tray {
 
@@ -47,6 +49,9 @@ std::optional<std::string> errorOf(const dbus::ControlClient::Result<T>& answer)
 }  // namespace
 
 RemoteBackend::RemoteBackend(std::unique_ptr<dbus::ControlClient> client) : client_(std::move(client)) {
+    loginItem_ = desktopLoginItem();
+    preferences_ = std::make_unique<app::AppPreferences>(UserDefaults::standard(), *loginItem_);
+    readPreferences();
     worker_ = std::thread([this] {
         for (;;) {
             Job job;
@@ -77,6 +82,25 @@ RemoteBackend::~RemoteBackend() {
     wake_.notify_all();
     alive_.reset();
     if (worker_.joinable()) worker_.join();
+}
+
+void RemoteBackend::readPreferences() {
+    state_.showsDockIcon = preferences_->showsDockIcon.get();
+    state_.opensAtLogin = preferences_->opensAtLogin.get();
+    state_.loginNeedsApproval = preferences_->loginNeedsApproval.get();
+    state_.loginItemMissing = loginItem_->status() == app::LoginItemStatus::notFound;
+}
+
+void RemoteBackend::setShowsDockIcon(bool shows) {
+    preferences_->setShowsDockIcon(shows);
+    readPreferences();
+    emit changed();
+}
+
+void RemoteBackend::setOpensAtLogin(bool opens) {
+    preferences_->setOpensAtLogin(opens);
+    readPreferences();
+    emit changed();
 }
 
 void RemoteBackend::enqueue(Job job) {

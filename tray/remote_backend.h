@@ -11,6 +11,7 @@
 #include <mutex>
 #include <thread>
 
+#include "app/app_preferences.h"
 #include "tray/backend.h"
 
 namespace vell::dbus {
@@ -47,8 +48,9 @@ public:
     void setCalendarEnabled(bool enabled) override;
     void addCalendarSource(const std::string& source, Reply done) override;
     void removeCalendarSource(const std::string& source, Reply done) override;
-    void setShowsDockIcon(bool) override {}
-    void setOpensAtLogin(bool) override {}
+    // This user's own settings, kept on this computer whoever hosts the recordings.
+    void setShowsDockIcon(bool shows) override;
+    void setOpensAtLogin(bool opens) override;
     void setMicrophone(bool, const std::string&) override {}
     void recoverChoose(RecoveryRange range, int customMinutes) override;
     void recoverClose() override;
@@ -70,7 +72,11 @@ private:
     void pollRecovery();
     void simple(std::function<void(dbus::ControlClient&)> call);
 
+    void readPreferences();
+
     std::unique_ptr<dbus::ControlClient> client_;
+    std::shared_ptr<app::LoginItemService> loginItem_;
+    std::unique_ptr<app::AppPreferences> preferences_;
     TrayState state_;
     RecoveryView recovery_;
     int recoveryRun_ = 0;

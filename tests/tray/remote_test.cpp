@@ -64,6 +64,13 @@ TEST(RemoteBackendTest, ThePanelDrivesTheRunningDaemon) {
         return status && status->text().endsWith("Waiting to upload");
     }, 10000)) << "the host's pending list reaches the panel";
 
+    // Open at login is this user's own entry, changed from the front end too.
+    shell.openWindow("settings");
+    const bool opens = backend.state().opensAtLogin;
+    backend.setOpensAtLogin(!opens);
+    EXPECT_EQ(backend.state().opensAtLogin, !opens);
+    EXPECT_EQ(std::filesystem::exists(home.configHome() / "autostart" / "vell.desktop"), !opens);
+
     // Quitting the front end asks nothing and leaves the host running.
     shell.requestQuit();
     EXPECT_EQ(shell.quitAlert(), nullptr);
