@@ -61,6 +61,11 @@ void CoreServices::startUploading() {
     queue.start();
 }
 
+void CoreServices::stopUploading() {
+    recordingWatch_.reset();
+    if (uploads_) uploads_->setAccount(std::nullopt);
+}
+
 void CoreServices::accountChanged(const std::optional<std::string>& accountID) {
     if (accountID && recorder_) recorder_->assignAccountToThisRun(*accountID);
     if (uploads_) uploads_->setAccount(accountID);

@@ -49,6 +49,9 @@ public:
     // The long-lived side of uploading: a pass now when signed in, after every sign-in,
     // whenever a recording stops, and on the queue's own backoff timer.
     void startUploading();
+    // At quit: no new upload starts (one that began now would only be cut off; the entry
+    // stays ready for the next run).
+    void stopUploading();
 
 private:
     void accountChanged(const std::optional<std::string>& accountID);

@@ -70,6 +70,7 @@ void Host::quit(std::function<void()> done) {
     quitting_ = true;
     if (launch_) launch_->cancel();
     auto& recorder = core_.recorder();
+    core_.stopUploading();
     const auto steps = quitSteps(recorder.state.isRecording.get(), QuitChoice::stopAndQuit);
     if (steps.stopRecording) {
         kLog.info("quitting: the recording stops and stays ready for upload");

@@ -361,4 +361,12 @@ ControlClient::Result<std::string> ControlClient::shareRecording(const std::stri
     });
 }
 
+ControlClient::Result<bool> ControlClient::reopen(const std::string& window) const {
+    return guarded([this, &window] {
+        bool shown = false;
+        proxy_->callMethod("Reopen").onInterface(kControlInterface).withTimeout(10s).withArguments(window).storeResultsTo(shown);
+        return shown;
+    });
+}
+
 }  // namespace vell::dbus

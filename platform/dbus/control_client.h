@@ -79,6 +79,7 @@ public:
     Result<std::string> recordingDetail(const std::string& id) const;
     Result<std::string> renameSpeakers(const std::string& id, const std::string& namesJson) const;
     Result<std::string> shareRecording(const std::string& id) const;
+    Result<bool> reopen(const std::string& window) const;
 
 private:
     ControlClient() = default;

@@ -80,6 +80,8 @@
 //   RenameSpeakers (s id, s names) -> s   names {"N": "NAME"}; the recording afterwards
 //   ShareRecording (s id) -> s      the link to its summary and transcript
 //                                   (details in control_results.cpp)
+//   Reopen (s window) -> b          a second start of the desktop application: the host shows
+//                                   that window ("" the appropriate one); false without windows
 #include <string_view>
 
 namespace vell::dbus {

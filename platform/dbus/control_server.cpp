@@ -20,6 +20,7 @@
 #include "platform/dbus/control_recovery.h"
 #include "platform/dbus/control_agent_requests.h"
 #include "platform/dbus/control_results.h"
+#include "platform/dbus/control_reopen.h"
 #include "platform/dbus/control_context.h"
 #include "platform/dbus/control_insurance.h"
 #include "platform/dbus/control_protocol.h"
@@ -73,6 +74,7 @@ const ControlExtension kExtensions[] = {
     &registerEchoControl,
     &registerAgentRequestsControl,
     &registerResultsControl,
+    &registerReopenControl,
 };
 }  // namespace
 

@@ -1,0 +1,169 @@
+// bench_tray: how fast vell-tray shows its icon and how much memory it keeps while idle,
+// beside qlipper (Debian's small Qt clipboard manager, a tray-only application), each
+// started the same way on a private X server (Xvfb) and session bus. The bench stands in
+// for the desktop's tray host: a StatusNotifierWatcher on that bus, so an icon counts as
+// shown when its program registers it there.
+//   bench_tray [RUNS]
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <sdbus-c++/sdbus-c++.h>
+#include <thread>
+
+#include "bench/process_sample.h"
+
+using namespace vell::bench;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+// The desktop's side of StatusNotifierItem: Qt shows its icon this way once a watcher with
+// a host is on the session bus.
+class Watcher {
+public:
+    Watcher() {
+        connection_ = sdbus::createSessionBusConnection("org.kde.StatusNotifierWatcher");
+        object_ = sdbus::createObject(*connection_, "/StatusNotifierWatcher");
+        const char* I = "org.kde.StatusNotifierWatcher";
+        // Programs are measured one at a time: the first item registered after a start is
+        // that program's (Qt 5 passes its service name, Qt 6 its object path).
+        object_->registerMethod("RegisterStatusNotifierItem").onInterface(I).implementedAs([this](const std::string&) {
+            std::lock_guard lock(mutex_);
+            registered_.push_back(Clock::now());
+            changed_.notify_all();
+        });
+        object_->registerMethod("RegisterStatusNotifierHost").onInterface(I).implementedAs([](const std::string&) {});
+        object_->registerProperty("RegisteredStatusNotifierItems").onInterface(I).withGetter([] { return std::vector<std::string>{}; });
+        object_->registerProperty("IsStatusNotifierHostRegistered").onInterface(I).withGetter([] { return true; });
+        object_->registerProperty("ProtocolVersion").onInterface(I).withGetter([] { return int32_t(0); });
+        object_->registerSignal("StatusNotifierItemRegistered").onInterface(I).withParameters<std::string>();
+        object_->registerSignal("StatusNotifierItemUnregistered").onInterface(I).withParameters<std::string>();
+        object_->registerSignal("StatusNotifierHostRegistered").onInterface(I);
+        object_->finishRegistration();
+        connection_->enterEventLoopAsync();
+    }
+    ~Watcher() { connection_->leaveEventLoop(); }
+    // When the first icon after `since` was registered; nothing within the limit.
+    std::optional<Clock::time_point> waitFor(Clock::time_point since, std::chrono::seconds limit) {
+        std::unique_lock lock(mutex_);
+        auto after = [&] { return std::find_if(registered_.begin(), registered_.end(), [&](auto t) { return t >= since; }); };
+        if (!changed_.wait_for(lock, limit, [&] { return after() != registered_.end(); })) return std::nullopt;
+        return *after();
+    }
+
+private:
+    std::unique_ptr<sdbus::IConnection> connection_;
+    std::unique_ptr<sdbus::IObject> object_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<Clock::time_point> registered_;
+};
+
+struct Run {
+    double startSeconds = -1;
+    long rssKiB = 0, pssKiB = 0;
+};
+
+long currentRss(pid_t pid) { return field("/proc/" + std::to_string(pid) + "/status", "VmRSS:"); }
+
+Run measure(Watcher& watcher, const std::vector<std::string>& command, const fs::path& log) {
+    Run run;
+    const auto begin = Clock::now();
+    const pid_t pid = spawn(command, log);
+    if (pid <= 0) return run;
+    if (auto shown = watcher.waitFor(begin, std::chrono::seconds(30))) {
+        run.startSeconds = std::chrono::duration<double>(*shown - begin).count();
+        std::this_thread::sleep_for(std::chrono::seconds(4));  // settled, idle
+        run.rssKiB = currentRss(pid);
+        run.pssKiB = sample(pid).pssKiB;
+    }
+    ::kill(pid, SIGTERM);
+    for (int i = 0; i < 50 && waitpid(pid, nullptr, WNOHANG) == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    ::kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+    return run;
+}
+
+double median(std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    return v.empty() ? 0 : v[v.size() / 2];
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const int runs = argc > 1 ? std::max(1, std::atoi(argv[1])) : 5;
+    const fs::path tray = fs::path(VELL_BINARY_DIR) / "vell-tray";
+    if (!fs::exists(tray) || sh("command -v qlipper >/dev/null && command -v Xvfb >/dev/null") != 0) {
+        std::fprintf(stderr, "bench_tray: needs %s, qlipper and Xvfb\n", tray.c_str());
+        return 1;
+    }
+    const fs::path dir = fs::temp_directory_path() / ("vell-bench-tray-" + std::to_string(getpid()));
+    fs::create_directories(dir / "run");
+    fs::permissions(dir / "run", fs::perms::owner_all);
+    fs::create_directories(dir / "tmp");
+    setenv("XDG_RUNTIME_DIR", (dir / "run").c_str(), 1);
+    setenv("XDG_DATA_HOME", (dir / "data").c_str(), 1);
+    setenv("XDG_CONFIG_HOME", (dir / "config").c_str(), 1);
+    setenv("HOME", dir.c_str(), 1);
+    setenv("TMPDIR", (dir / "tmp").c_str(), 1);
+    setenv("QT_QPA_PLATFORM", "xcb", 1);
+    unsetenv("PULSE_SERVER");
+    // The tray opens straight to its icon: first run done, no automation polling.
+    fs::create_directories(dir / "config" / "Vell");
+    std::ofstream(dir / "config" / "Vell" / "defaults.json")
+        << R"({"app.quillon.mac.onboardingDone":true,"app.quillon.mac.openAtLoginDefaultApplied":true,)"
+        << R"("app.quillon.mac.autoRecordCalls":false})";
+    if (sh("pulseaudio --daemonize=yes -n --exit-idle-time=-1 --disallow-exit --load=module-native-protocol-unix "
+           "--load='module-null-sink sink_name=speakers' >/dev/null 2>&1") != 0) {
+        std::fprintf(stderr, "bench_tray: cannot start pulseaudio\n");
+        return 1;
+    }
+    const std::string display = ":" + std::to_string(500 + getpid() % 400);
+    const pid_t x = spawn({"Xvfb", display, "-screen", "0", "1280x800x24", "-nolisten", "tcp"}, dir / "xvfb.log");
+    for (int i = 0; i < 50 && !fs::exists("/tmp/.X11-unix/X" + display.substr(1)); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    setenv("DISPLAY", display.c_str(), 1);
+    const pid_t busPid = startPrivateBus(dir);
+
+    std::vector<double> trayStart, peerStart, trayRss, peerRss, trayPss, peerPss;
+    {
+        Watcher watcher;
+        for (int i = 0; i < runs; ++i) {
+            // Alternate, so a slower moment of the machine is shared between both.
+            auto t = measure(watcher, {tray.string()}, dir / "tray.log");
+            auto p = measure(watcher, {"qlipper"}, dir / "qlipper.log");
+            if (t.startSeconds < 0 || p.startSeconds < 0) {
+                std::fprintf(stderr, "bench_tray: an icon did not show (run %d: vell-tray %.2f s, qlipper %.2f s)\n", i,
+                             t.startSeconds, p.startSeconds);
+                continue;
+            }
+            trayStart.push_back(t.startSeconds);
+            peerStart.push_back(p.startSeconds);
+            trayRss.push_back(double(t.rssKiB) / 1024);
+            peerRss.push_back(double(p.rssKiB) / 1024);
+            trayPss.push_back(double(t.pssKiB) / 1024);
+            peerPss.push_back(double(p.pssKiB) / 1024);
+        }
+    }
+    if (busPid > 0) ::kill(busPid, SIGTERM);
+    ::kill(x, SIGTERM);
+    waitpid(x, nullptr, 0);
+    sh("pulseaudio --kill 2>/dev/null");
+    std::error_code ec;
+    if (getenv("BENCH_KEEP")) std::fprintf(stderr, "kept %s\n", dir.c_str());
+    else fs::remove_all(dir, ec);
+    if (trayStart.empty()) return 1;
+
+    std::printf("tray start-up to a registered icon and idle memory 4 s later (median of %zu runs, Xvfb):\n", trayStart.size());
+    std::printf("  vell-tray (Qt 6, the host):  %.3f s, RSS %.1f MiB, PSS %.1f MiB\n", median(trayStart), median(trayRss), median(trayPss));
+    std::printf("  qlipper   (Qt 5, the peer):  %.3f s, RSS %.1f MiB, PSS %.1f MiB\n", median(peerStart), median(peerRss), median(peerPss));
+    std::printf("  ratio vell-tray / qlipper:   start %.2f x (goal <= 1), RSS %.2f x (goal <= 1.2), PSS %.2f x\n",
+                median(trayStart) / median(peerStart), median(trayRss) / median(peerRss), median(trayPss) / median(peerPss));
+    return 0;
+}

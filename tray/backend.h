@@ -1,0 +1,146 @@
+#pragma once
+// What the tray's widgets show and what they can ask for, whoever hosts the services: this
+// process (LocalBackend, over the core on the GUI thread) or another host reached over the
+// control interface (RemoteBackend). Widgets read state() when changed() fires and call the
+// actions; answers that take time come back through callbacks, always on the GUI thread.
+#include <QObject>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/clock.h"
+#include "base/expected.h"
+
+namespace vell::tray {
+
+enum class SignInPhase { launching, signedOut, mfaRequired, signedIn };
+
+struct PendingRow {
+    std::string id;
+    std::string status;  // the stored status name: recording, ready, uploading, uploaded, failed, discarded
+    WallTime startedAt{};
+    std::optional<WallTime> finishedAt;
+    std::string lastError;
+    long long attempts = 0;
+    std::optional<double> progress;  // 0...1 while it uploads
+    bool operator==(const PendingRow&) const = default;
+};
+
+struct MicrophoneOption {
+    std::string encoded;  // "default", "builtin" or "uid:" + UID
+    std::string label;
+    bool bluetooth = false;
+    bool operator==(const MicrophoneOption&) const = default;
+};
+
+struct TrayState {
+    SignInPhase phase = SignInPhase::launching;
+    std::string email;
+
+    bool recording = false;
+    bool starting = false;
+    double elapsed = 0;
+    double microphoneLevel = 0, systemLevel = 0;  // 0...1
+    std::string microphone;                       // the microphone a recording opens
+    bool microphoneDisconnected = false;          // the chosen one is not connected
+    std::string calendarMeeting;                  // the meeting being recorded, if any
+    std::string lastError;
+
+    std::vector<std::string> callers;
+    std::vector<PendingRow> pending;
+
+    bool undoAvailable = false;
+    std::string undoMeeting;
+    double undoSecondsLeft = 0;
+
+    bool insuranceEnabled = false, insuranceListening = false, privacyAccepted = false;
+    int insuranceWindowMinutes = 15;
+    double bufferedSeconds = 0;
+    std::string insuranceDevice, insuranceError;
+
+    bool callsEnabled = true, calendarEnabled = false;
+    std::vector<std::string> calendarSources;
+    bool showsDockIcon = true, opensAtLogin = false, loginNeedsApproval = false, loginItemMissing = false;
+    std::vector<MicrophoneOption> microphones;
+    std::string recordingMicrophone = "default", insuranceMicrophone = "default";
+    int microphoneCount = -1;  // input devices found; -1 when this front end cannot tell
+
+    // A recording waits after a failed upload (and is not on its way now).
+    bool uploadTrouble() const;
+};
+
+enum class RecoveryRange { lastMinute, lastFive, custom, all };
+
+struct RecoveryView {
+    enum class Phase { idle, transcribing, improving, failed };
+    Phase phase = Phase::idle;
+    std::string display;           // the draft (behind its prefix) or the final text
+    std::string message;           // why it failed
+    std::string copyConfirmation;  // "Copied", ...
+    bool hasSelection = false;
+    bool finished = false;         // a final text is shown
+    bool canPlay = false;          // preview playback is offered by this host
+    bool playing = false;
+    double position = 0;           // seconds into the preview
+};
+
+class Backend : public QObject {
+    Q_OBJECT
+public:
+    using Reply = std::function<void(std::optional<std::string> error)>;
+
+    ~Backend() override = default;
+
+    virtual const TrayState& state() const = 0;
+    // Another process hosts the services; settings kept by that host are read-only here.
+    virtual bool remote() const = 0;
+
+    virtual void startRecording() = 0;
+    virtual void stopRecording(bool discard) = 0;
+    // Uploads now whatever waits (a failed recording is tried again at once).
+    virtual void retryUploads() = 0;
+    virtual void undo() = 0;
+
+    virtual void enableInsurance() = 0;  // also accepts the privacy explanation
+    virtual void disableInsurance() = 0;
+    virtual void setInsuranceWindow(int minutes) = 0;
+
+    // done: true when a second factor is asked for, or the error's sentence.
+    virtual void signIn(const std::string& email, const std::string& password,
+                        std::function<void(Expected<bool, std::string>)> done) = 0;
+    // Six digits are a time-based code; anything else a backup code.
+    virtual void verifyCode(const std::string& code, Reply done) = 0;
+    virtual void cancelSecondFactor() = 0;
+    virtual void signOut() = 0;
+
+    virtual void setCallsEnabled(bool enabled) = 0;
+    virtual void setCalendarEnabled(bool enabled) = 0;
+    virtual void addCalendarSource(const std::string& source, Reply done) = 0;
+    virtual void removeCalendarSource(const std::string& source, Reply done) = 0;
+    virtual void setShowsDockIcon(bool shows) = 0;
+    virtual void setOpensAtLogin(bool opens) = 0;
+    virtual void setMicrophone(bool insurance, const std::string& encoded) = 0;
+    // Looks for microphones again.
+    virtual void refreshMicrophones() {}
+
+    virtual void recoverChoose(RecoveryRange range, int customMinutes) = 0;
+    virtual void recoverClose() = 0;
+    virtual const RecoveryView& recovery() const = 0;
+    // Copies the shown text (or the given selection of it) and confirms.
+    virtual void recoverCopy(const std::string& selectedText) = 0;
+    virtual void recoverPlay() = 0;
+    virtual void recoverPause() = 0;
+
+    // Stop and quit: a recording stops and stays ready for upload; done once the host
+    // let go (a front end of another host only closes itself).
+    virtual void quit(std::function<void()> done) = 0;
+
+signals:
+    void changed();
+    void recoveryChanged();
+    // A discard that can be undone has just happened.
+    void discarded();
+};
+
+}  // namespace vell::tray

@@ -1,0 +1,202 @@
+// vell-tray-screenshots: renders the panel and every window over a sample state to PNG
+// files, in English and Spanish, with a light and a dark palette (scripts/screenshots).
+//   vell-tray-screenshots OUTPUT_DIR
+#include <QApplication>
+#include <QDir>
+#include <QLineEdit>
+#include <QMessageBox>
+#include <QPalette>
+#include <QPushButton>
+#include <QStackedWidget>
+#include <QStyle>
+#include <QStyleFactory>
+#include <QTest>
+#include <chrono>
+#include <iostream>
+
+#include "base/language.h"
+#include "base/user_defaults.h"
+#include "tray/backend.h"
+#include "tray/language_choice.h"
+#include "tray/login_window.h"
+#include "tray/main_window.h"
+#include "tray/onboarding_window.h"
+#include "tray/panel.h"
+#include "tray/recover_window.h"
+#include "tray/settings_window.h"
+#include "tray/shell.h"
+#include "tray/undo_panel.h"
+
+namespace vell::tray {
+namespace {
+
+// A backend that only shows: a user in the middle of a call with insurance mode on.
+class SampleBackend final : public Backend {
+public:
+    SampleBackend() {
+        using namespace std::chrono;
+        const auto now = system_clock::now();
+        auto& s = state_;
+        s.phase = SignInPhase::signedIn;
+        s.email = "ana@example.com";
+        s.recording = true;
+        s.elapsed = 754;
+        s.microphoneLevel = 0.62;
+        s.systemLevel = 0.35;
+        s.microphone = "USB Headset";
+        s.callers = {"Zoom"};
+        s.pending = {
+            {"a", "uploaded", now - hours(26), now - hours(25), "", 1, std::nullopt},
+            {"b", "failed", now - hours(3), now - hours(2), "The service could not be reached.", 2, std::nullopt},
+            {"c", "uploading", now - minutes(50), now - minutes(20), "", 0, 0.45},
+            {"d", "recording", now - seconds(754), std::nullopt, "", 0, std::nullopt},
+        };
+        s.insuranceEnabled = s.insuranceListening = s.privacyAccepted = true;
+        s.insuranceWindowMinutes = 15;
+        s.bufferedSeconds = 14 * 60 + 20;
+        s.insuranceDevice = "USB Headset";
+        s.callsEnabled = true;
+        s.calendarEnabled = true;
+        s.calendarSources = {"https://calendar.example.com/team.ics"};
+        s.opensAtLogin = true;
+        s.microphones = {{"default", "System default (Built-in Audio)", false},
+                         {"builtin", "Built-in microphone", false},
+                         {"uid:usb", "USB Headset", false}};
+        s.recordingMicrophone = "uid:usb";
+        s.insuranceMicrophone = "default";
+        s.microphoneCount = 2;
+        recovery_.display = "Let's move the launch to Thursday and ask Marta for the final numbers before the review.";
+        recovery_.finished = true;
+        recovery_.hasSelection = true;
+        recovery_.copyConfirmation = "Copied";
+    }
+    void setLanguage(Language language) {
+        state_.microphones[0].label = language == Language::Spanish ? "Predeterminado del sistema (Built-in Audio)"
+                                                                     : "System default (Built-in Audio)";
+        state_.microphones[1].label = language == Language::Spanish ? "Micrófono integrado" : "Built-in microphone";
+        recovery_.copyConfirmation = language == Language::Spanish ? "Copiado" : "Copied";
+        emit changed();
+        emit recoveryChanged();
+    }
+    const TrayState& state() const override { return state_; }
+    bool remote() const override { return false; }
+    void startRecording() override {}
+    void stopRecording(bool) override {}
+    void retryUploads() override {}
+    void undo() override {}
+    void enableInsurance() override {}
+    void disableInsurance() override {}
+    void setInsuranceWindow(int) override {}
+    void signIn(const std::string&, const std::string&, std::function<void(Expected<bool, std::string>)>) override {}
+    void verifyCode(const std::string&, Reply) override {}
+    void cancelSecondFactor() override {}
+    void signOut() override {}
+    void setCallsEnabled(bool) override {}
+    void setCalendarEnabled(bool) override {}
+    void addCalendarSource(const std::string&, Reply) override {}
+    void removeCalendarSource(const std::string&, Reply) override {}
+    void setShowsDockIcon(bool) override {}
+    void setOpensAtLogin(bool) override {}
+    void setMicrophone(bool, const std::string&) override {}
+    void recoverChoose(RecoveryRange, int) override {}
+    void recoverClose() override {}
+    const RecoveryView& recovery() const override { return recovery_; }
+    void recoverCopy(const std::string&) override {}
+    void recoverPlay() override {}
+    void recoverPause() override {}
+    void quit(std::function<void()>) override {}
+
+private:
+    TrayState state_;
+    RecoveryView recovery_;
+};
+
+QPalette darkPalette() {
+    QPalette p;
+    const QColor window(0x2B, 0x2D, 0x31), base(0x1F, 0x21, 0x24), text(0xE8, 0xEA, 0xED);
+    p.setColor(QPalette::Window, window);
+    p.setColor(QPalette::WindowText, text);
+    p.setColor(QPalette::Base, base);
+    p.setColor(QPalette::AlternateBase, window.lighter(115));
+    p.setColor(QPalette::Text, text);
+    p.setColor(QPalette::Button, window.lighter(120));
+    p.setColor(QPalette::ButtonText, text);
+    p.setColor(QPalette::ToolTipBase, base);
+    p.setColor(QPalette::ToolTipText, text);
+    p.setColor(QPalette::PlaceholderText, QColor(0x9A, 0xA0, 0xA6));
+    p.setColor(QPalette::Highlight, QColor(0x8A, 0xB4, 0xF8));
+    p.setColor(QPalette::HighlightedText, base);
+    p.setColor(QPalette::Link, QColor(0x8A, 0xB4, 0xF8));
+    p.setColor(QPalette::Disabled, QPalette::Text, QColor(0x80, 0x84, 0x88));
+    p.setColor(QPalette::Disabled, QPalette::ButtonText, QColor(0x80, 0x84, 0x88));
+    p.setColor(QPalette::Disabled, QPalette::WindowText, QColor(0x80, 0x84, 0x88));
+    return p;
+}
+
+bool save(QWidget* w, const QString& file, bool fit = true) {
+    w->show();
+    if (fit) w->adjustSize();
+    QTest::qWait(50);
+    const bool ok = w->grab().save(file);
+    std::cout << (ok ? "wrote " : "could not write ") << file.toStdString() << "\n";
+    w->hide();
+    return ok;
+}
+
+}  // namespace
+}  // namespace vell::tray
+
+int main(int argc, char** argv) {
+    using namespace vell;
+    using namespace vell::tray;
+    QApplication application(argc, argv);
+    if (argc < 2) {
+        std::cerr << "usage: vell-tray-screenshots OUTPUT_DIR\n";
+        return 2;
+    }
+    const QDir out(QString::fromLocal8Bit(argv[1]));
+    QDir().mkpath(out.path());
+    QApplication::setStyle(QStyleFactory::create("Fusion"));
+    const QPalette light = QApplication::style()->standardPalette();
+    UserDefaults defaults(QDir::temp().filePath("vell-screenshots-defaults.json").toStdString());
+    SampleBackend backend;
+    int failures = 0;
+    for (const auto& [theme, palette] : {std::pair{QString("light"), light}, std::pair{QString("dark"), darkPalette()}}) {
+        QApplication::setPalette(palette);
+        for (const auto& [code, language] : {std::pair{QString("en"), Language::English}, std::pair{QString("es"), Language::Spanish}}) {
+            setInterfaceLanguage(language);
+            backend.setLanguage(language);
+            emit languageSignal().changed();
+            const QString suffix = "-" + code + "-" + theme + ".png";
+            auto shot = [&](QWidget* w, const QString& name) {
+                if (!save(w, out.filePath(name + suffix))) ++failures;
+            };
+            Panel panel(backend);
+            shot(&panel, "panel");
+            MainWindow main(backend);
+            main.resize(main.fontMetrics().averageCharWidth() * 100, main.fontMetrics().height() * 18);
+            save(&main, out.filePath("main" + suffix), false) || ++failures;
+            SettingsWindow settings(backend, defaults);
+            settings.resize(settings.fontMetrics().averageCharWidth() * 92, settings.fontMetrics().height() * 56);
+            save(&settings, out.filePath("settings" + suffix), false) || ++failures;
+            LoginWindow login(backend);
+            login.findChild<QLineEdit*>("email")->setText("ana@example.com");
+            login.findChild<QLineEdit*>("password")->setText("password");
+            shot(&login, "login");
+            RecoverWindow recover(backend);
+            shot(&recover, "recover");
+            OnboardingWindow onboarding(backend, defaults);
+            onboarding.showPage(OnboardingWindow::insurancePage);
+            shot(&onboarding, "onboarding");
+            UndoPanel undo(backend);
+            shot(&undo, "undo");
+            Shell shell(backend, defaults);
+            shell.requestQuit();
+            if (auto* alert = shell.quitAlert()) {
+                save(alert, out.filePath("quit-alert" + suffix)) || ++failures;
+                alert->close();
+            }
+        }
+    }
+    return failures == 0 ? 0 : 1;
+}
