@@ -18,8 +18,12 @@
 #include <string>
 #include <vector>
 
+#include "base/clock.h"
+#include "base/manual_executor.h"
+#include "base/user_defaults.h"
 #include "bench/process_sample.h"
 #include "platform/calendar/ical_expand.h"
+#include "platform/calendar/ics_calendar_source.h"
 
 namespace {
 
@@ -123,6 +127,37 @@ int runOurs(const std::string& file, double from, double to) {
     return 0;
 }
 
+// The recorder's 15 s tick as the calendar source serves it: the first tick reads and
+// expands the file, later ones reuse that expansion while the file is unchanged. Prints
+// "first_ms median_ms".
+struct Tick {
+    double firstMs = 0, medianMs = 0;
+};
+Tick measureTick(const fs::path& file) {
+    const fs::path dir = file.string() + ".source";
+    fs::create_directories(dir);
+    vell::UserDefaults defaults(dir / "defaults.json");
+    (void)vell::calendar::addSource(defaults, file.string());
+    vell::SystemClock clock;
+    vell::ManualClock idle;
+    vell::ManualExecutor main(idle);  // downloads only; a file source never posts
+    vell::calendar::IcsCalendarSource source(defaults, dir / "cache", [] { return std::vector<std::string>{"me@example.com"}; },
+                                            main, clock);
+    std::vector<double> times;
+    for (int round = 0; round < 21; ++round) {
+        const auto now = clock.now();
+        const auto began = Clock::now();
+        (void)source.events(now - std::chrono::hours(24), now + std::chrono::seconds(60));
+        times.push_back(std::chrono::duration<double, std::milli>(Clock::now() - began).count());
+    }
+    Tick tick{times[0], 0};
+    times.erase(times.begin());
+    std::sort(times.begin(), times.end());
+    tick.medianMs = times[times.size() / 2];
+    fs::remove_all(dir);
+    return tick;
+}
+
 const char* kPeer = R"(import sys, time, datetime
 import icalendar, recurring_ical_events
 def kib(key):
@@ -177,6 +212,7 @@ int main(int argc, char** argv) {
     std::ofstream(script) << kPeer;
     // Debian's interpreter, where the Debian packages are (not one a version manager put first).
     const Side peer = measure("/usr/bin/python3 '" + script.string() + "' '" + file.string() + "'" + window);
+    const Tick tick = measureTick(file);
     fs::remove(file);
     fs::remove(script);
     if (!ours.ok || !peer.ok) {
@@ -196,7 +232,9 @@ int main(int argc, char** argv) {
     std::printf("ratio (vell / peer): time %.3f (cold %.3f), peak memory %.3f, growth %.3f\n", ours.medianMs / peer.medianMs,
                 ours.coldMs / peer.coldMs, double(ours.peakKiB) / peer.peakKiB,
                 double(ours.peakKiB - ours.baseKiB) / std::max(1L, peer.peakKiB - peer.baseKiB));
+    std::printf("the 15 s tick through the calendar source: first %.1f ms (reads and expands), then %.3f ms (median of 20)\n",
+                tick.firstMs, tick.medianMs);
     std::printf("goals: time under 0.1 x the peer (%s), the tick's read under 50 ms (%s)\n",
-                ours.medianMs < 0.1 * peer.medianMs ? "met" : "not met", ours.medianMs < 50 ? "met" : "not met");
+                ours.medianMs < 0.1 * peer.medianMs ? "met" : "not met", tick.medianMs < 50 ? "met" : "not met");
     return 0;
 }

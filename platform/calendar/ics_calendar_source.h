@@ -40,6 +40,8 @@ struct SourceState {
 class IcsCalendarSource final : public automation::CalendarEventSource {
 public:
     static constexpr double kRefreshSeconds = 300;
+    // How far past a tick's window the expansion it caches reaches.
+    static constexpr int kExpansionHours = 6;
 
     IcsCalendarSource(UserDefaults& defaults, std::filesystem::path cacheDirectory,
                       std::function<std::vector<std::string>()> myAddresses, Executor& main, const Clock& clock);

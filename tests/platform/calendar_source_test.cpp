@@ -199,5 +199,45 @@ TEST_F(CalendarSourceTest, SubscriptionsAreDownloadedCachedRefreshedEveryFiveMin
     EXPECT_EQ(again.access(), CalendarAccess::granted);
 }
 
+// The tick asks every 15 s for a window one day back to a minute ahead; the source expands
+// a wider span once and answers from it, which must give what a fresh expansion gives.
+TEST_F(CalendarSourceTest, TicksAnsweredFromTheCachedExpansionSeeMovesEditsAndLaterMeetings) {
+    auto& s = make();
+    const fs::path file = home.root() / "moving.ics";
+    const auto at = [](WallTime t) {
+        const std::time_t seconds = std::chrono::system_clock::to_time_t(t);
+        char text[32];
+        std::strftime(text, sizeof text, "%Y%m%dT%H%M%SZ", std::gmtime(&seconds));
+        return std::string(text);
+    };
+    const WallTime now = clock.now();
+    auto write = [&](const std::vector<std::pair<std::string, WallTime>>& meetings, int stamp) {
+        std::ofstream out(file, std::ios::trunc);
+        out << "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//test//EN\r\n";
+        for (const auto& [uid, start] : meetings) {
+            out << "BEGIN:VEVENT\r\nUID:" << uid << "\r\nSUMMARY:" << uid << "\r\nDTSTART:" << at(start)
+                << "\r\nDTEND:" << at(start + std::chrono::minutes(30)) << "\r\nEND:VEVENT\r\n";
+        }
+        out << "END:VCALENDAR\r\n";
+        out.close();
+        fs::last_write_time(file, fs::file_time_type::clock::now() + std::chrono::seconds(stamp));
+    };
+    auto titles = [&](WallTime t) {
+        std::vector<std::string> out;
+        for (const auto& m : s.events(t - std::chrono::hours(24), t + std::chrono::seconds(60))) out.push_back(m.title);
+        return out;
+    };
+    write({{"soon", now + std::chrono::seconds(30)}, {"tonight", now + std::chrono::hours(10)}}, 1);
+    ASSERT_TRUE(addSource(defaults(), file.string()));
+    EXPECT_EQ(titles(now), std::vector<std::string>{"soon"});
+    // Ten hours on, past the span the first tick expanded: the later meeting is there.
+    EXPECT_EQ(titles(now + std::chrono::hours(10)), (std::vector<std::string>{"soon", "tonight"}));
+    // Thirty hours on, the first meeting is more than a day old and has left the window.
+    EXPECT_EQ(titles(now + std::chrono::hours(30)), std::vector<std::string>{"tonight"});
+    // An edit of the file is seen at the next tick.
+    write({{"moved", now + std::chrono::seconds(45)}}, 2);
+    EXPECT_EQ(titles(now), std::vector<std::string>{"moved"});
+}
+
 }  // namespace
 }  // namespace vell::calendar
