@@ -449,6 +449,8 @@ insurance::InsuranceRecoveryController* LocalBackend::recoveryController() {
     recoveryWatches_.push_back(c->copyConfirmation.subscribe(again));
     recoveryWatches_.push_back(c->selection.subscribe(again));
     recoveryWatches_.push_back(c->transcript.subscribe(again));
+    recoveryWatches_.push_back(c->isPlaying.subscribe(again));
+    recoveryWatches_.push_back(c->position.subscribe(again));
     return c;
 }
 
@@ -467,6 +469,9 @@ void LocalBackend::rebuildRecovery() {
         v.copyConfirmation = c->copyConfirmation.get();
         v.hasSelection = !c->selectedChunks().empty();
         v.finished = c->transcript.get().has_value();
+        v.canPlay = bool(insurance::previewPlayerFactory());
+        v.playing = c->isPlaying.get();
+        v.position = c->position.get();
     }
     recovery_ = std::move(v);
     emit recoveryChanged();
@@ -478,6 +483,14 @@ void LocalBackend::recoverChoose(RecoveryRange range, int customMinutes) {
         c->choose(rangeOf(range), customMinutes);
     }
     rebuildRecovery();
+}
+
+void LocalBackend::recoverPlay() {
+    if (auto* c = recovery_controller_.get()) c->play();
+}
+
+void LocalBackend::recoverPause() {
+    if (auto* c = recovery_controller_.get()) c->pause();
 }
 
 void LocalBackend::recoverClose() {

@@ -81,8 +81,8 @@ public:
     void recoverClose() override;
     const RecoveryView& recovery() const override { return recovery_; }
     void recoverCopy(const std::string& selectedText) override;
-    void recoverPlay() override {}
-    void recoverPause() override {}
+    void recoverPlay() override;
+    void recoverPause() override;
     void quit(std::function<void()> done) override;
 
     // Rebuilds the state now (tests; the widgets get it on the next turn of the loop).

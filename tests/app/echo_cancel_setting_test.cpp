@@ -8,7 +8,9 @@
 #include "app/composition.h"
 #include "app/echo_cancel_setting.h"
 #include "audio/realtime_mixer.h"
+#include "base/manual_executor.h"
 #include "base/preference_keys.h"
+#include "base/runtime.h"
 #include "recording/recorder_parts.h"
 #include "tests/audio/echo_scene.h"
 #include "tests/support/temp_home.h"
@@ -37,6 +39,13 @@ std::vector<float> mixScene(audio::RecordingMixer& mixer, const std::vector<floa
 
 TEST(EchoCancelSettingTest, SwitchedOffTheNextRecordingMixesTheMicrophoneUntouched) {
     test::TempHome home;
+    // The recorder's parts live on a main executor, as in every program.
+    ManualClock clock;
+    ManualExecutor main(clock);
+    runtime::install(&main, &clock);
+    struct Uninstall {
+        ~Uninstall() { runtime::install(nullptr, nullptr); }
+    } uninstall;
     EXPECT_TRUE(echoCancellationEnabled(home.defaults())) << "on when absent";
     const auto far = test::talker(2, 21);
     const auto mic = test::roomEcho(far);

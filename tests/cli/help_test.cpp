@@ -68,7 +68,7 @@ TEST(CommandLine, TheManualAndTheCompletionsNameEveryCommandOfTheHelp) {
         EXPECT_NE(manual.output.find(std::string("\\fB") + command + "\\fR"), std::string::npos) << command;
         EXPECT_NE(bash.output.find(std::string("    ") + command + ") words="), std::string::npos) << command;
     }
-    EXPECT_NE(bash.output.find("record) words=\"--help -h --json --live --seconds"), std::string::npos) << bash.output;
+    EXPECT_NE(bash.output.find("record) words=\"--help -h --json --device --force --live --seconds"), std::string::npos) << bash.output;
 }
 
 }  // namespace

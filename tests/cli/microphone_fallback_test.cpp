@@ -21,7 +21,7 @@ TEST(MicrophoneFallback, RecordAndStatusShowTheDisconnectedMicrophone) {
     PulseServer pulse;
     TempHome home;
     const std::string vell = binaryPath("vell").string() + " --lang en ";
-    ASSERT_EQ(runCommand(vell + "mic recording uid:usb-headset 2>&1").status, 0);
+    ASSERT_EQ(runCommand(vell + "mic recording uid:usb-headset --force 2>&1").status, 0);
 
     const auto out = home.tmp() / "record.out";
     pid_t recording = spawnShell("exec " + vell + "record --seconds 20 --json", out);

@@ -40,8 +40,10 @@ std::string readAll(const fs::path& file) {
 
 std::vector<int16_t> spokenEnglish(const std::string& text) {
     const auto raw = scratch(".raw");
+    // Repeatable dither (-R): sox otherwise seeds the noise it adds when it converts at
+    // random, and the same sentence would not always be heard the same way.
     const std::string command = "espeak-ng -v en-us -s 140 --stdout " + quoted(text) +
-                                " | sox -q -t wav - -t raw -r 16000 -c 1 -b 16 -e signed-integer " + quoted(raw.string()) +
+                                " | sox -q -R -t wav - -t raw -r 16000 -c 1 -b 16 -e signed-integer " + quoted(raw.string()) +
                                 " pad 0.25 0.25";
     std::vector<int16_t> samples;
     if (runCommand(command).status == 0) {
