@@ -26,6 +26,7 @@
 #include <vector>
 #include "app/composition.h"
 
+#include "bench/private_pulse.h"
 #include "bench/process_sample.h"
 
 namespace {
@@ -47,48 +48,11 @@ int main(int argc, char** argv) {
     const fs::path runtime = dir / "run";
     fs::create_directories(runtime);
     fs::permissions(runtime, fs::perms::owner_all);
-    setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
-    setenv("PULSE_SERVER", ("unix:" + (runtime / "pulse" / "native").string()).c_str(), 1);
     setenv("XDG_DATA_HOME", (dir / "data").c_str(), 1);
     setenv("XDG_CONFIG_HOME", (dir / "config").c_str(), 1);
     setenv("HOME", dir.c_str(), 1);
-    // The pipe source makes its FIFO itself and refuses one that exists (the server then
-    // runs without the microphone and both sides would record the monitor's silence).
-    const fs::path fifo = runtime / "mic.fifo";
-    if (sh("pulseaudio --daemonize=yes -n --exit-idle-time=-1 --disallow-exit --load=module-native-protocol-unix "
-           "--load='module-null-sink sink_name=speakers' "
-           "--load='module-pipe-source source_name=fakemic file=" + fifo.string() +
-           " format=s16le rate=16000 channels=1' 2>/dev/null") != 0) {
-        std::fprintf(stderr, "bench_insurance: cannot start pulseaudio\n");
-        return 1;
-    }
-    if (sh("pactl set-default-source fakemic >/dev/null 2>&1 && pactl set-default-sink speakers >/dev/null 2>&1") != 0) {
-        std::fprintf(stderr, "bench_insurance: the server has no fake microphone\n");
-        sh("pulseaudio --kill 2>/dev/null");
-        return 1;
-    }
-
-    // The microphone: a voice-like signal, written in real time.
-    std::atomic<bool> stop{false};
-    std::thread feeder([&] {
-        const int fd = ::open(fifo.c_str(), O_WRONLY);
-        std::vector<int16_t> block(160);
-        std::size_t n = 0;
-        auto next = std::chrono::steady_clock::now();
-        while (!stop) {
-            for (auto& s : block) {
-                const double t = double(n++) / 16000;
-                const double env = 0.5 + 0.5 * std::sin(2 * std::numbers::pi * 3 * t);
-                double v = 0;
-                for (int h = 1; h <= 5; ++h) v += std::sin(2 * std::numbers::pi * 130 * h * t) / h;
-                s = int16_t(8000 * env * v);
-            }
-            if (::write(fd, block.data(), block.size() * 2) < 0) break;
-            next += std::chrono::milliseconds(10);
-            std::this_thread::sleep_until(next);
-        }
-        ::close(fd);
-    });
+    PrivatePulse pulse;
+    if (!pulse.start(runtime, "bench_insurance")) return 1;
 
     const pid_t busPid = startPrivateBus(dir);
 
@@ -130,9 +94,7 @@ int main(int argc, char** argv) {
     ::kill(host, SIGTERM);
     waitpid(host, nullptr, 0);
     if (busPid > 0) ::kill(busPid, SIGTERM);
-    stop = true;
-    sh("pulseaudio --kill 2>/dev/null");
-    feeder.join();
+    pulse.stop();
     const auto peerBytes = fs::file_size(dir / "peer.aac", ec);
     if (peerBytes == 0 || ec) sh("tail -5 " + (dir / "peer.log").string() + " >&2");
     fs::remove_all(dir, ec);

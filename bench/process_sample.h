@@ -3,8 +3,11 @@
 // switches of all its threads), peak RSS and PSS, read from /proc; and how they start one.
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -32,6 +35,38 @@ inline pid_t spawn(std::vector<std::string> args, const fs::path& output) {
     if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = -1;
     posix_spawn_file_actions_destroy(&actions);
     return pid;
+}
+
+// A program run to its end: its CPU time (with the children it waited for), wall time and
+// peak RSS; output and errors to one file.
+struct Usage {
+    double cpu = 0;
+    double wall = 0;
+    long maxRssKiB = 0;
+    int status = -1;
+};
+
+inline Usage runToEnd(std::vector<std::string> args, const fs::path& output) {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, output.c_str(), O_WRONLY | O_APPEND, 0644);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    Usage u;
+    const auto start = std::chrono::steady_clock::now();
+    pid_t pid = 0;
+    const bool spawned = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0;
+    posix_spawn_file_actions_destroy(&actions);
+    if (!spawned) return u;
+    rusage r{};
+    wait4(pid, &u.status, 0, &r);
+    u.wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    u.cpu = double(r.ru_utime.tv_sec + r.ru_stime.tv_sec) + double(r.ru_utime.tv_usec + r.ru_stime.tv_usec) / 1e6;
+    u.maxRssKiB = r.ru_maxrss;
+    return u;
 }
 
 struct Sample {

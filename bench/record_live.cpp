@@ -25,43 +25,15 @@
 #include <thread>
 #include <vector>
 #include "app/composition.h"
+#include "bench/private_pulse.h"
 
 extern char** environ;
 
 namespace {
 
 namespace fs = std::filesystem;
+using namespace vell::bench;
 
-struct Usage {
-    double cpu = 0;
-    double wall = 0;
-    long maxRssKiB = 0;
-    int status = -1;
-};
-
-Usage run(std::vector<std::string> args, const fs::path& output) {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, output.c_str(), O_WRONLY | O_APPEND, 0644);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    Usage u;
-    const auto start = std::chrono::steady_clock::now();
-    pid_t pid = 0;
-    if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) return u;
-    posix_spawn_file_actions_destroy(&actions);
-    rusage r{};
-    wait4(pid, &u.status, 0, &r);
-    u.wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    u.cpu = double(r.ru_utime.tv_sec + r.ru_stime.tv_sec) + double(r.ru_utime.tv_usec + r.ru_stime.tv_usec) / 1e6;
-    u.maxRssKiB = r.ru_maxrss;
-    return u;
-}
-
-int sh(const std::string& command) { return std::system(command.c_str()); }
 
 }  // namespace
 
@@ -77,45 +49,12 @@ int main(int argc, char** argv) {
     const fs::path runtime = dir / "runtime";
     fs::create_directories(runtime);
     fs::permissions(runtime, fs::perms::owner_all);
-    setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
-    setenv("PULSE_SERVER", ("unix:" + (runtime / "pulse" / "native").string()).c_str(), 1);
     setenv("XDG_DATA_HOME", (dir / "data").c_str(), 1);
     setenv("XDG_CONFIG_HOME", (dir / "config").c_str(), 1);
     setenv("HOME", dir.c_str(), 1);
-    const fs::path fifo = runtime / "mic.fifo";
-    mkfifo(fifo.c_str(), 0600);
+    PrivatePulse pulse;
+    if (!pulse.start(runtime, "bench_record_live")) return 1;
 
-    if (sh("pulseaudio --daemonize=yes -n --exit-idle-time=-1 --disallow-exit "
-           "--load=module-native-protocol-unix "
-           "--load='module-null-sink sink_name=speakers' "
-           "--load='module-pipe-source source_name=fakemic file=" + fifo.string() +
-           " format=s16le rate=16000 channels=1' 2>/dev/null") != 0) {
-        std::fprintf(stderr, "bench_record_live: cannot start pulseaudio\n");
-        return 1;
-    }
-    sh("pactl set-default-source fakemic >/dev/null 2>&1; pactl set-default-sink speakers >/dev/null 2>&1");
-
-    // The microphone: a voice-like signal, written in real time.
-    std::atomic<bool> stop{false};
-    std::thread feeder([&] {
-        const int fd = ::open(fifo.c_str(), O_WRONLY);
-        std::vector<int16_t> block(160);
-        std::size_t n = 0;
-        auto next = std::chrono::steady_clock::now();
-        while (!stop) {
-            for (auto& s : block) {
-                const double t = double(n++) / 16000;
-                const double env = 0.5 + 0.5 * std::sin(2 * std::numbers::pi * 3 * t);
-                double v = 0;
-                for (int h = 1; h <= 5; ++h) v += std::sin(2 * std::numbers::pi * 130 * h * t) / h;
-                s = int16_t(8000 * env * v);
-            }
-            if (::write(fd, block.data(), block.size() * 2) < 0) break;
-            next += std::chrono::milliseconds(10);
-            std::this_thread::sleep_until(next);
-        }
-        ::close(fd);
-    });
     // System audio: a tone longer than both runs.
     const fs::path tone = dir / "tone.wav";
     sh("sox -q -n -r 48000 -c 2 " + tone.string() + " synth " + std::to_string(2 * rounds * (seconds + 5) + 30) + " sine 440 vol 0.3");
@@ -141,8 +80,8 @@ int main(int argc, char** argv) {
     };
     Usage ours, peer;
     for (int round = 0; round < rounds; ++round) {
-        keepBest(ours, run({vell, "record", "--seconds", std::to_string(seconds)}, dir / "vell.out"), round == 0);
-        keepBest(peer, run({"sh", "-c", peerScript}, dir / "peer.out"), round == 0);
+        keepBest(ours, runToEnd({vell, "record", "--seconds", std::to_string(seconds)}, dir / "vell.out"), round == 0);
+        keepBest(peer, runToEnd({"sh", "-c", peerScript}, dir / "peer.out"), round == 0);
         if (rounds > 1) std::printf("  round %d of %d done\n", round + 1, rounds);
     }
 
@@ -162,9 +101,7 @@ int main(int argc, char** argv) {
     }
     std::printf("  goals: vell < 2.5 %% of a core, < 40 MiB\n");
 
-    stop = true;
-    sh("pulseaudio --kill 2>/dev/null");
-    feeder.join();
+    pulse.stop();
     std::error_code ignored;
     fs::remove_all(dir, ignored);
     return 0;

@@ -1,0 +1,84 @@
+#pragma once
+// A private PulseAudio for the recording benchmarks: a "speakers" null sink and a "fakemic"
+// pipe source fed a voice-like signal in real time, in the runtime folder the benchmark made.
+// The pipe source creates its FIFO itself and refuses one that exists: a benchmark that
+// made it first ran without a microphone and measured the monitor's silence.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <numbers>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bench/process_sample.h"
+
+namespace vell::bench {
+
+class PrivatePulse {
+public:
+    // Starts the server on `runtime` (XDG_RUNTIME_DIR and PULSE_SERVER are set here) and
+    // makes its sink and microphone the defaults; false, with a line on stderr, on failure.
+    bool start(const fs::path& runtime, const char* who) {
+        setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
+        setenv("PULSE_SERVER", ("unix:" + (runtime / "pulse" / "native").string()).c_str(), 1);
+        fifo_ = runtime / "mic.fifo";
+        if (sh("pulseaudio --daemonize=yes -n --exit-idle-time=-1 --disallow-exit --load=module-native-protocol-unix "
+               "--load='module-null-sink sink_name=speakers' "
+               "--load='module-pipe-source source_name=fakemic file=" + fifo_.string() +
+               " format=s16le rate=16000 channels=1' 2>/dev/null") != 0) {
+            std::fprintf(stderr, "%s: cannot start pulseaudio\n", who);
+            return false;
+        }
+        if (sh("pactl set-default-source fakemic >/dev/null 2>&1 && pactl set-default-sink speakers >/dev/null 2>&1") != 0) {
+            std::fprintf(stderr, "%s: the sound server has no fake microphone\n", who);
+            stop();
+            return false;
+        }
+        running_ = true;
+        feeder_ = std::thread([this] { feed(); });
+        return true;
+    }
+    void stop() {
+        sh("pulseaudio --kill 2>/dev/null");
+        running_ = false;
+        if (feeder_.joinable()) feeder_.join();
+    }
+    ~PrivatePulse() {
+        if (feeder_.joinable()) stop();
+    }
+
+private:
+    // A voice-like signal: five harmonics of 130 Hz under a 3 Hz syllable envelope.
+    void feed() {
+        const int fd = ::open(fifo_.c_str(), O_WRONLY);
+        std::vector<int16_t> block(160);
+        std::size_t n = 0;
+        auto next = std::chrono::steady_clock::now();
+        while (running_ && fd >= 0) {
+            for (auto& s : block) {
+                const double t = double(n++) / 16000;
+                const double env = 0.5 + 0.5 * std::sin(2 * std::numbers::pi * 3 * t);
+                double v = 0;
+                for (int h = 1; h <= 5; ++h) v += std::sin(2 * std::numbers::pi * 130 * h * t) / h;
+                s = int16_t(8000 * env * v);
+            }
+            if (::write(fd, block.data(), block.size() * 2) < 0) break;
+            next += std::chrono::milliseconds(10);
+            std::this_thread::sleep_until(next);
+        }
+        if (fd >= 0) ::close(fd);
+    }
+
+    fs::path fifo_;
+    std::atomic<bool> running_{false};
+    std::thread feeder_;
+};
+
+}  // namespace vell::bench
