@@ -41,13 +41,9 @@ int main(int argc, char** argv) {
     vell::app::installPlatformBindings();
     ::signal(SIGPIPE, SIG_IGN);  // the microphone pipe closes when the server stops
     const double seconds = argc > 1 ? std::max(5.0, std::atof(argv[1])) : 60;
-    const char* tmp = std::getenv("TMPDIR");
-    std::string templ = std::string(tmp && *tmp ? tmp : "/tmp") + "/vell-bench-ins-XXXXXX";
-    if (!mkdtemp(templ.data())) return 1;
-    const fs::path dir = templ;
-    const fs::path runtime = dir / "run";
-    fs::create_directories(runtime);
-    fs::permissions(runtime, fs::perms::owner_all);
+    const fs::path dir = benchFolder("ins");
+    if (dir.empty()) return 1;
+    const fs::path runtime = dir / "runtime";
     setenv("XDG_DATA_HOME", (dir / "data").c_str(), 1);
     setenv("XDG_CONFIG_HOME", (dir / "config").c_str(), 1);
     setenv("HOME", dir.c_str(), 1);

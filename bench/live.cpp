@@ -32,7 +32,6 @@ namespace {
 namespace fs = std::filesystem;
 using namespace vell::bench;
 
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -40,13 +39,9 @@ int main(int argc, char** argv) {
     ::signal(SIGPIPE, SIG_IGN);  // the microphone pipe closes when the server stops
     const int seconds = argc > 1 ? std::max(10, std::atoi(argv[1])) : 75;
     const int rounds = argc > 2 ? std::max(1, std::atoi(argv[2])) : 1;
-    const char* tmp = std::getenv("TMPDIR");
-    std::string templ = std::string(tmp && *tmp ? tmp : "/tmp") + "/vell-bench-live-XXXXXX";
-    if (!mkdtemp(templ.data())) return 1;
-    const fs::path dir = templ;
+    const fs::path dir = benchFolder("live");
+    if (dir.empty()) return 1;
     const fs::path runtime = dir / "runtime";
-    fs::create_directories(runtime);
-    fs::permissions(runtime, fs::perms::owner_all);
     setenv("HOME", dir.c_str(), 1);
     unsetenv("DBUS_SESSION_BUS_ADDRESS");  // the session goes to the session file, no keyring
     PrivatePulse pulse;

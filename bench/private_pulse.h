@@ -11,6 +11,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <numbers>
 #include <string>
@@ -20,6 +21,19 @@
 #include "bench/process_sample.h"
 
 namespace vell::bench {
+
+// A folder of its own for one run (under TMPDIR), with a private "runtime" folder inside for
+// the sound server and the bus; empty when it cannot be made.
+inline fs::path benchFolder(const std::string& name) {
+    const char* tmp = std::getenv("TMPDIR");
+    std::string templ = std::string(tmp && *tmp ? tmp : "/tmp") + "/vell-bench-" + name + "-XXXXXX";
+    if (!mkdtemp(templ.data())) return {};
+    const fs::path dir = templ;
+    std::error_code ec;
+    fs::create_directories(dir / "runtime", ec);
+    fs::permissions(dir / "runtime", fs::perms::owner_all, ec);
+    return ec ? fs::path{} : dir;
+}
 
 class PrivatePulse {
 public:
