@@ -1,5 +1,6 @@
 #include "base/clock.h"
 
+#include <algorithm>
 #include <cmath>
 
 namespace vell {
@@ -42,6 +43,11 @@ void ManualClock::jumpWallTime(double seconds) {
 }
 
 WallTime wallTimeFromSeconds(double secondsSince1970) {
+    // Times from files and the service can be anything: outside the clock's range (about
+    // 292 years either side of 1970) the conversion would overflow, so they are clamped.
+    constexpr double kLimit = 9.2e9;
+    if (std::isnan(secondsSince1970)) secondsSince1970 = 0;
+    secondsSince1970 = std::clamp(secondsSince1970, -kLimit, kLimit);
     return WallTime{std::chrono::duration_cast<WallTime::duration>(Seconds(secondsSince1970))};
 }
 

@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cmath>
 #include <thread>
 
 #include "base/asio_executor.h"
+#include "base/clock.h"
 #include "base/manual_executor.h"
 #include "base/published.h"
 #include "base/serial_queue.h"
@@ -70,6 +72,17 @@ TEST(AsioExecutor, RunsPostedWorkOnTheRunningThreadUntilStopped) {
     exec.run();
     EXPECT_EQ(ran, std::this_thread::get_id());
     EXPECT_FALSE(exec.isCurrentThread());
+}
+
+// Times read from files and the service may be anything a double holds; the clock keeps
+// about 292 years either side of 1970, and what lies beyond is clamped, never overflowed.
+TEST(WallTimes, FromAnyNumberOfSecondsStayOnTheClock) {
+    const auto farFuture = wallTimeFromSeconds(1e300), farPast = wallTimeFromSeconds(-1e300);
+    EXPECT_GT(farFuture, wallTimeFromSeconds(9e9));
+    EXPECT_LT(farPast, wallTimeFromSeconds(-9e9));
+    EXPECT_EQ(farFuture, wallTimeFromSeconds(1e20));
+    EXPECT_EQ(millisecondsSince1970(wallTimeFromSeconds(std::nan(""))), 0);
+    EXPECT_EQ(millisecondsSince1970(fromMillisecondsSince1970(1'763'900'000'123.0)), 1'763'900'000'123);
 }
 
 TEST(Published, SubscribersSeeEachChangeUntilTheSubscriptionEnds) {
