@@ -18,6 +18,7 @@
 #include "tests/tray/tray_rig.h"
 #include "tray/panel.h"
 #include "tray/recover_window.h"
+#include "tray/still_backend.h"
 #include "tray/tray_messages.h"
 
 namespace vell::tray {
@@ -222,42 +223,16 @@ TEST(MainWindowTest, ListsTheRecordingsAndRecordsFromItsButton) {
 
 // The recovery panel's own logic (which words for which phase, what Copy sends) over a
 // backend whose recovery state the test sets.
-class RecoveryBackend final : public Backend {
+class RecoveryBackend final : public StillBackend {
 public:
-    const TrayState& state() const override { return state_; }
-    bool remote() const override { return false; }
-    void startRecording() override {}
-    void stopRecording(bool) override {}
-    void retryUploads() override {}
-    void undo() override {}
-    void enableInsurance() override {}
-    void disableInsurance() override {}
-    void setInsuranceWindow(int) override {}
-    void signIn(const std::string&, const std::string&, std::function<void(Expected<bool, std::string>)>) override {}
-    void verifyCode(const std::string&, Reply) override {}
-    void cancelSecondFactor() override {}
-    void signOut() override {}
-    void setCallsEnabled(bool) override {}
-    void setCalendarEnabled(bool) override {}
-    void addCalendarSource(const std::string&, Reply) override {}
-    void removeCalendarSource(const std::string&, Reply) override {}
-    void setShowsDockIcon(bool) override {}
-    void setOpensAtLogin(bool) override {}
-    void setMicrophone(bool, const std::string&) override {}
     void recoverChoose(RecoveryRange range, int minutes) override { chosen.emplace_back(range, minutes); }
     void recoverClose() override { ++closes; }
-    const RecoveryView& recovery() const override { return view; }
     void recoverCopy(const std::string& selection) override { copies.push_back(selection); }
-    void recoverPlay() override {}
-    void recoverPause() override {}
-    void quit(std::function<void()>) override {}
     void set(RecoveryView v) {
-        view = std::move(v);
+        recovery_ = std::move(v);
         emit recoveryChanged();
     }
 
-    TrayState state_;
-    RecoveryView view;
     std::vector<std::pair<RecoveryRange, int>> chosen;
     std::vector<std::string> copies;
     int closes = 0;

@@ -16,7 +16,7 @@
 
 #include "base/language.h"
 #include "base/user_defaults.h"
-#include "tray/backend.h"
+#include "tray/still_backend.h"
 #include "tray/language_choice.h"
 #include "tray/login_window.h"
 #include "tray/main_window.h"
@@ -31,7 +31,7 @@ namespace vell::tray {
 namespace {
 
 // A backend that only shows: a user in the middle of a call with insurance mode on.
-class SampleBackend final : public Backend {
+class SampleBackend final : public StillBackend {
 public:
     SampleBackend() {
         using namespace std::chrono;
@@ -78,37 +78,6 @@ public:
         emit changed();
         emit recoveryChanged();
     }
-    const TrayState& state() const override { return state_; }
-    bool remote() const override { return false; }
-    void startRecording() override {}
-    void stopRecording(bool) override {}
-    void retryUploads() override {}
-    void undo() override {}
-    void enableInsurance() override {}
-    void disableInsurance() override {}
-    void setInsuranceWindow(int) override {}
-    void signIn(const std::string&, const std::string&, std::function<void(Expected<bool, std::string>)>) override {}
-    void verifyCode(const std::string&, Reply) override {}
-    void cancelSecondFactor() override {}
-    void signOut() override {}
-    void setCallsEnabled(bool) override {}
-    void setCalendarEnabled(bool) override {}
-    void addCalendarSource(const std::string&, Reply) override {}
-    void removeCalendarSource(const std::string&, Reply) override {}
-    void setShowsDockIcon(bool) override {}
-    void setOpensAtLogin(bool) override {}
-    void setMicrophone(bool, const std::string&) override {}
-    void recoverChoose(RecoveryRange, int) override {}
-    void recoverClose() override {}
-    const RecoveryView& recovery() const override { return recovery_; }
-    void recoverCopy(const std::string&) override {}
-    void recoverPlay() override {}
-    void recoverPause() override {}
-    void quit(std::function<void()>) override {}
-
-private:
-    TrayState state_;
-    RecoveryView recovery_;
 };
 
 QPalette darkPalette() {
