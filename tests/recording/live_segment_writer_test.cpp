@@ -9,6 +9,7 @@
 #include "platform/codec/aac_writer.h"
 #include "recording/live_segment_writer.h"
 #include "tests/audio/aac_test_decoder.h"
+#include "tests/recording/recorder_fakes.h"
 #include "tests/support/temp_home.h"
 
 namespace vell::recording {
@@ -120,25 +121,11 @@ TEST_F(LiveSegmentTest, RotatesAtExactly1323000FramesAndHandsOverASealedSegment)
 }
 
 // A writer that writes media data but never its index, like an encoder that died.
-class UnsealedWriter final : public media::AacWriter {
+class UnsealedWriter final : public fakes::CountingWriter {
 public:
-    UnsealedWriter(std::filesystem::path p, media::AacSettings s) : path_(std::move(p)), settings_(s) {
-        std::ofstream(path_, std::ios::binary) << box("ftyp", 12) << std::string("\0\0\0\0mdat", 8);
+    UnsealedWriter(std::filesystem::path p, media::AacSettings s) : CountingWriter(std::move(p), s) {
+        std::ofstream(path(), std::ios::binary) << box("ftyp", 12) << std::string("\0\0\0\0mdat", 8);
     }
-    Expected<Unit, std::string> write(const float* const*, int, std::size_t frames, int) override {
-        frames_ += std::int64_t(frames);
-        return Unit{};
-    }
-    Expected<Unit, std::string> syncToDisk() override { return Unit{}; }
-    Expected<Unit, std::string> finish() override { return Unit{}; }
-    const media::AacSettings& settings() const override { return settings_; }
-    std::int64_t framesWritten() const override { return frames_; }
-    const std::filesystem::path& path() const override { return path_; }
-
-private:
-    std::filesystem::path path_;
-    media::AacSettings settings_;
-    std::int64_t frames_ = 0;
 };
 
 TEST_F(LiveSegmentTest, NeverSealedSegmentsAreDroppedWithTheirLogLine) {

@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "audio/errors.h"
+#include "audio/aac_writer.h"
 #include "audio/ports.h"
 #include "recording/recorder_parts.h"
 
@@ -147,6 +148,27 @@ struct Rig {
     }
     Mixer& mixer() { return *mixers.back(); }
     MixerProbe& probe() { return *probes.back(); }
+};
+
+// An AAC writer that counts the frames it is given and writes nothing.
+class CountingWriter : public media::AacWriter {
+public:
+    explicit CountingWriter(std::filesystem::path path, media::AacSettings settings = {})
+        : path_(std::move(path)), settings_(settings) {}
+    Expected<Unit, std::string> write(const float* const*, int, std::size_t frames, int) override {
+        frames_ += std::int64_t(frames);
+        return Unit{};
+    }
+    Expected<Unit, std::string> syncToDisk() override { return Unit{}; }
+    Expected<Unit, std::string> finish() override { return Unit{}; }
+    const media::AacSettings& settings() const override { return settings_; }
+    std::int64_t framesWritten() const override { return frames_; }
+    const std::filesystem::path& path() const override { return path_; }
+
+private:
+    std::filesystem::path path_;
+    media::AacSettings settings_;
+    std::int64_t frames_ = 0;
 };
 
 }  // namespace vell::recording::fakes

@@ -23,24 +23,7 @@ constexpr std::size_t kBlock = kRate / 10;
 
 // The file is not what these tests are about: encoding eleven minutes of AAC would cost more
 // than everything else they do.
-class DiscardingWriter final : public media::AacWriter {
-public:
-    explicit DiscardingWriter(std::filesystem::path path) : path_(std::move(path)) {}
-    Expected<Unit, std::string> write(const float* const*, int, std::size_t frames, int) override {
-        frames_ += std::int64_t(frames);
-        return Unit{};
-    }
-    Expected<Unit, std::string> syncToDisk() override { return Unit{}; }
-    Expected<Unit, std::string> finish() override { return Unit{}; }
-    const media::AacSettings& settings() const override { return settings_; }
-    std::int64_t framesWritten() const override { return frames_; }
-    const std::filesystem::path& path() const override { return path_; }
-
-private:
-    std::filesystem::path path_;
-    media::AacSettings settings_;
-    std::int64_t frames_ = 0;
-};
+using DiscardingWriter = fakes::CountingWriter;
 
 // The system-audio tap, delivering whatever the test hands it.
 class SystemAudio final : public audio::SystemAudioSource {
