@@ -12,6 +12,7 @@
 #include "audio/output_route.h"
 #include "platform/aec/webrtc_echo_canceller.h"
 #include "platform/alsa/alsa_mic_engine.h"
+#include "insurance/insurance_chunk_writer.h"
 #include "insurance/preview_player.h"
 #include "platform/codec/aac_writer.h"
 #include "platform/codec/adts_decoder.h"
@@ -41,6 +42,11 @@ void installPlatformBindings() {
         audio::OutputRouteWatcher::setFactory(&platform::makePulseOutputRouteWatcher);
         audio::MicCapture::setDefaultEngines([] { return platform::makePulseMicEngine(); },
                                              [] { return platform::makeAlsaMicEngine(); });
+        // Insurance mode: the server hands over the chunks' mono 16 kHz in 100 ms blocks.
+        audio::MicCapture::setListeningEngine([] {
+            return platform::makePulseMicEngine(
+                {static_cast<uint32_t>(insurance::kEncoderRows.front().sampleRate), 1, 0.1});
+        });
         audio::MicrophoneSettings::setDefaultDeviceProvider([] { return platform::makePulseInputDevices(); });
         insurance::setPreviewPlayerFactory([] {
             return platform::makePulsePreviewPlayer([](const std::filesystem::path& file) -> std::optional<platform::PlaybackPcm> {

@@ -19,6 +19,14 @@ namespace {
 std::mutex gDefaultEnginesMutex;
 MicCaptureEngineFactory gDefaultEngine;
 MicCaptureEngineFactory gDefaultFallbackEngine;
+MicCaptureEngineFactory gListeningEngine;
+
+std::unique_ptr<MicCapture> makeWith(MicCaptureEngineFactory engine, MicCaptureEngineFactory fallback) {
+    if (!engine) throw std::logic_error("vell: no microphone engine installed");
+    auto capture = std::make_unique<MicCapture>(std::move(engine), std::move(fallback));
+    capture->setHealthReporter([](const std::string& uid, bool failed) { MicrophoneSettings::reportDeviceHealth(uid, failed); });
+    return capture;
+}
 }  // namespace
 
 void MicCapture::setDefaultEngines(MicCaptureEngineFactory makeEngine, MicCaptureEngineFactory makeFallbackEngine) {
@@ -31,16 +39,18 @@ MicCapture::MicCapture(MicCaptureEngineFactory makeEngine, MicCaptureEngineFacto
     : makeEngine_(std::move(makeEngine)), makeFallbackEngine_(std::move(makeFallbackEngine)) {}
 
 std::unique_ptr<MicCapture> MicCapture::makeDefault() {
-    MicCaptureEngineFactory engine, fallback;
-    {
-        std::lock_guard lock(gDefaultEnginesMutex);
-        engine = gDefaultEngine;
-        fallback = gDefaultFallbackEngine;
-    }
-    if (!engine) throw std::logic_error("vell: no microphone engine installed");
-    auto capture = std::make_unique<MicCapture>(std::move(engine), std::move(fallback));
-    capture->setHealthReporter([](const std::string& uid, bool failed) { MicrophoneSettings::reportDeviceHealth(uid, failed); });
-    return capture;
+    std::lock_guard lock(gDefaultEnginesMutex);
+    return makeWith(gDefaultEngine, gDefaultFallbackEngine);
+}
+
+void MicCapture::setListeningEngine(MicCaptureEngineFactory makeEngine) {
+    std::lock_guard lock(gDefaultEnginesMutex);
+    gListeningEngine = std::move(makeEngine);
+}
+
+std::unique_ptr<MicCapture> MicCapture::makeForListening() {
+    std::lock_guard lock(gDefaultEnginesMutex);
+    return makeWith(gListeningEngine ? gListeningEngine : gDefaultEngine, gDefaultFallbackEngine);
 }
 
 MicCapture::~MicCapture() { stop(); }

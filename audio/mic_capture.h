@@ -42,6 +42,10 @@ public:
     // The installed engines (the sound server, then ALSA); devices that refuse to open are
     // recorded in the microphone health of MicrophoneSettings.
     static std::unique_ptr<MicCapture> makeDefault();
+    // Insurance mode listens for hours: the composition root may install a primary engine
+    // that delivers the chunks' own format in longer blocks. Without one, as makeDefault().
+    static void setListeningEngine(MicCaptureEngineFactory makeEngine);
+    static std::unique_ptr<MicCapture> makeForListening();
     ~MicCapture() override;
 
     // Opens the primary engine, or the fallback on the same device when the primary fails;

@@ -78,10 +78,12 @@ int main(int argc, char** argv) {
         peerRssKiB = r.ru_maxrss;
     });
     const Sample hostStart = sample(host);
+    const auto threadsStart = threadSamples(host);
     const auto begin = std::chrono::steady_clock::now();
     std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
     const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     const Sample hostEnd = sample(host);
+    const auto threadsEnd = threadSamples(host);
     peerRun.join();
     std::size_t chunks = 0;
     std::error_code ec;
@@ -100,6 +102,7 @@ int main(int argc, char** argv) {
     std::printf("insurance mode listening for %.0f s (CPU at the clock tick's resolution, 10 ms):\n", wall);
     std::printf("  vell daemon, insurance on : %.3f %% of a core, peak RSS %.1f MiB (PSS %.1f MiB), %zu files in the buffer\n",
                 ours, double(hostEnd.peakRssKiB) / 1024, double(hostEnd.pssKiB) / 1024, chunks);
+    printThreads(threadsStart, threadsEnd, wall);
     std::printf("  parec | ffmpeg aac 32k    : %.3f %% of a core, peak RSS %.1f MiB (larger of the two), %llu bytes\n", peer,
                 double(peerRssKiB) / 1024, static_cast<unsigned long long>(peerBytes));
     if (peer > 0)

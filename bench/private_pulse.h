@@ -42,11 +42,15 @@ public:
     bool start(const fs::path& runtime, const char* who) {
         setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
         setenv("PULSE_SERVER", ("unix:" + (runtime / "pulse" / "native").string()).c_str(), 1);
-        fifo_ = runtime / "mic.fifo";
+        // The microphone is a timer-driven source, as a sound card is under the server's
+        // timer scheduling: it wakes as often as the most demanding reader asked for (a pipe
+        // source would instead wake every reader at the feeder's own pace). A null sink
+        // clocks the audio played into it; "fakemic" remaps its monitor into an ordinary source.
         if (sh("pulseaudio --daemonize=yes -n --exit-idle-time=-1 --disallow-exit --load=module-native-protocol-unix "
                "--load='module-null-sink sink_name=speakers' "
-               "--load='module-pipe-source source_name=fakemic file=" + fifo_.string() +
-               " format=s16le rate=16000 channels=1' 2>/dev/null") != 0) {
+               "--load='module-null-sink sink_name=micfeed rate=16000 channels=1 channel_map=mono' "
+               "--load='module-remap-source source_name=fakemic master=micfeed.monitor rate=16000 channels=1 channel_map=mono' "
+               "2>/dev/null") != 0) {
             std::fprintf(stderr, "%s: cannot start pulseaudio\n", who);
             return false;
         }
@@ -71,7 +75,11 @@ public:
 private:
     // A voice-like signal: five harmonics of 130 Hz under a 3 Hz syllable envelope.
     void feed() {
-        const int fd = ::open(fifo_.c_str(), O_WRONLY);
+        // pacat keeps half a second queued in the feed sink, so the sink's clock, not this
+        // loop, paces the microphone.
+        FILE* player = ::popen("pacat --playback -d micfeed --raw --format=s16le --rate=16000 --channels=1 "
+                               "--latency-msec=500 2>/dev/null", "w");
+        const int fd = player ? ::fileno(player) : -1;
         std::vector<int16_t> block(160);
         std::size_t n = 0;
         auto next = std::chrono::steady_clock::now();
@@ -87,10 +95,9 @@ private:
             next += std::chrono::milliseconds(10);
             std::this_thread::sleep_until(next);
         }
-        if (fd >= 0) ::close(fd);
+        if (player) ::pclose(player);
     }
 
-    fs::path fifo_;
     std::atomic<bool> running_{false};
     std::thread feeder_;
 };

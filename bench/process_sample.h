@@ -12,6 +12,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -113,6 +115,44 @@ inline Sample sample(pid_t pid) {
     s.peakRssKiB = field(proc / "status", "VmHWM:");
     s.pssKiB = field(proc / "smaps_rollup", "Pss:");
     return s;
+}
+
+// One thread's counters, by its name (threads that share a name are added together).
+struct ThreadSample {
+    double cpuSeconds = 0;
+    long switches = 0;
+};
+
+inline std::map<std::string, ThreadSample> threadSamples(pid_t pid) {
+    std::map<std::string, ThreadSample> threads;
+    std::error_code ec;
+    for (const auto& task : fs::directory_iterator("/proc/" + std::to_string(pid) + "/task", ec)) {
+        std::ifstream stat(task.path() / "stat");
+        std::string text((std::istreambuf_iterator<char>(stat)), {});
+        const auto open = text.find('('), close = text.rfind(')');
+        if (open == std::string::npos || close == std::string::npos) continue;
+        std::istringstream rest(text.substr(close + 2));
+        std::string f;
+        std::vector<std::string> fields;
+        while (rest >> f) fields.push_back(f);
+        if (fields.size() <= 12) continue;
+        auto& t = threads[text.substr(open + 1, close - open - 1)];
+        t.cpuSeconds += double(std::stol(fields[11]) + std::stol(fields[12])) / double(sysconf(_SC_CLK_TCK));
+        t.switches += field(task.path() / "status", "voluntary_ctxt_switches:") +
+                      field(task.path() / "status", "nonvoluntary_ctxt_switches:");
+    }
+    return threads;
+}
+
+// Prints each thread's share of a core and wake-ups per second between two samples.
+inline void printThreads(const std::map<std::string, ThreadSample>& before,
+                         const std::map<std::string, ThreadSample>& after, double wall) {
+    for (const auto& [name, end] : after) {
+        ThreadSample start;
+        if (auto found = before.find(name); found != before.end()) start = found->second;
+        std::printf("    thread %-16s %6.3f %% of a core, %7.1f switches/s\n", name.c_str(),
+                    100 * (end.cpuSeconds - start.cpuSeconds) / wall, double(end.switches - start.switches) / wall);
+    }
 }
 
 inline pid_t spawnShell(const std::string& command, const fs::path& output) {

@@ -251,7 +251,7 @@ void InsuranceRecorder::devicesChanged() {
 
 InsuranceRecorderParts InsuranceRecorder::defaultParts() {
     InsuranceRecorderParts parts;
-    parts.microphone = audio::MicCapture::makeDefault();
+    parts.microphone = audio::MicCapture::makeForListening();
     parts.resolveDevice = [] {
         auto& settings = audio::MicrophoneSettings::shared();
         const auto resolution = settings.insuranceResolution();

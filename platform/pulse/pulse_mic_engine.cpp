@@ -39,7 +39,8 @@ struct Shared {
 
 class PulseMicEngine final : public audio::MicCaptureEngine {
 public:
-    PulseMicEngine() : connection_("Vell microphone", queues::kMicIO), shared_(std::make_shared<Shared>()) {}
+    explicit PulseMicEngine(PulseMicDelivery delivery)
+        : delivery_(delivery), connection_("Vell microphone", queues::kMicIO), shared_(std::make_shared<Shared>()) {}
     ~PulseMicEngine() override { stop(); }
 
     void selectDevice(const audio::MicrophoneTarget& target) override {
@@ -78,8 +79,10 @@ public:
         connection_.connect();
         std::string device = chosen_ ? *chosen_ : connection_.serverInfo().defaultSource;
         if (device.empty()) throw CoreAudioError(PA_ERR_NOENTITY, "pa_context_get_server_info");
-        auto stream = std::make_unique<pulse::RecordStream>(
-            connection_, pulse::RecordOptions{device, chosen_.has_value(), 0.02, "Microphone"});
+        pulse::RecordOptions options{device, chosen_.has_value(), delivery_.blockSeconds, "Microphone"};
+        options.rate = delivery_.rate;
+        options.channels = delivery_.channels;
+        auto stream = std::make_unique<pulse::RecordStream>(connection_, std::move(options));
         stream->setDataHandler(handler_);
         uint64_t generation = ++shared_->generation;
         std::weak_ptr<Shared> weak = shared_;
@@ -120,6 +123,7 @@ public:
     }
 
 private:
+    const PulseMicDelivery delivery_;
     std::mutex lock_;
     pulse::Connection connection_;
     std::shared_ptr<Shared> shared_;
@@ -130,6 +134,8 @@ private:
 
 }  // namespace
 
-std::unique_ptr<audio::MicCaptureEngine> makePulseMicEngine() { return std::make_unique<PulseMicEngine>(); }
+std::unique_ptr<audio::MicCaptureEngine> makePulseMicEngine(PulseMicDelivery delivery) {
+    return std::make_unique<PulseMicEngine>(delivery);
+}
 
 }  // namespace vell::platform

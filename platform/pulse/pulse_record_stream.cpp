@@ -46,7 +46,7 @@ void RecordStream::start() {
     if (!source) throw CoreAudioError(PA_ERR_NOENTITY, "pa_context_get_source_info_by_name");
 
     Connection::Lock lock(connection_);
-    pa_sample_spec spec{PA_SAMPLE_FLOAT32NE, source->rate, source->channels};
+    pa_sample_spec spec{PA_SAMPLE_FLOAT32NE, options_.rate.value_or(source->rate), options_.channels.value_or(source->channels)};
     if (!pa_sample_spec_valid(&spec)) throw CoreAudioError(PA_ERR_NOTSUPPORTED, "pa_sample_spec_valid");
     rate_ = spec.rate;
     channels_ = spec.channels;

@@ -1,6 +1,6 @@
 #pragma once
 // A record stream on one source of a pulse::Connection: 32-bit float in the source's own
-// rate and channels, delivered in blocks of about 20 ms as audio::PcmBuffer on the
+// rate and channels (or those asked for), delivered in blocks of about 20 ms (or as asked) as audio::PcmBuffer on the
 // connection's thread. Moves, suspensions and failures (the source was removed, the server
 // went away) are reported as events, also on the connection's thread.
 #include <atomic>
@@ -24,6 +24,9 @@ struct RecordOptions {
     std::string streamName = "Vell";
     // On a sink's monitor: record only this playback stream (sink input) of the sink.
     std::optional<uint32_t> sinkInput;
+    // Asked of the server instead of the source's own rate and channels (it converts).
+    std::optional<uint32_t> rate;
+    std::optional<uint8_t> channels;
 };
 
 class RecordStream {

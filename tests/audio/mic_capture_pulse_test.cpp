@@ -116,6 +116,32 @@ TEST(MicCapturePulseTest, DeliversSmallBlocksSoonAfterStart) {
     ASSERT_TRUE(collector.waitForBlocks(20));  // about 20 ms each: 20 blocks well within 3 s
 }
 
+// Insurance mode's capture as the program installs it: the server converts a 44.1 kHz
+// stereo source into the chunks' 16 kHz mono and hands it over in blocks of about 100 ms.
+TEST(MicCapturePulseTest, TheListeningCaptureGetsSixteenKilohertzMonoInLongBlocks) {
+    test::PulseServer pulse;
+    auto capture = MicCapture::makeForListening();
+    std::mutex mutex;
+    std::vector<std::pair<double, size_t>> blocks;  // rate and frames
+    int channels = 0;
+    std::condition_variable cv;
+    capture->start({"speakers.monitor", std::nullopt}, [&](PcmBufferPtr b) {
+        std::lock_guard lock(mutex);
+        blocks.emplace_back(b->sampleRate, b->frames());
+        channels = b->channelCount();
+        cv.notify_all();
+    }, {});
+    std::unique_lock lock(mutex);
+    ASSERT_TRUE(cv.wait_for(lock, 5s, [&] { return blocks.size() >= 6; }));
+    EXPECT_EQ(channels, 1);
+    for (const auto& [rate, frames] : blocks) EXPECT_EQ(rate, 16000);
+    // The first block may be short; the steady ones are far longer than the 20 ms default.
+    const size_t longest = std::max_element(blocks.begin() + 1, blocks.end())->second;
+    EXPECT_GE(longest, 1200u);
+    lock.unlock();
+    capture->stop();
+}
+
 TEST(MicCapturePulseTest, TheSoundServerEngineRefusesASourceThatDoesNotExist) {
     test::PulseServer pulse;
     auto engine = platform::makePulseMicEngine();
