@@ -2,7 +2,7 @@
 
 #include <plist/plist.h>
 
-#include <cstdlib>
+#include <cstddef>
 
 namespace vell::plist {
 
@@ -20,11 +20,14 @@ struct Node {
 std::optional<std::string> stringItem(plist_t dict, const char* key) {
     plist_t item = plist_dict_get_item(dict, key);
     if (!item || plist_get_node_type(item) != PLIST_STRING) return std::nullopt;
-    char* value = nullptr;
-    plist_get_string_val(item, &value);
+    // By pointer and length: the copying getter asserts (and aborts the process) on a string
+    // with a NUL inside, which a damaged or foreign file can hold.
+    uint64_t length = 0;
+    const char* value = plist_get_string_ptr(item, &length);
     if (!value) return std::nullopt;
-    std::string out = value;
-    std::free(value);
+    std::string out(value, static_cast<std::size_t>(length));
+    // No cookie field may hold a NUL; such a field counts as missing.
+    if (out.find('\0') != std::string::npos) return std::nullopt;
     return out;
 }
 }  // namespace
