@@ -14,7 +14,6 @@
 #include <QTabWidget>
 #include <QTextBrowser>
 #include <cstdlib>
-#include <fstream>
 
 #include "app/composition.h"
 #include "app/host.h"
@@ -23,6 +22,7 @@
 #include "tests/support/child_process.h"
 #include "tests/support/private_bus.h"
 #include "tests/support/pulse_server.h"
+#include "tests/tray/speech_sample.h"
 #include "tests/tray/tray_rig.h"
 #include "tray/cue_treemap.h"
 #include "tray/live_view.h"
@@ -37,19 +37,6 @@ using test::child;
 using test::waitFor;
 
 constexpr const char* kAlone = "VELL_TRAY_COMPOSITION_ALONE";
-
-// Synthetic speech at the fake microphone's format.
-std::vector<int16_t> speech(const fs::path& dir, const std::string& words) {
-    const auto raw = dir / "speech.s16";
-    const std::string command = "espeak-ng -v en -s 140 --stdout \"" + words +
-                                "\" | sox -q -R -t wav - -t raw -r 16000 -e signed -b 16 -c 1 " + raw.string() + " norm -3";
-    if (std::system(command.c_str()) != 0) return {};
-    std::ifstream in(raw, std::ios::binary);
-    std::vector<int16_t> samples;
-    int16_t v;
-    while (in.read(reinterpret_cast<char*>(&v), sizeof v)) samples.push_back(v);
-    return samples;
-}
 
 QListWidgetItem* processedRow(QListWidget* list) {
     for (int i = 0; i < list->count(); ++i)
@@ -77,7 +64,7 @@ TEST(TrayCompositionTest, AProcessedRecordingsResultsShowInTheMainWindow) {
         pid_t& pid;
         ~Reap() { vell::test::endProcess(pid); }
     } reap{drainer};
-    const auto words = speech(home.tmp(), "The budget for the launch is ten thousand dollars. What is the launch date?");
+    const auto words = test::speech(home.tmp(), "The budget for the launch is ten thousand dollars. What is the launch date?");
     ASSERT_GT(words.size(), 16000u * 3) << "espeak-ng and sox are needed";
     setInterfaceLanguage(Language::English);
 
