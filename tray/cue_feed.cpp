@@ -28,7 +28,9 @@ bool CueFeedModel::add(const std::vector<live::Tile>& tiles) {
         fresh.push_back(tile);
     }
     if (fresh.empty()) return false;
-    // Of those arriving together, the heaviest ends up on top.
+    // Of those arriving together the latest in the conversation goes on top, the heavier
+    // first at the same moment.
+    std::stable_sort(fresh.begin(), fresh.end(), [](const live::Tile& a, const live::Tile& b) { return a.atMs > b.atMs; });
     entries_.insert(entries_.begin(), fresh.begin(), fresh.end());
     return true;
 }

@@ -37,8 +37,9 @@ QString recordingDate(const results::RecordingResult& r) {
 
 QString lengthOf(const results::RecordingResult& r) { return elapsedText(double(r.durationMs) / 1000.0); }
 
+// The date on the first line; the length and state below.
 QString rowText(const ResultItem& item) {
-    QString text = recordingDate(item.result) + "  ·  " + lengthOf(item.result) + "  ·  " + q(item.result.stateSentence());
+    QString text = recordingDate(item.result) + "\n" + lengthOf(item.result) + "  ·  " + q(item.result.stateSentence());
     if (!item.offline.empty()) text += q(m::kOfflineCopyNote);
     return text;
 }
@@ -79,6 +80,9 @@ ResultsView::ResultsView(Backend& backend, QWidget* parent) : QWidget(parent), b
     listStatus_->setWordWrap(true);
     list_ = new QListWidget(left);
     list_->setObjectName("resultsList");
+    list_->setWordWrap(true);
+    list_->setSpacing(2);
+    list_->setMinimumWidth(fontMetrics().averageCharWidth() * 30);
     refresh_ = new QPushButton(left);
     refresh_->setObjectName("refreshResults");
     leftLayout->addWidget(listStatus_);
@@ -119,9 +123,12 @@ ResultsView::ResultsView(Backend& backend, QWidget* parent) : QWidget(parent), b
     action_->setObjectName("actionStatus");
     action_->setWordWrap(true);
     action_->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    rename_->setSizePolicy(QSizePolicy::Maximum, QSizePolicy::Fixed);
+    share_->setSizePolicy(QSizePolicy::Maximum, QSizePolicy::Fixed);
     actions->addWidget(rename_);
     actions->addWidget(share_);
     actions->addWidget(action_, 1);
+    actions->addStretch();
     rightLayout->addWidget(headline_);
     rightLayout->addWidget(detailStatus_);
     rightLayout->addWidget(tabs_, 1);
