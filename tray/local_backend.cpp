@@ -174,9 +174,16 @@ void LocalBackend::watchLate() {
     if (!resultsWatched_) {
         if (auto* results = recordingResults()) {
             resultsWatched_ = true;
-            // A recording processed (or a result kept) here: shown lists are worth asking for again.
-            lateWatches_.push_back(results->results.subscribe([this](const auto&) {
-                QMetaObject::invokeMethod(this, [this] { emit resultsChanged(); }, Qt::QueuedConnection);
+            // A recording whose processing moved on here: shown lists are worth asking for
+            // again (a result kept again unchanged, as every look at one does, is not).
+            lateWatches_.push_back(results->results.subscribe([this](const std::map<std::string, results::RecordingResult>& all) {
+                std::map<std::string, std::string> states;
+                for (const auto& [id, r] : all) states[id] = r.state;
+                QMetaObject::invokeMethod(this, [this, states] {
+                    if (states == resultStates_) return;
+                    resultStates_ = states;
+                    emit resultsChanged();
+                }, Qt::QueuedConnection);
             }));
         }
     }

@@ -124,6 +124,7 @@ private:
     std::vector<Subscription> watches_, lateWatches_, recoveryWatches_;
     bool insuranceWatched_ = false, callsWatched_ = false, calendarWatched_ = false, discardsWatched_ = false;
     bool adviceWatched_ = false, resultsWatched_ = false;
+    std::map<std::string, std::string> resultStates_;  // id -> processing state, of the results kept
     std::optional<std::string> lastDiscard_;
     bool rebuildPosted_ = false;
     long long ticks_ = 0;
