@@ -2,6 +2,7 @@
 
 #include <QHelpEvent>
 #include <QPainter>
+#include <QTextLayout>
 #include <QToolTip>
 #include <algorithm>
 #include <cmath>
@@ -24,6 +25,29 @@ double luminance(const QColor& c) { return 0.2126 * c.redF() + 0.7152 * c.greenF
 QColor mix(const QColor& a, const QColor& b, double t) {
     return QColor::fromRgbF(float(a.redF() * (1 - t) + b.redF() * t), float(a.greenF() * (1 - t) + b.greenF() * t),
                             float(a.blueF() * (1 - t) + b.blueF() * t));
+}
+
+// The sentence wrapped into the box; a last line that cannot hold the rest ends in "…".
+void drawWrapped(QPainter& painter, const QRectF& box, const QString& text, const QFontMetrics& metrics) {
+    const int most = int(box.height() / metrics.height());
+    if (most <= 0) return;
+    QTextLayout layout(text, painter.font());
+    layout.beginLayout();
+    QStringList lines;
+    for (int n = 0; n < most; ++n) {
+        QTextLine line = layout.createLine();
+        if (!line.isValid()) break;
+        line.setLineWidth(box.width());
+        const bool more = line.textStart() + line.textLength() < text.size();
+        if (n == most - 1 && more) {
+            lines << metrics.elidedText(text.mid(line.textStart()), Qt::ElideRight, int(box.width()));
+            break;
+        }
+        lines << text.mid(line.textStart(), line.textLength()).trimmed();
+    }
+    layout.endLayout();
+    for (int i = 0; i < lines.size(); ++i)
+        painter.drawText(QPointF(box.left(), box.top() + metrics.ascent() + i * metrics.height()), lines[i]);
 }
 
 }  // namespace
@@ -127,12 +151,7 @@ void CueTreemap::paintEvent(QPaintEvent*) {
                          boldMetrics.elidedText(q(live::tileTitle(tiles_[i])), Qt::ElideRight, int(inner.width())));
         const QRectF body = inner.adjusted(0, boldMetrics.height(), 0, 0);
         painter.setFont(font());
-        if (body.height() >= fontMetrics().height()) {
-            // As many whole lines of the sentence as fit.
-            const int lines = int(body.height() / fontMetrics().height());
-            const QRectF shown(body.topLeft(), QSizeF(body.width(), lines * fontMetrics().height()));
-            painter.drawText(shown, Qt::AlignLeft | Qt::AlignTop | Qt::TextWordWrap, q(live::tileText(tiles_[i])));
-        }
+        drawWrapped(painter, body, q(live::tileText(tiles_[i])), fontMetrics());
     }
 }
 
