@@ -46,12 +46,15 @@ bool LiveView::worthShowing() const {
 
 void LiveView::render() {
     const auto& s = backend_.state();
-    const auto& live = s.live;
+    if (s.recording && !wasRecording_) liveThisRun_ = s.phase == SignInPhase::signedIn;
+    wasRecording_ = s.recording;
+    const LiveState none;
+    const auto& live = s.recording && !liveThisRun_ ? none : s.live;
     treemap_->setTiles(live.tiles);
     feed_->show(live.sessionID, live.tiles);
     QString status;
     if (!live.message.empty()) status = q(live.message);
-    else if (s.recording && live.sessionID.empty()) status = s.starting ? QString() : q(m::kLiveOff);
+    else if (s.recording && live.sessionID.empty()) status = q(m::kLiveOff);
     else if (s.recording && live.tiles.empty()) status = q(m::kLiveListening);
     else if (!s.recording && !live.tiles.empty()) status = q(m::kLastAdvice);
     else if (!s.recording) status = q(m::kLiveIdle);

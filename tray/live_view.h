@@ -22,6 +22,9 @@ public:
 
 private:
     Backend& backend_;
+    // A recording started signed out has no live session: what the advisor still holds is
+    // an earlier recording's.
+    bool wasRecording_ = false, liveThisRun_ = true;
     QLabel* status_;
     CueTreemap* treemap_;
     CueFeed* feed_;

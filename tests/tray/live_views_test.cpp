@@ -196,6 +196,7 @@ TEST(LiveViewTest, ComesForwardWhileRecordingAndKeepsTheLastAdvice) {
     auto* status = child<QLabel>(live, "liveStatus");
     EXPECT_FALSE(tabs->isTabVisible(tabs->indexOf(live))) << "nothing to show before any recording";
 
+    backend.state_.phase = SignInPhase::signedIn;
     backend.state_.recording = true;
     backend.state_.live.sessionID = "s1";
     emit backend.changed();
@@ -223,10 +224,12 @@ TEST(LiveViewTest, ComesForwardWhileRecordingAndKeepsTheLastAdvice) {
     EXPECT_EQ(status->text(), "The advice of the last recording.");
     EXPECT_EQ(child<CueTreemap>(live, "cueTreemap")->tiles().size(), 3u);
 
-    // Recording without a live session (signed out) says so rather than waiting forever.
+    // Recording signed out gets no live session: the last recording's advice, still held,
+    // is not shown as this one's, and the page says why there is none.
+    backend.state_.phase = SignInPhase::signedOut;
     backend.state_.recording = true;
-    backend.state_.live = {};
     emit backend.changed();
+    EXPECT_TRUE(child<CueTreemap>(live, "cueTreemap")->tiles().empty());
     EXPECT_EQ(tabs->currentWidget(), live);
     setInterfaceLanguage(Language::Spanish);
     emit languageSignal().changed();
