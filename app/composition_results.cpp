@@ -39,6 +39,9 @@ void followRecordingResults(recording::RecorderService& recorder) {
     static bool following = false;
     if (following) return;
     following = true;
+    // Made now, not at the first upload: the front ends list the account's recordings (and
+    // the copies kept here) from the launch on.
+    recordingResults();
     static Subscription watch = recorder.state.pending.subscribe(
         [&recorder](const std::vector<recording::PendingRecording>&) { followUploaded(recorder); });
     // Uploads of an earlier run whose results never arrived.

@@ -5,12 +5,15 @@
 // actions; answers that take time come back through callbacks, always on the GUI thread.
 #include <QObject>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "base/clock.h"
 #include "base/expected.h"
+#include "live/live_api.h"
+#include "results/recording_result.h"
 
 namespace vell::tray {
 
@@ -32,6 +35,27 @@ struct MicrophoneOption {
     std::string label;
     bool bluetooth = false;
     bool operator==(const MicrophoneOption&) const = default;
+};
+
+// The live advice of the running recording (or of the last one, once it stopped).
+struct LiveState {
+    std::string sessionID;          // empty: no live session for the running or last recording
+    std::vector<live::Tile> tiles;  // the latest advice, heaviest first
+    std::string message;            // what is wrong with live advice right now, if anything
+    bool closed = false;            // the recording ended and the service was told
+    bool operator==(const LiveState&) const = default;
+};
+
+// One recording as the service (or the copy kept on this computer) tells it.
+struct ResultItem {
+    results::RecordingResult result;
+    std::string offline;  // set when this is the copy kept here: why the service was not asked
+};
+
+// The link of a shared recording, and whether it is on the clipboard now.
+struct SharedLink {
+    std::string url;
+    bool copied = false;
 };
 
 struct TrayState {
@@ -66,6 +90,8 @@ struct TrayState {
     std::string recordingMicrophone = "default", insuranceMicrophone = "default";
     int microphoneCount = -1;  // input devices found; -1 when this front end cannot tell
 
+    LiveState live;
+
     // A recording waits after a failed upload (and is not on its way now).
     bool uploadTrouble() const;
 };
@@ -89,6 +115,9 @@ class Backend : public QObject {
     Q_OBJECT
 public:
     using Reply = std::function<void(std::optional<std::string> error)>;
+    // The answer, or why there is none as one sentence in the interface language.
+    template <class T>
+    using Answer = std::function<void(Expected<T, std::string>)>;
 
     ~Backend() override = default;
 
@@ -132,6 +161,15 @@ public:
     virtual void recoverPlay() = 0;
     virtual void recoverPause() = 0;
 
+    // What the service made of the recordings: the account's list, one recording in full,
+    // its speakers named ({number -> name}; an empty name restores the default) and a link
+    // to its summary and transcript, which is put on the clipboard.
+    virtual void listRecordings(Answer<std::vector<ResultItem>> done) = 0;
+    virtual void recordingDetail(const std::string& id, Answer<ResultItem> done) = 0;
+    virtual void renameSpeakers(const std::string& id, const std::map<int, std::string>& names,
+                                Answer<results::RecordingResult> done) = 0;
+    virtual void shareRecording(const std::string& id, Answer<SharedLink> done) = 0;
+
     // Stop and quit: a recording stops and stays ready for upload; done once the host
     // let go (a front end of another host only closes itself).
     virtual void quit(std::function<void()> done) = 0;
@@ -141,6 +179,9 @@ signals:
     void recoveryChanged();
     // A discard that can be undone has just happened.
     void discarded();
+    // The recordings' results may have moved on (one was uploaded or processed): a shown
+    // list is worth asking for again.
+    void resultsChanged();
 };
 
 }  // namespace vell::tray

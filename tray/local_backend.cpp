@@ -22,9 +22,13 @@
 #include "insurance/insurance_messages.h"
 #include "insurance/insurance_recorder.h"
 #include "insurance/insurance_recovery_controller.h"
+#include "live/live_advisor.h"
 #include "platform/calendar/ics_calendar_source.h"
 #include "recording/recorder_service.h"
+#include "results/recording_results.h"
+#include "results/running_results.h"
 #include "tray/language_choice.h"
+#include "tray/tray_messages.h"
 
 namespace vell::tray {
 
@@ -75,6 +79,8 @@ LocalParts processParts() {
     parts.insurance = [] { return &insurance::InsuranceRecorder::shared(); };
     parts.microphones = [] { return &audio::MicrophoneSettings::shared(); };
     parts.calls = [] { return automation::AutomaticCallRecorder::shared(); };
+    parts.advisor = [] { return results::runningResults().advisor; };
+    parts.results = [] { return results::runningResults().results; };
     parts.copy = [](const std::string& text) {
         if (text.empty()) return false;
         auto* clipboard = QGuiApplication::clipboard();
@@ -157,6 +163,28 @@ void LocalBackend::watchLate() {
             callsWatched_ = true;
             lateWatches_.push_back(calls->activeCallers.subscribe(again));
             lateWatches_.push_back(calls->isEnabled.subscribe(again));
+        }
+    }
+    if (!adviceWatched_) {
+        if (auto* advisor = parts_.advisor ? parts_.advisor() : nullptr) {
+            adviceWatched_ = true;
+            lateWatches_.push_back(advisor->advice.subscribe(again));
+        }
+    }
+    if (!resultsWatched_) {
+        if (auto* results = recordingResults()) {
+            resultsWatched_ = true;
+            // A recording whose processing moved on here: shown lists are worth asking for
+            // again (a result kept again unchanged, as every look at one does, is not).
+            lateWatches_.push_back(results->results.subscribe([this](const std::map<std::string, results::RecordingResult>& all) {
+                std::map<std::string, std::string> states;
+                for (const auto& [id, r] : all) states[id] = r.state;
+                QMetaObject::invokeMethod(this, [this, states] {
+                    if (states == resultStates_) return;
+                    resultStates_ = states;
+                    emit resultsChanged();
+                }, Qt::QueuedConnection);
+            }));
         }
     }
     auto& running = automation::runningAutomations();
@@ -283,6 +311,13 @@ void LocalBackend::rebuild() {
             s.undoSecondsLeft = running.discards->secondsLeft();
         }
     }
+    if (auto* advisor = parts_.advisor ? parts_.advisor() : nullptr) {
+        const auto advice = advisor->advice.get();
+        s.live.sessionID = advice.sessionID.value_or("");
+        s.live.tiles = advice.tiles;
+        s.live.message = advice.message.value_or("");
+        s.live.closed = advice.closed;
+    }
     if (preferences_) {
         s.showsDockIcon = preferences_->showsDockIcon.get();
         s.opensAtLogin = preferences_->opensAtLogin.get();
@@ -306,7 +341,7 @@ void LocalBackend::rebuild() {
                       s.showsDockIcon == state_.showsDockIcon && s.opensAtLogin == state_.opensAtLogin &&
                       s.loginNeedsApproval == state_.loginNeedsApproval && s.loginItemMissing == state_.loginItemMissing &&
                       s.microphones == state_.microphones && s.recordingMicrophone == state_.recordingMicrophone &&
-                      s.insuranceMicrophone == state_.insuranceMicrophone && s.microphoneCount == state_.microphoneCount;
+                      s.insuranceMicrophone == state_.insuranceMicrophone && s.microphoneCount == state_.microphoneCount && s.live == state_.live;
     state_ = std::move(s);
     if (!same) emit changed();
 }
@@ -512,6 +547,50 @@ void LocalBackend::recoverCopy(const std::string& selectedText) {
         c->copy();
     }
     rebuildRecovery();
+}
+
+results::RecordingResults* LocalBackend::recordingResults() const { return parts_.results ? parts_.results() : nullptr; }
+
+template <class T>
+void LocalBackend::unavailable(Answer<T> done) {
+    QMetaObject::invokeMethod(this, [done = std::move(done)] { done(unexpected(messages::kResultsUnavailable.str())); },
+                              Qt::QueuedConnection);
+}
+
+void LocalBackend::listRecordings(Answer<std::vector<ResultItem>> done) {
+    auto* results = recordingResults();
+    if (!results) return unavailable(std::move(done));
+    results->list([done = std::move(done)](Expected<std::vector<results::Fetched>, std::string> list) {
+        if (!list) return done(unexpected(list.error()));
+        std::vector<ResultItem> items;
+        for (auto& f : *list) items.push_back({std::move(f.result), f.offlineBecause.value_or("")});
+        done(std::move(items));
+    });
+}
+
+void LocalBackend::recordingDetail(const std::string& id, Answer<ResultItem> done) {
+    auto* results = recordingResults();
+    if (!results) return unavailable(std::move(done));
+    results->detail(id, [done = std::move(done)](Expected<results::Fetched, std::string> f) {
+        if (!f) return done(unexpected(f.error()));
+        done(ResultItem{std::move(f->result), f->offlineBecause.value_or("")});
+    });
+}
+
+void LocalBackend::renameSpeakers(const std::string& id, const std::map<int, std::string>& names,
+                                  Answer<results::RecordingResult> done) {
+    auto* results = recordingResults();
+    if (!results) return unavailable(std::move(done));
+    results->renameSpeakers(id, names, std::move(done));
+}
+
+void LocalBackend::shareRecording(const std::string& id, Answer<SharedLink> done) {
+    auto* results = recordingResults();
+    if (!results) return unavailable(std::move(done));
+    results->share(id, [copy = parts_.copy, done = std::move(done)](Expected<std::string, std::string> url) {
+        if (!url) return done(unexpected(url.error()));
+        done(SharedLink{*url, copy && copy(*url)});
+    });
 }
 
 void LocalBackend::quit(std::function<void()> done) { parts_.host->quit(std::move(done)); }

@@ -26,6 +26,12 @@ namespace vell::insurance {
 class InsuranceRecorder;
 class InsuranceRecoveryController;
 }
+namespace vell::live {
+class LiveAdvisor;
+}
+namespace vell::results {
+class RecordingResults;
+}
 
 namespace vell::tray {
 
@@ -36,6 +42,9 @@ struct LocalParts {
     std::function<insurance::InsuranceRecorder*()> insurance;  // null while there is none
     std::function<audio::MicrophoneSettings*()> microphones;
     std::function<automation::AutomaticCallRecorder*()> calls;
+    // The live advisor and the recording results the launch makes; null before (or without).
+    std::function<live::LiveAdvisor*()> advisor;
+    std::function<results::RecordingResults*()> results;
     // Puts text on the clipboard; false when it was refused.
     std::function<bool(const std::string&)> copy;
     // Another reader (the control interface) takes the input peaks on its own tick; the
@@ -83,6 +92,11 @@ public:
     void recoverCopy(const std::string& selectedText) override;
     void recoverPlay() override;
     void recoverPause() override;
+    void listRecordings(Answer<std::vector<ResultItem>> done) override;
+    void recordingDetail(const std::string& id, Answer<ResultItem> done) override;
+    void renameSpeakers(const std::string& id, const std::map<int, std::string>& names,
+                        Answer<results::RecordingResult> done) override;
+    void shareRecording(const std::string& id, Answer<SharedLink> done) override;
     void quit(std::function<void()> done) override;
 
     // Rebuilds the state now (tests; the widgets get it on the next turn of the loop).
@@ -97,6 +111,10 @@ private:
     void rebuildRecovery();
     void refreshLoginItem();
     insurance::InsuranceRecoveryController* recoveryController();
+    results::RecordingResults* recordingResults() const;
+    // No results here (yet): says so on a later turn of the loop, as the services answer.
+    template <class T>
+    void unavailable(Answer<T> done);
 
     LocalParts parts_;
     TrayState state_;
@@ -105,6 +123,8 @@ private:
     std::unique_ptr<insurance::InsuranceRecoveryController> recovery_controller_;
     std::vector<Subscription> watches_, lateWatches_, recoveryWatches_;
     bool insuranceWatched_ = false, callsWatched_ = false, calendarWatched_ = false, discardsWatched_ = false;
+    bool adviceWatched_ = false, resultsWatched_ = false;
+    std::map<std::string, std::string> resultStates_;  // id -> processing state, of the results kept
     std::optional<std::string> lastDiscard_;
     bool rebuildPosted_ = false;
     long long ticks_ = 0;

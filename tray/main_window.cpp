@@ -6,12 +6,15 @@
 #include <QPushButton>
 #include <QShortcut>
 #include <QStyle>
+#include <QTabWidget>
 #include <QTableWidget>
 #include <QVBoxLayout>
 
 #include "automation/automation_messages.h"
 #include "tray/backend.h"
 #include "tray/language_choice.h"
+#include "tray/live_view.h"
+#include "tray/results_view.h"
 #include "tray/tray_messages.h"
 #include "tray/ui_text.h"
 
@@ -38,13 +41,25 @@ MainWindow::MainWindow(Backend& backend, QWidget* parent) : QWidget(parent, Qt::
     top->addWidget(signIn_);
     layout->addLayout(top);
 
-    heading_ = new QLabel(this);
+    tabs_ = new QTabWidget(this);
+    tabs_->setObjectName("mainTabs");
+    computer_ = new QWidget(tabs_);
+    computer_->setObjectName("computerPage");
+    auto* computerLayout = new QVBoxLayout(computer_);
+    results_ = new ResultsView(backend_, tabs_);
+    live_ = new LiveView(backend_, tabs_);
+    tabs_->addTab(computer_, QString());
+    tabs_->addTab(results_, QString());
+    tabs_->addTab(live_, QString());
+    layout->addWidget(tabs_, 1);
+
+    heading_ = new QLabel(computer_);
     QFont bold = heading_->font();
     bold.setBold(true);
     bold.setPointSizeF(bold.pointSizeF() * 1.2);
     heading_->setFont(bold);
-    layout->addWidget(heading_);
-    table_ = new QTableWidget(0, 4, this);
+    computerLayout->addWidget(heading_);
+    table_ = new QTableWidget(0, 4, computer_);
     table_->setObjectName("recordingsTable");
     table_->setEditTriggers(QAbstractItemView::NoEditTriggers);
     table_->setSelectionBehavior(QAbstractItemView::SelectRows);
@@ -52,12 +67,12 @@ MainWindow::MainWindow(Backend& backend, QWidget* parent) : QWidget(parent, Qt::
     table_->horizontalHeader()->setStretchLastSection(true);
     table_->horizontalHeader()->setSectionResizeMode(QHeaderView::ResizeToContents);
     table_->setAlternatingRowColors(true);
-    layout->addWidget(table_, 1);
-    empty_ = new QLabel(this);
+    computerLayout->addWidget(table_, 1);
+    empty_ = new QLabel(computer_);
     empty_->setObjectName("emptyLabel");
     empty_->setWordWrap(true);
     empty_->setAlignment(Qt::AlignCenter);
-    layout->addWidget(empty_);
+    computerLayout->addWidget(empty_);
 
     auto* bottom = new QHBoxLayout();
     upload_ = new QPushButton(this);
@@ -107,9 +122,22 @@ MainWindow::MainWindow(Backend& backend, QWidget* parent) : QWidget(parent, Qt::
     render();
 }
 
+void MainWindow::showPage(const QString& page) {
+    if (page == "results") tabs_->setCurrentWidget(results_);
+    else if (page == "live") tabs_->setCurrentWidget(live_);
+    else tabs_->setCurrentWidget(computer_);
+}
+
 void MainWindow::render() {
     const auto& s = backend_.state();
     setWindowTitle(q(m::kAppName));
+    tabs_->setTabText(tabs_->indexOf(computer_), q(m::kTabOnThisComputer));
+    tabs_->setTabText(tabs_->indexOf(results_), q(m::kTabResults));
+    tabs_->setTabText(tabs_->indexOf(live_), q(m::kTabLive));
+    tabs_->setTabVisible(tabs_->indexOf(live_), live_->worthShowing());
+    // A recording that starts brings its live advice forward, once: the user may go back.
+    if (s.recording && !wasRecording_) tabs_->setCurrentWidget(live_);
+    wasRecording_ = s.recording;
     record_->setText(s.recording ? q(m::kStop) : s.starting ? q(m::kStarting) : q(m::kRecord));
     record_->setIcon(style()->standardIcon(s.recording ? QStyle::SP_MediaStop : QStyle::SP_MediaPlay));
     record_->setEnabled(!s.starting || s.recording);

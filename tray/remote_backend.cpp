@@ -5,6 +5,8 @@
 #include <nlohmann/json.hpp>
 
 #include "insurance/insurance_messages.h"
+#include "live/live_advisor.h"
+#include "results/results_messages.h"
 #include "base/user_defaults.h"
 #include "platform/dbus/control_client.h"
 #include "recording/pending_recording_coding.h"
@@ -18,6 +20,9 @@ using Json = nlohmann::json;
 constexpr int kPollMilliseconds = 500;
 // The pending list and the automations are read every this many polls.
 constexpr int kSlowPollEvery = 4;
+// After a recording ended, the live advice is read this many more polls (its last cues
+// come once the last segment went out) unless its session closed before.
+constexpr int kLiveTailPolls = 40;
 
 SignInPhase phaseNamed(const std::string& name) {
     if (name == "signedOut") return SignInPhase::signedOut;
@@ -31,6 +36,15 @@ RecoveryView::Phase recoveryPhaseNamed(const std::string& name) {
     if (name == "improving") return RecoveryView::Phase::improving;
     if (name == "failed") return RecoveryView::Phase::failed;
     return RecoveryView::Phase::idle;
+}
+
+// A recording's results in the control interface's form; the host's sentence when it failed.
+Expected<ResultItem, std::string> resultItem(const Json& json) {
+    auto result = results::decodeResult(json);
+    if (!result) return unexpected(results::messages::kUnreadable.str());
+    ResultItem item{std::move(*result), {}};
+    if (auto it = json.find("offline"); it != json.end() && it->is_string()) item.offline = it->get<std::string>();
+    return item;
 }
 
 std::optional<Json> parse(const dbus::ControlClient::Result<std::string>& answer) {
@@ -122,16 +136,18 @@ void RemoteBackend::poll() {
     if (polling_ || lost_) return;
     polling_ = true;
     const bool slow = polls_++ % kSlowPollEvery == 0;
-    enqueue([this, slow](dbus::ControlClient& client) {
+    const bool liveWanted = state_.recording || liveTail_ > 0;
+    enqueue([this, slow, liveWanted](dbus::ControlClient& client) {
         auto status = client.status();
-        std::optional<Json> pending, insurance, calls, calendar;
+        std::optional<Json> pending, insurance, calls, calendar, advice;
+        if (status && (status->recording || liveWanted)) advice = parse(client.liveAdvice());
         if (slow && status) {
             pending = parse(client.pending());
             insurance = parse(client.insuranceStatus());
             calls = parse(client.callsStatus());
             calendar = parse(client.calendarReport(false));
         }
-        onGui([this, status, pending, insurance, calls, calendar] {
+        onGui([this, status, pending, insurance, calls, calendar, advice] {
             polling_ = false;
             if (!status) {
                 lost_ = true;
@@ -148,13 +164,27 @@ void RemoteBackend::poll() {
             s.microphoneLevel = status->microphoneLevel;
             s.systemLevel = status->systemLevel;
             s.lastError = status->lastError;
+            if (advice) {
+                if (auto a = live::liveAdviceFromJson(*advice)) {
+                    s.live = LiveState{a->sessionID.value_or(""), a->tiles, a->message.value_or(""), a->closed};
+                }
+            }
+            if (s.recording) liveTail_ = kLiveTailPolls;
+            else if (liveTail_ > 0 && (--liveTail_ == 0 || s.live.closed)) liveTail_ = 0;
             if (pending) {
                 s.pending.clear();
+                long uploaded = 0;
                 if (auto list = recording::coding::decodeReadableEntries(pending->dump())) {
                     for (const auto& p : *list) {
                         s.pending.push_back({p.id, recording::toString(p.status), p.startedAt, p.finishedAt,
                                              p.lastError.value_or(""), p.attempts, {}});
+                        if (p.status == recording::PendingRecording::Status::uploaded) ++uploaded;
                     }
+                }
+                // Another recording reached the service: its results are on their way.
+                if (uploaded != uploadedSeen_) {
+                    if (uploadedSeen_ >= 0) emit resultsChanged();
+                    uploadedSeen_ = uploaded;
                 }
             }
             if (insurance) {
@@ -340,6 +370,64 @@ void RemoteBackend::recoverCopy(const std::string& selectedText) {
     }
     recovery_.copyConfirmation = !ok ? m::kCouldNotCopy.str() : selectedText.empty() ? m::kCopied.str() : m::kSelectionCopied.str();
     emit recoveryChanged();
+}
+
+void RemoteBackend::listRecordings(Answer<std::vector<ResultItem>> done) {
+    enqueue([this, done = std::move(done)](dbus::ControlClient& c) {
+        auto answer = c.recordings();
+        onGui([answer, done] {
+            if (!answer) return done(unexpected(answer.error().message));
+            const auto list = Json::parse(*answer, nullptr, false);
+            if (!list.is_array()) return done(unexpected(results::messages::kUnreadable.str()));
+            std::vector<ResultItem> items;
+            for (const auto& entry : list) {
+                // One unreadable entry does not hide the others.
+                if (auto item = resultItem(entry)) items.push_back(std::move(*item));
+            }
+            done(std::move(items));
+        });
+    });
+}
+
+void RemoteBackend::recordingDetail(const std::string& id, Answer<ResultItem> done) {
+    enqueue([this, id, done = std::move(done)](dbus::ControlClient& c) {
+        auto answer = c.recordingDetail(id);
+        onGui([answer, done] {
+            if (!answer) return done(unexpected(answer.error().message));
+            done(resultItem(Json::parse(*answer, nullptr, false)));
+        });
+    });
+}
+
+void RemoteBackend::renameSpeakers(const std::string& id, const std::map<int, std::string>& names,
+                                   Answer<results::RecordingResult> done) {
+    Json wanted = Json::object();
+    for (const auto& [index, name] : names) wanted[std::to_string(index)] = name;
+    enqueue([this, id, wanted = wanted.dump(), done = std::move(done)](dbus::ControlClient& c) {
+        auto answer = c.renameSpeakers(id, wanted);
+        onGui([answer, done] {
+            if (!answer) return done(unexpected(answer.error().message));
+            auto item = resultItem(Json::parse(*answer, nullptr, false));
+            if (!item) return done(unexpected(item.error()));
+            done(item->result);
+        });
+    });
+}
+
+void RemoteBackend::shareRecording(const std::string& id, Answer<SharedLink> done) {
+    enqueue([this, id, done = std::move(done)](dbus::ControlClient& c) {
+        auto answer = c.shareRecording(id);
+        onGui([answer, done] {
+            if (!answer) return done(unexpected(answer.error().message));
+            auto* clipboard = QGuiApplication::clipboard();
+            const bool copied = clipboard && !answer->empty();
+            if (copied) {
+                clipboard->clear();
+                clipboard->setText(QString::fromStdString(*answer));
+            }
+            done(SharedLink{*answer, copied});
+        });
+    });
 }
 
 // A front end leaves the host running: only this window on it closes.

@@ -2,7 +2,8 @@
 // The tray as a front end of another host (`vell daemon`, or another tray) over the
 // control interface. Every call runs on one worker thread that owns the bus connection, so
 // the GUI thread never waits on the bus; answers come back on the GUI thread. The host's
-// state is polled twice a second (the pending list and the automations less often).
+// state is polled twice a second (the pending list and the automations less often; the
+// live advice while a recording runs and a little after).
 #include <QTimer>
 #include <condition_variable>
 #include <deque>
@@ -58,6 +59,11 @@ public:
     void recoverCopy(const std::string& selectedText) override;
     void recoverPlay() override {}
     void recoverPause() override {}
+    void listRecordings(Answer<std::vector<ResultItem>> done) override;
+    void recordingDetail(const std::string& id, Answer<ResultItem> done) override;
+    void renameSpeakers(const std::string& id, const std::map<int, std::string>& names,
+                        Answer<results::RecordingResult> done) override;
+    void shareRecording(const std::string& id, Answer<SharedLink> done) override;
     void quit(std::function<void()> done) override;
 
 signals:
@@ -82,6 +88,9 @@ private:
     int recoveryRun_ = 0;
     bool polling_ = false, lost_ = false;
     int polls_ = 0;
+    // Polls that still read the live advice after a recording ended (its last cues).
+    int liveTail_ = 0;
+    long uploadedSeen_ = -1;
     QTimer timer_, recoveryTimer_;
 
     std::mutex mutex_;

@@ -1,6 +1,7 @@
 #pragma once
 // A backend that shows the state it is given and ignores every action: for rendering the
-// windows to pictures and for tests of a window's own logic. GUI thread.
+// windows to pictures and for tests of a window's own logic. The recordings' results it
+// is given are answered at once; renaming and sharing are never answered. GUI thread.
 #include "tray/backend.h"
 
 namespace vell::tray {
@@ -33,10 +34,18 @@ public:
     void recoverCopy(const std::string&) override {}
     void recoverPlay() override {}
     void recoverPause() override {}
+    void listRecordings(Answer<std::vector<ResultItem>> done) override { done(results_); }
+    void recordingDetail(const std::string& id, Answer<ResultItem> done) override {
+        for (const auto& item : results_)
+            if (item.result.id == id) return done(item);
+    }
+    void renameSpeakers(const std::string&, const std::map<int, std::string>&, Answer<results::RecordingResult>) override {}
+    void shareRecording(const std::string&, Answer<SharedLink>) override {}
     void quit(std::function<void()>) override {}
 
     TrayState state_;
     RecoveryView recovery_;
+    std::vector<ResultItem> results_;
 };
 
 }  // namespace vell::tray

@@ -171,6 +171,50 @@ inline constexpr Text kColumnError{"Last error", "Último error"};
 inline constexpr Text kNoRecordings{"No recordings on this computer yet. Press Record to make one.",
                                     "Todavía no hay grabaciones en esta computadora. Tocá Grabar para hacer una."};
 
+inline constexpr Text kTabOnThisComputer{"On this computer", "En esta computadora"};
+inline constexpr Text kTabResults{"Results", "Resultados"};
+inline constexpr Text kTabLive{"Live", "En vivo"};
+
+// Results of the recordings
+inline constexpr Text kRefresh{"Refresh", "Actualizar"};
+inline constexpr Text kLoadingRecordings{"Asking the service for your recordings…", "Pidiéndole tus grabaciones al servicio…"};
+inline constexpr Text kNoResults{"No recordings on the service yet. Once one is uploaded, what came of it shows here.",
+                                 "Todavía no hay grabaciones en el servicio. Cuando se sube una, lo que salió de ella aparece acá."};
+inline constexpr Text kResultsUnavailable{"Recording results are not available yet. Try again in a moment.",
+                                          "Los resultados de las grabaciones todavía no están disponibles. Probá de nuevo en un momento."};
+inline constexpr Text kOfflineCopyNote{" · copy on this computer", " · copia en esta computadora"};
+inline constexpr Text kChooseRecording{"Choose a recording to see its summary, transcript and cues.",
+                                       "Elegí una grabación para ver su resumen, su transcripción y sus consejos."};
+inline constexpr Text kLoadingResult{"Loading this recording's results…", "Cargando los resultados de esta grabación…"};
+inline constexpr Text kSummary{"Summary", "Resumen"};
+inline constexpr Text kTranscript{"Transcript", "Transcripción"};
+inline constexpr Text kCues{"Cues", "Consejos"};
+inline constexpr Text kNoTranscript{"Nothing was recognised, so there is no transcript.",
+                                    "No se reconoció nada, así que no hay transcripción."};
+inline constexpr Text kNoCues{"No cues for this recording.", "No hay consejos para esta grabación."};
+inline constexpr Text kRenameSpeakers{"Rename speakers…", "Renombrar participantes…"};
+inline constexpr Text kRenameTitle{"Rename speakers", "Renombrar participantes"};
+inline constexpr Text kRenameIntro{"An empty name brings back the default one.", "Un nombre vacío vuelve al nombre original."};
+inline constexpr Text kSave{"Save", "Guardar"};
+inline constexpr Text kRenaming{"Renaming…", "Renombrando…"};
+inline constexpr Text kRenamed{"Speakers renamed.", "Participantes renombrados."};
+inline constexpr Text kShare{"Share", "Compartir"};
+inline constexpr Text kSharing{"Creating the link…", "Creando el enlace…"};
+inline constexpr Text kLinkCopied{"Link copied: ", "Enlace copiado: "};                                    // + link
+inline constexpr Text kLinkNotCopied{"The link could not be copied; here it is: ", "No se pudo copiar el enlace; acá está: "};  // + link
+
+// Live advice
+inline constexpr Text kLiveIdle{"Cues show up here while a recording runs, as the service hears the conversation.",
+                                "Los consejos aparecen acá mientras se graba, a medida que el servicio escucha la conversación."};
+inline constexpr Text kLiveListening{"Listening… the first cues come once the service has heard a little of the conversation.",
+                                     "Escuchando… los primeros consejos llegan cuando el servicio escuchó un poco de la conversación."};
+inline constexpr Text kLiveOff{"No live advice for this recording (it needs a signed-in session). The recording goes on.",
+                               "No hay consejos en vivo para esta grabación (hace falta una sesión iniciada). La grabación sigue."};
+inline constexpr Text kLastAdvice{"The advice of the last recording.", "Los consejos de la última grabación."};
+inline constexpr Text kFilterCues{"Filter the cues", "Filtrar los consejos"};
+inline constexpr Text kNoCuesYet{"No cues yet.", "Todavía no hay consejos."};
+inline constexpr Text kNoMatchingCues{"No cue matches the filter.", "Ningún consejo coincide con el filtro."};
+
 // Start-up
 inline constexpr Text kCannotStart{"Vell could not start", "Vell no pudo iniciarse"};
 

@@ -69,7 +69,10 @@ TEST_F(LiveDaemonTest, CuesThroughTheHostAndTheResultsAreKeptWithoutAnyoneAsking
     std::string id;
     ASSERT_TRUE(test::eventually([&] {
         std::error_code ec;
-        for (fs::directory_iterator it(results, ec), end; !ec && it != end; it.increment(ec)) id = it->path().stem().string();
+        for (fs::directory_iterator it(results, ec), end; !ec && it != end; it.increment(ec)) {
+            // Not a result being written (".<name>.tmp-…", renamed into place when complete).
+            if (it->path().filename().string().front() != '.') id = it->path().stem().string();
+        }
         return !id.empty();
     }, 30s)) << readAll(daemonLog());
     auto shown = run("show " + id + " --cues");

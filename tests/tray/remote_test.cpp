@@ -5,8 +5,15 @@
 #include <signal.h>
 #include <sys/wait.h>
 
+#include <QClipboard>
+#include <QDialog>
+#include <QGuiApplication>
 #include <QLabel>
+#include <QLineEdit>
+#include <QListWidget>
 #include <QPushButton>
+#include <QTextBrowser>
+#include <nlohmann/json.hpp>
 
 #include "base/preference_keys.h"
 #include "base/user_defaults.h"
@@ -14,9 +21,12 @@
 #include "tests/support/child_process.h"
 #include "tests/support/private_bus.h"
 #include "tests/support/pulse_server.h"
+#include "tests/tray/speech_sample.h"
 #include "tests/tray/tray_rig.h"
+#include "tray/main_window.h"
 #include "tray/panel.h"
 #include "tray/remote_backend.h"
+#include "tray/results_view.h"
 
 namespace vell::tray {
 namespace {
@@ -86,6 +96,83 @@ TEST(RemoteBackendTest, ThePanelDrivesTheRunningDaemon) {
     waitpid(daemon, nullptr, 0);
     daemon = -1;
     EXPECT_TRUE(waitFor([&] { return lost; }, 5000));
+}
+
+// The live advice and the results of the daemon's recordings reach the front end's main
+// window: the advice while it records, then the processed recording, its speakers renamed
+// and its link on this front end's clipboard.
+TEST(RemoteBackendTest, TheDaemonsLiveAdviceAndResultsShowInTheMainWindow) {
+    VELL_REQUIRE_DEVSERVER();
+    vell::test::TempHome home;
+    vell::test::PrivateBus bus;
+    vell::test::PulseServer pulse;
+    vell::test::DevServer server{{.users = {"ana@example.com:pw-ana"}}};
+    setInterfaceLanguage(Language::English);
+    home.defaults().set(prefs::kAutoRecordCalls, false);
+    home.defaults().set(prefs::kOpenAtLoginDefaultApplied, true);
+    const auto words = test::speech(home.tmp(), "The budget for the launch is ten thousand dollars. What is the launch date?");
+    ASSERT_GT(words.size(), 16000u * 3) << "espeak-ng and sox are needed";
+    ::setenv("VELL_LIVE_SEGMENT_SECONDS", "2", 1);
+    const auto log = home.root() / "daemon.log";
+    pid_t drainer = vell::test::spawnLogged({"parec", "--device=fakemic", "--raw", "/dev/null"}, home.tmp() / "drainer.out");
+    pid_t daemon = vell::test::spawnLogged({vell::test::binaryPath("vell").string(), "--lang", "en", "daemon"}, log);
+    ::unsetenv("VELL_LIVE_SEGMENT_SECONDS");
+    struct Reap {
+        pid_t& daemon;
+        pid_t& drainer;
+        ~Reap() {
+            vell::test::endProcess(daemon);
+            vell::test::endProcess(drainer);
+        }
+    } reap{daemon, drainer};
+    std::unique_ptr<dbus::ControlClient> client;
+    ASSERT_TRUE(waitFor([&] { return (client = dbus::ControlClient::connect()) != nullptr; }, 10000)) << vell::test::readAll(log);
+    RemoteBackend backend(dbus::ControlClient::connect());
+    std::optional<Expected<bool, std::string>> step;
+    backend.signIn("ana@example.com", "pw-ana", [&](Expected<bool, std::string> s) { step = s; });
+    ASSERT_TRUE(waitFor([&] { return backend.state().phase == SignInPhase::signedIn; }, 10000)) << vell::test::readAll(log);
+    MainWindow window(backend);
+    window.show();
+    auto& results = window.results();
+
+    pulse.writeMic(words);
+    backend.startRecording();
+    ASSERT_TRUE(waitFor([&] { return backend.state().recording; }, 10000)) << vell::test::readAll(log);
+    EXPECT_TRUE(waitFor([&] { return !backend.state().live.sessionID.empty(); }, 5000));
+    QTest::qWait(7000);
+    backend.stopRecording(false);
+    ASSERT_TRUE(waitFor([&] { return !backend.state().recording; }, 10000));
+    EXPECT_TRUE(waitFor([&] { return !backend.state().live.tiles.empty(); }, 20000))
+        << "no live advice reached the front end: " << backend.state().live.message;
+
+    window.showPage("results");
+    auto* list = child<QListWidget>(&results, "resultsList");
+    ASSERT_TRUE(waitFor([&] { return list->count() == 1 && list->item(0)->text().endsWith("Processed."); }, 60000))
+        << child<QLabel>(&results, "resultsStatus")->text().toStdString() << vell::test::readAll(log);
+    list->setCurrentRow(0);
+    ASSERT_TRUE(waitFor([&] { return results.shownID().has_value(); }, 10000))
+        << child<QLabel>(&results, "detailStatus")->text().toStdString();
+
+    // Speaker 1 (this microphone) gets a name: the host renames it on the service.
+    QTest::mouseClick(child<QPushButton>(&results, "renameSpeakersButton"), Qt::LeftButton);
+    ASSERT_NE(results.speakersDialog(), nullptr);
+    QTest::keyClicks(child<QLineEdit>(results.speakersDialog(), "speakerName1"), "Ana");
+    QTest::mouseClick(child<QPushButton>(results.speakersDialog(), "saveSpeakers"), Qt::LeftButton);
+    auto* action = child<QLabel>(&results, "actionStatus");
+    ASSERT_TRUE(waitFor([&] { return action->text() == "Speakers renamed."; }, 10000)) << action->text().toStdString();
+    const auto transcript = child<QTextBrowser>(&results, "transcriptText")->toPlainText().toStdString();
+    if (transcript != "Nothing was recognised, so there is no transcript.") {
+        EXPECT_NE(transcript.find("] Ana: "), std::string::npos) << transcript;
+    }
+    const auto answer = client->recordingDetail(*results.shownID());
+    ASSERT_TRUE(answer.has_value()) << answer.error().message;
+    auto detail = nlohmann::json::parse(*answer, nullptr, false);
+    EXPECT_EQ(detail["speakers"][0]["name"], "Ana") << detail.dump();
+
+    QTest::mouseClick(child<QPushButton>(&results, "shareButton"), Qt::LeftButton);
+    ASSERT_TRUE(waitFor([&] { return action->text().startsWith("Link copied: " + QString::fromStdString(server.url()) + "s/"); }, 10000))
+        << action->text().toStdString();
+    EXPECT_EQ("Link copied: " + QGuiApplication::clipboard()->text(), action->text());
 }
 
 }  // namespace

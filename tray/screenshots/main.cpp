@@ -4,6 +4,7 @@
 #include <QApplication>
 #include <QDir>
 #include <QLineEdit>
+#include <QListWidget>
 #include <QMessageBox>
 #include <QPalette>
 #include <QPushButton>
@@ -20,6 +21,7 @@
 #include "tray/language_choice.h"
 #include "tray/login_window.h"
 #include "tray/main_window.h"
+#include "tray/results_view.h"
 #include "tray/onboarding_window.h"
 #include "tray/panel.h"
 #include "tray/recover_window.h"
@@ -65,10 +67,54 @@ public:
         s.recordingMicrophone = "uid:usb";
         s.insuranceMicrophone = "default";
         s.microphoneCount = 2;
+        s.live.sessionID = "live-1";
+        s.live.tiles = {tile("talk-time", "talkTime", 0.84, {{"shares", {{"1", 71}, {"2", 29}}}}, 600'000),
+                        tile("monologue-1", "monologue", 0.62, {{"speaker", 1}, {"durationMs", 112'000}}, 540'000),
+                        tile("questions", "questions", 0.4, {{"count", 2}}, 690'000),
+                        tile("silence", "silence", 0.22, {{"count", 1}, {"longestMs", 9'000}}, 300'000)};
+        results_ = sampleResults();
         recovery_.display = "Let's move the launch to Thursday and ask Marta for the final numbers before the review.";
         recovery_.finished = true;
         recovery_.hasSelection = true;
         recovery_.copyConfirmation = "Copied";
+    }
+    static live::Tile tile(const char* id, const char* kind, double weight, nlohmann::json data, long long atMs) {
+        live::Tile t;
+        t.id = id;
+        t.kind = kind;
+        t.weight = weight;
+        t.data = std::move(data);
+        t.atMs = atMs;
+        return t;
+    }
+    static std::vector<ResultItem> sampleResults() {
+        const long long now = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                  std::chrono::system_clock::now().time_since_epoch()).count();
+        results::RecordingResult weekly;
+        weekly.id = "rec_weekly";
+        weekly.createdAt = now - 26LL * 3600 * 1000;
+        weekly.durationMs = 31 * 60 * 1000 + 12'000;
+        weekly.state = "processed";
+        weekly.summary = "## Key points\n\n- The launch moves to **Thursday**.\n- Marta sends the final numbers before the review.\n"
+                         "- The budget stays at ten thousand dollars.\n";
+        weekly.speakers = {{1, "microphone", std::string("Ana"), 14 * 60 * 1000}, {2, "system", std::nullopt, 12 * 60 * 1000}};
+        weekly.transcript = {{1, 4'000, 9'000, "Thanks for joining. Shall we start with the launch?"},
+                             {2, 10'000, 16'000, "Yes. Engineering needs two more days, so Thursday works better."},
+                             {1, 17'000, 22'000, "Fine by me. What is the budget now?"},
+                             {2, 23'000, 27'000, "Still ten thousand dollars."}};
+        weekly.cues = {tile("talk-time", "talkTime", 0.3, {{"shares", {{"1", 54}, {"2", 46}}}}, 0),
+                       tile("questions", "questions", 0.5, {{"count", 4}}, 0)};
+        results::RecordingResult processing = weekly;
+        processing.id = "rec_today";
+        processing.createdAt = now - 40LL * 60 * 1000;
+        processing.durationMs = 12 * 60 * 1000 + 34'000;
+        processing.state = "processing";
+        results::RecordingResult failed = weekly;
+        failed.id = "rec_failed";
+        failed.createdAt = now - 3LL * 24 * 3600 * 1000;
+        failed.durationMs = 45'000;
+        failed.state = "failed";
+        return {{processing, ""}, {weekly, ""}, {failed, ""}};
     }
     void setLanguage(Language language) {
         state_.microphones[0].label = language == Language::Spanish ? "Predeterminado del sistema (Built-in Audio)"
@@ -145,6 +191,16 @@ int main(int argc, char** argv) {
             MainWindow main(backend);
             main.resize(main.fontMetrics().averageCharWidth() * 100, main.fontMetrics().height() * 18);
             save(&main, out.filePath("main" + suffix), false) || ++failures;
+            MainWindow results(backend);
+            results.resize(results.fontMetrics().averageCharWidth() * 120, results.fontMetrics().height() * 26);
+            results.showPage("results");
+            results.show();
+            if (auto* list = results.findChild<QListWidget*>("resultsList"); list && list->count() > 1) list->setCurrentRow(1);
+            save(&results, out.filePath("results" + suffix), false) || ++failures;
+            MainWindow live(backend);
+            live.resize(live.fontMetrics().averageCharWidth() * 120, live.fontMetrics().height() * 24);
+            live.showPage("live");
+            save(&live, out.filePath("live" + suffix), false) || ++failures;
             SettingsWindow settings(backend, defaults);
             settings.resize(settings.fontMetrics().averageCharWidth() * 92, settings.fontMetrics().height() * 56);
             save(&settings, out.filePath("settings" + suffix), false) || ++failures;
