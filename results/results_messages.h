@@ -5,6 +5,8 @@
 
 namespace vell::results::messages {
 
+inline constexpr Text kResultsUnavailable{"Recording results are not available in this process.",
+                                          "Los resultados de las grabaciones no están disponibles en este proceso."};
 inline constexpr Text kQueued{"Waiting to be processed.", "Esperando para procesarse."};
 inline constexpr Text kProcessing{"Being processed…", "Procesándose…"};
 inline constexpr Text kProcessed{"Processed.", "Procesada."};

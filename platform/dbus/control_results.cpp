@@ -15,6 +15,7 @@
 
 #include "live/live_advisor.h"
 #include "results/recording_results.h"
+#include "results/results_messages.h"
 #include "results/running_results.h"
 
 namespace vell::dbus {
@@ -28,7 +29,7 @@ json withOffline(const results::Fetched& f) {
     return j;
 }
 
-const char* kUnavailable = "Recording results are not available in this process.";
+std::string unavailable() { return results::messages::kResultsUnavailable.str(); }
 }  // namespace
 
 void registerResultsControl(ControlContext& context) {
@@ -43,7 +44,7 @@ void registerResultsControl(ControlContext& context) {
     context.object.registerMethod("Recordings").onInterface(I).implementedAs([ctx](sdbus::Result<std::string>&& result) {
         ctx->onMain(std::move(result), [](auto& r) {
             auto* all = results::runningResults().results;
-            if (!all) return r->returnError(sdbus::Error(errors::kFailed, kUnavailable));
+            if (!all) return r->returnError(sdbus::Error(errors::kFailed, unavailable()));
             all->list([r](Expected<std::vector<results::Fetched>, std::string> list) {
                 if (!list) return r->returnError(sdbus::Error(errors::kFailed, list.error()));
                 json out = json::array();
@@ -56,7 +57,7 @@ void registerResultsControl(ControlContext& context) {
         [ctx](sdbus::Result<std::string>&& result, std::string id) {
             ctx->onMain(std::move(result), [id](auto& r) {
                 auto* all = results::runningResults().results;
-                if (!all) return r->returnError(sdbus::Error(errors::kFailed, kUnavailable));
+                if (!all) return r->returnError(sdbus::Error(errors::kFailed, unavailable()));
                 all->detail(id, [r](Expected<results::Fetched, std::string> f) {
                     if (!f) return r->returnError(sdbus::Error(errors::kFailed, f.error()));
                     r->returnResults(withOffline(*f).dump());
@@ -67,7 +68,7 @@ void registerResultsControl(ControlContext& context) {
         [ctx](sdbus::Result<std::string>&& result, std::string id, std::string namesJson) {
             ctx->onMain(std::move(result), [id, namesJson](auto& r) {
                 auto* all = results::runningResults().results;
-                if (!all) return r->returnError(sdbus::Error(errors::kFailed, kUnavailable));
+                if (!all) return r->returnError(sdbus::Error(errors::kFailed, unavailable()));
                 std::map<int, std::string> names;
                 const auto parsed = json::parse(namesJson, nullptr, false);
                 if (parsed.is_object()) {
@@ -85,7 +86,7 @@ void registerResultsControl(ControlContext& context) {
         [ctx](sdbus::Result<std::string>&& result, std::string id) {
             ctx->onMain(std::move(result), [id](auto& r) {
                 auto* all = results::runningResults().results;
-                if (!all) return r->returnError(sdbus::Error(errors::kFailed, kUnavailable));
+                if (!all) return r->returnError(sdbus::Error(errors::kFailed, unavailable()));
                 all->share(id, [r](Expected<std::string, std::string> url) {
                     if (!url) return r->returnError(sdbus::Error(errors::kFailed, url.error()));
                     r->returnResults(*url);
