@@ -53,6 +53,8 @@ foreach(library libavcodec libavutil libswresample libavformat)
   endif()
   string(APPEND VELL_PACKAGE_DEPENDS "${library}${major}")
 endforeach()
+# libcurl too is opened on first use (its soname's package).
+string(APPEND VELL_PACKAGE_DEPENDS ", libcurl4")
 if(TARGET vell-tray)
   # Qt draws the SVG icons through a plugin that no program links.
   string(APPEND VELL_PACKAGE_DEPENDS ", libqt6svg6")
