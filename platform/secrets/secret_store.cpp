@@ -1,9 +1,11 @@
 #include "platform/secrets/secret_store.h"
 
 #include <libsecret/secret.h>
+#include <systemd/sd-bus.h>
 
 #include <cstdlib>
 #include <filesystem>
+#include <string_view>
 
 namespace vell::secret {
 
@@ -39,7 +41,7 @@ bool sessionBusConfigured() {
 class LibsecretStore final : public Store {
 public:
     bool reachable() override {
-        if (!sessionBusConfigured()) return false;
+        if (!sessionBusConfigured() || !secretServiceOnBus()) return false;
         GError* error = nullptr;
         SecretService* service = secret_service_get_sync(SECRET_SERVICE_NONE, nullptr, &error);
         if (!service) {
@@ -89,6 +91,37 @@ public:
 };
 
 }  // namespace
+
+bool secretServiceOnBus() {
+    constexpr const char* kName = "org.freedesktop.secrets";
+    sd_bus* bus = nullptr;
+    if (sd_bus_open_user(&bus) < 0) return true;
+    auto ask = [bus](const char* method, const char* signature, auto... arguments) {
+        sd_bus_message* reply = nullptr;
+        sd_bus_error error = SD_BUS_ERROR_NULL;
+        int r = sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", method,
+                                   &error, &reply, signature, arguments...);
+        sd_bus_error_free(&error);
+        return r < 0 ? nullptr : reply;
+    };
+    bool answers = true;
+    if (sd_bus_message* owner = ask("NameHasOwner", "s", kName)) {
+        int has = 0;
+        if (sd_bus_message_read(owner, "b", &has) >= 0 && !has) {
+            if (sd_bus_message* names = ask("ListActivatableNames", "")) {
+                answers = false;
+                if (sd_bus_message_enter_container(names, 'a', "s") >= 0) {
+                    const char* name = nullptr;
+                    while (!answers && sd_bus_message_read(names, "s", &name) > 0) answers = std::string_view(name) == kName;
+                }
+                sd_bus_message_unref(names);
+            }
+        }
+        sd_bus_message_unref(owner);
+    }
+    sd_bus_flush_close_unref(bus);
+    return answers;
+}
 
 Store& libsecretStore() {
     static LibsecretStore store;
