@@ -1,5 +1,6 @@
 #include "platform/secrets/secret_store.h"
 
+#include <dlfcn.h>
 #include <libsecret/secret.h>
 #include <systemd/sd-bus.h>
 
@@ -10,6 +11,53 @@
 namespace vell::secret {
 
 namespace {
+
+// libsecret, with GLib's D-Bus client under it, is opened when a Secret Service answers on
+// the bus rather than linked: a desktop without a keyring then never maps it.
+#define VELL_SECRET_FUNCTIONS(X)          \
+    X(secret_service_get_sync)            \
+    X(secret_collection_for_alias_sync)   \
+    X(secret_password_lookup_binary_sync) \
+    X(secret_password_store_binary_sync)  \
+    X(secret_password_clear_sync)         \
+    X(secret_value_new)                   \
+    X(secret_value_get)                   \
+    X(secret_value_unref)                 \
+    X(g_error_free)                       \
+    X(g_object_unref)
+
+struct Libsecret {
+#define VELL_SECRET_SLOT(name) decltype(&::name) name = nullptr;
+    VELL_SECRET_FUNCTIONS(VELL_SECRET_SLOT)
+#undef VELL_SECRET_SLOT
+};
+
+constexpr const char* kLibsecretSoname = "libsecret-1.so.0";
+
+Expected<Libsecret, std::string> load() {
+    void* handle = ::dlopen(kLibsecretSoname, RTLD_NOW | RTLD_LOCAL);
+    if (!handle) {
+        const char* why = ::dlerror();
+        return unexpected(std::string("cannot load ") + kLibsecretSoname + (why ? std::string(" (") + why + ")" : ""));
+    }
+    Libsecret lib;
+    std::string missing;
+    // GLib's and GObject's functions come through libsecret's own dependencies.
+#define VELL_SECRET_RESOLVE(name)                                             \
+    lib.name = reinterpret_cast<decltype(lib.name)>(::dlsym(handle, #name)); \
+    if (!lib.name && missing.empty()) missing = #name;
+    VELL_SECRET_FUNCTIONS(VELL_SECRET_RESOLVE)
+#undef VELL_SECRET_RESOLVE
+    // Never unloaded: GLib keeps threads and types for the life of the process.
+    if (!missing.empty()) return unexpected(std::string(kLibsecretSoname) + " has no " + missing);
+    return lib;
+}
+
+// Loaded once per process (safe from any thread); the same table or error afterwards.
+const Expected<Libsecret, std::string>& libsecret() {
+    static const Expected<Libsecret, std::string> library = load();
+    return library;
+}
 
 const SecretSchema* schema() {
     static const SecretSchema s = {
@@ -24,11 +72,13 @@ const SecretSchema* schema() {
     return &s;
 }
 
-Error take(GError* error) {
+Error take(const Libsecret& lib, GError* error) {
     Error e{error ? error->code : -1, error ? error->message : "unknown Secret Service failure"};
-    if (error) g_error_free(error);
+    if (error) lib.g_error_free(error);
     return e;
 }
+
+Error notLoaded() { return Error{-1, libsecret().error()}; }
 
 // Without a session bus libsecret would try to autolaunch one; there is nothing to find.
 bool sessionBusConfigured() {
@@ -41,51 +91,58 @@ bool sessionBusConfigured() {
 class LibsecretStore final : public Store {
 public:
     bool reachable() override {
-        if (!sessionBusConfigured() || !secretServiceOnBus()) return false;
+        if (!sessionBusConfigured() || !secretServiceOnBus() || !libsecret()) return false;
+        const auto& lib = *libsecret();
         GError* error = nullptr;
-        SecretService* service = secret_service_get_sync(SECRET_SERVICE_NONE, nullptr, &error);
+        SecretService* service = lib.secret_service_get_sync(SECRET_SERVICE_NONE, nullptr, &error);
         if (!service) {
-            if (error) g_error_free(error);
+            if (error) lib.g_error_free(error);
             return false;
         }
         SecretCollection* collection =
-            secret_collection_for_alias_sync(service, SECRET_COLLECTION_DEFAULT, SECRET_COLLECTION_NONE, nullptr, &error);
-        if (error) g_error_free(error);
+            lib.secret_collection_for_alias_sync(service, SECRET_COLLECTION_DEFAULT, SECRET_COLLECTION_NONE, nullptr, &error);
+        if (error) lib.g_error_free(error);
         bool found = collection != nullptr;
-        if (collection) g_object_unref(collection);
-        g_object_unref(service);
+        if (collection) lib.g_object_unref(collection);
+        lib.g_object_unref(service);
         return found;
     }
 
     Expected<std::optional<std::string>, Error> lookup(const std::string& account) override {
+        if (!libsecret()) return unexpected(notLoaded());
+        const auto& lib = *libsecret();
         GError* error = nullptr;
-        SecretValue* value = secret_password_lookup_binary_sync(schema(), nullptr, &error, "service", kServiceName,
-                                                                "account", account.c_str(), nullptr);
-        if (error) return unexpected(take(error));
+        SecretValue* value = lib.secret_password_lookup_binary_sync(schema(), nullptr, &error, "service", kServiceName,
+                                                                    "account", account.c_str(), nullptr);
+        if (error) return unexpected(take(lib, error));
         if (!value) return std::optional<std::string>{};
         gsize length = 0;
-        const gchar* bytes = secret_value_get(value, &length);
+        const gchar* bytes = lib.secret_value_get(value, &length);
         std::string out(bytes ? bytes : "", bytes ? length : 0);
-        secret_value_unref(value);
+        lib.secret_value_unref(value);
         return std::optional<std::string>{std::move(out)};
     }
 
     Expected<Unit, Error> store(const std::string& account, const std::string& bytes) override {
+        if (!libsecret()) return unexpected(notLoaded());
+        const auto& lib = *libsecret();
         GError* error = nullptr;
-        SecretValue* value = secret_value_new(bytes.data(), static_cast<gssize>(bytes.size()), "application/octet-stream");
+        SecretValue* value = lib.secret_value_new(bytes.data(), static_cast<gssize>(bytes.size()), "application/octet-stream");
         std::string label = std::string("Vell session (") + account + ")";
-        gboolean ok = secret_password_store_binary_sync(schema(), SECRET_COLLECTION_DEFAULT, label.c_str(), value,
-                                                        nullptr, &error, "service", kServiceName, "account",
-                                                        account.c_str(), nullptr);
-        secret_value_unref(value);
-        if (!ok || error) return unexpected(take(error));
+        gboolean ok = lib.secret_password_store_binary_sync(schema(), SECRET_COLLECTION_DEFAULT, label.c_str(), value,
+                                                            nullptr, &error, "service", kServiceName, "account",
+                                                            account.c_str(), nullptr);
+        lib.secret_value_unref(value);
+        if (!ok || error) return unexpected(take(lib, error));
         return Unit{};
     }
 
     Expected<Unit, Error> clear(const std::string& account) override {
+        if (!libsecret()) return unexpected(notLoaded());
+        const auto& lib = *libsecret();
         GError* error = nullptr;
-        secret_password_clear_sync(schema(), nullptr, &error, "service", kServiceName, "account", account.c_str(), nullptr);
-        if (error) return unexpected(take(error));
+        lib.secret_password_clear_sync(schema(), nullptr, &error, "service", kServiceName, "account", account.c_str(), nullptr);
+        if (error) return unexpected(take(lib, error));
         return Unit{};
     }
 };
