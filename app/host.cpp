@@ -57,6 +57,7 @@ void Host::start() {
     steps.startCallRecorder = services_.startCallRecorder;
     steps.startDiscardedPurge = services_.startDiscardedPurge;
     steps.startCalendarRecorder = services_.startCalendarRecorder;
+    steps.showMenuBarTip = showMenuBarTip;
     launch_ = std::make_unique<LaunchSequence>(std::move(steps), defaults_, main_);
     launch_->run();
     core_.bootstrap();

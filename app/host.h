@@ -61,6 +61,9 @@ public:
     bool quitting() const { return quitting_; }
     // The program's own end, after any quit (a signal, the control interface, the tray).
     std::function<void()> onQuitFinished;
+    // The front end's tip about where Vell lives, offered by the launch once it settled and
+    // only while it has not been shown (set before start(); a daemon has none).
+    std::function<void()> showMenuBarTip;
 
     // The owner of a notification category handles the answers to its notifications.
     using ResponseHandler = std::function<void(const NotificationResponse&)>;

@@ -15,6 +15,7 @@
 #include <mutex>
 #include <sdbus-c++/sdbus-c++.h>
 #include <thread>
+#include <sstream>
 
 #include "bench/process_sample.h"
 
@@ -82,6 +83,8 @@ Run measure(Watcher& watcher, const std::vector<std::string>& command, const fs:
         std::this_thread::sleep_for(std::chrono::seconds(4));  // settled, idle
         run.rssKiB = currentRss(pid);
         run.pssKiB = sample(pid).pssKiB;
+        // BENCH_KEEP: the mappings stay beside the logs, to see where the memory goes.
+        if (getenv("BENCH_KEEP")) sh("cat /proc/" + std::to_string(pid) + "/smaps > '" + log.string() + ".smaps'");
     }
     ::kill(pid, SIGTERM);
     for (int i = 0; i < 50 && waitpid(pid, nullptr, WNOHANG) == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -95,6 +98,13 @@ double median(std::vector<double> v) {
     return v.empty() ? 0 : v[v.size() / 2];
 }
 
+// One program measured: what it is, how it starts, and its runs that showed an icon.
+struct Program {
+    std::string name, about;
+    std::vector<std::string> command;
+    std::vector<double> start, rss, pss;
+};
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -104,6 +114,18 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "bench_tray: needs %s, qlipper and Xvfb\n", tray.c_str());
         return 1;
     }
+    std::vector<std::string> trayCommand;
+    // BENCH_PREFIX runs vell-tray under a tool (strace, perf record) to see where its time goes.
+    if (const char* prefix = getenv("BENCH_PREFIX")) {
+        std::istringstream words(prefix);
+        for (std::string w; words >> w;) trayCommand.push_back(w);
+    }
+    trayCommand.push_back(tray.string());
+    std::vector<Program> programs{{"vell-tray", "Qt 6, the host", trayCommand, {}, {}, {}},
+                                  {"qlipper", "Qt 5, clipboard list", {"qlipper"}, {}, {}, {}}};
+    // A Qt 6 peer too, when installed: the same toolkit's floor.
+    if (sh("command -v qmidinet >/dev/null") == 0) programs.push_back({"qmidinet", "Qt 6, MIDI gateway", {"qmidinet"}, {}, {}, {}});
+    else std::fprintf(stderr, "bench_tray: qmidinet is not installed; comparing with qlipper only\n");
     const fs::path dir = fs::temp_directory_path() / ("vell-bench-tray-" + std::to_string(getpid()));
     fs::create_directories(dir / "run");
     fs::permissions(dir / "run", fs::perms::owner_all);
@@ -131,24 +153,20 @@ int main(int argc, char** argv) {
     setenv("DISPLAY", display.c_str(), 1);
     const pid_t busPid = startPrivateBus(dir);
 
-    std::vector<double> trayStart, peerStart, trayRss, peerRss, trayPss, peerPss;
     {
         Watcher watcher;
         for (int i = 0; i < runs; ++i) {
-            // Alternate, so a slower moment of the machine is shared between both.
-            auto t = measure(watcher, {tray.string()}, dir / "tray.log");
-            auto p = measure(watcher, {"qlipper"}, dir / "qlipper.log");
-            if (t.startSeconds < 0 || p.startSeconds < 0) {
-                std::fprintf(stderr, "bench_tray: an icon did not show (run %d: vell-tray %.2f s, qlipper %.2f s)\n", i,
-                             t.startSeconds, p.startSeconds);
-                continue;
+            // Alternate, so a slower moment of the machine is shared between them.
+            for (auto& program : programs) {
+                const auto run = measure(watcher, program.command, dir / (program.name + ".log"));
+                if (run.startSeconds < 0) {
+                    std::fprintf(stderr, "bench_tray: %s's icon did not show (run %d)\n", program.name.c_str(), i);
+                    continue;
+                }
+                program.start.push_back(run.startSeconds);
+                program.rss.push_back(double(run.rssKiB) / 1024);
+                program.pss.push_back(double(run.pssKiB) / 1024);
             }
-            trayStart.push_back(t.startSeconds);
-            peerStart.push_back(p.startSeconds);
-            trayRss.push_back(double(t.rssKiB) / 1024);
-            peerRss.push_back(double(p.rssKiB) / 1024);
-            trayPss.push_back(double(t.pssKiB) / 1024);
-            peerPss.push_back(double(p.pssKiB) / 1024);
         }
     }
     if (busPid > 0) ::kill(busPid, SIGTERM);
@@ -158,12 +176,21 @@ int main(int argc, char** argv) {
     std::error_code ec;
     if (getenv("BENCH_KEEP")) std::fprintf(stderr, "kept %s\n", dir.c_str());
     else fs::remove_all(dir, ec);
-    if (trayStart.empty()) return 1;
+    const auto& vell = programs.front();
+    if (vell.start.empty()) return 1;
 
-    std::printf("tray start-up to a registered icon and idle memory 4 s later (median of %zu runs, Xvfb):\n", trayStart.size());
-    std::printf("  vell-tray (Qt 6, the host):  %.3f s, RSS %.1f MiB, PSS %.1f MiB\n", median(trayStart), median(trayRss), median(trayPss));
-    std::printf("  qlipper   (Qt 5, the peer):  %.3f s, RSS %.1f MiB, PSS %.1f MiB\n", median(peerStart), median(peerRss), median(peerPss));
-    std::printf("  ratio vell-tray / qlipper:   start %.2f x (goal <= 1), RSS %.2f x (goal <= 1.2), PSS %.2f x\n",
-                median(trayStart) / median(peerStart), median(trayRss) / median(peerRss), median(trayPss) / median(peerPss));
+    std::printf("tray start-up to a registered icon and idle memory 4 s later (median of %d runs, Xvfb):\n", runs);
+    for (const auto& p : programs) {
+        if (p.start.empty()) continue;
+        std::printf("  %-10s (%-21s): %.3f s, RSS %.1f MiB, PSS %.1f MiB\n", p.name.c_str(), p.about.c_str(), median(p.start),
+                    median(p.rss), median(p.pss));
+    }
+    for (size_t i = 1; i < programs.size(); ++i) {
+        const auto& peer = programs[i];
+        if (peer.start.empty()) continue;
+        std::printf("  ratio vell-tray / %-9s: start %.2f x (goal <= 1), RSS %.2f x (goal <= 1.2), PSS %.2f x\n",
+                    peer.name.c_str(), median(vell.start) / median(peer.start), median(vell.rss) / median(peer.rss),
+                    median(vell.pss) / median(peer.pss));
+    }
     return 0;
 }

@@ -25,9 +25,21 @@ target_link_libraries(vell::ffmpeg INTERFACE ${CMAKE_DL_LIBS})
 add_library(vell::avformat INTERFACE IMPORTED GLOBAL)
 target_link_libraries(vell::avformat INTERFACE PkgConfig::ffmpeg_PC)
 vell_pkg(webrtc webrtc-audio-processing)
-vell_pkg(curl libcurl)
+# libcurl likewise: platform/http opens it on the first transfer (linking it maps its TLS,
+# Kerberos, LDAP and SSH libraries into every start). Tools that call it directly link
+# vell::curl_linked.
+pkg_check_modules(curl_PC REQUIRED IMPORTED_TARGET libcurl)
+add_library(vell::curl INTERFACE IMPORTED GLOBAL)
+target_include_directories(vell::curl INTERFACE ${curl_PC_INCLUDE_DIRS})
+target_link_libraries(vell::curl INTERFACE ${CMAKE_DL_LIBS})
+add_library(vell::curl_linked INTERFACE IMPORTED GLOBAL)
+target_link_libraries(vell::curl_linked INTERFACE PkgConfig::curl_PC)
 vell_pkg(plist libplist-2.0)
-vell_pkg(secret libsecret-1)
+# libsecret is opened by platform/secrets once a Secret Service answers on the bus.
+pkg_check_modules(secret_PC REQUIRED IMPORTED_TARGET libsecret-1)
+add_library(vell::secret INTERFACE IMPORTED GLOBAL)
+target_include_directories(vell::secret INTERFACE ${secret_PC_INCLUDE_DIRS})
+target_link_libraries(vell::secret INTERFACE ${CMAKE_DL_LIBS})
 vell_pkg(systemd libsystemd)
 vell_pkg(uuid uuid)
 vell_pkg(sdbus sdbus-c++)

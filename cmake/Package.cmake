@@ -53,6 +53,8 @@ foreach(library libavcodec libavutil libswresample libavformat)
   endif()
   string(APPEND VELL_PACKAGE_DEPENDS "${library}${major}")
 endforeach()
+# libcurl and libsecret too are opened on first use (their sonames' packages).
+string(APPEND VELL_PACKAGE_DEPENDS ", libcurl4, libsecret-1-0")
 if(TARGET vell-tray)
   # Qt draws the SVG icons through a plugin that no program links.
   string(APPEND VELL_PACKAGE_DEPENDS ", libqt6svg6")

@@ -53,7 +53,7 @@ std::string configuredBaseURL() {
     return VELL_API_BASE_URL;
 }
 
-APIClient::APIClient(std::string apiBaseURL) : baseURL_(std::move(apiBaseURL)), host_(http::binding().hostOf(baseURL_)),
+APIClient::APIClient(std::string apiBaseURL) : baseURL_(std::move(apiBaseURL)),
       session_(http::binding().makeSession()) {
     restoreSession();
 }
@@ -146,15 +146,22 @@ Expected<Json, APIError> APIClient::send(ApiRequest request) const {
     return validate(*response);
 }
 
+const std::string& APIClient::host() const {
+    std::call_once(hostParsed_, [this] { host_ = http::binding().hostOf(baseURL_); });
+    return host_;
+}
+
 bool APIClient::hasSessionCookie() const {
-    for (const auto& c : session_->cookiesForHost(host_)) {
+    // An empty jar answers without the host.
+    if (session_->cookies().empty()) return false;
+    for (const auto& c : session_->cookiesForHost(host())) {
         if (c.name == kSessionCookieName) return true;
     }
     return false;
 }
 
 bool APIClient::saveSession() const {
-    return session::SessionFileStore::write(kCookieSnapshotKey, http::binding().encodeCookies(session_->cookiesForHost(host_)));
+    return session::SessionFileStore::write(kCookieSnapshotKey, http::binding().encodeCookies(session_->cookiesForHost(host())));
 }
 
 void APIClient::restoreSession() const {
@@ -169,7 +176,7 @@ void APIClient::restoreSession() const {
 }
 
 void APIClient::clearSession() const {
-    session_->removeCookiesForHost(host_);
+    session_->removeCookiesForHost(host());
     session::SessionFileStore::remove(kCookieSnapshotKey);
 }
 

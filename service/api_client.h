@@ -98,8 +98,13 @@ public:
     const std::atomic<bool>& cancelled() const { return cancel_; }
 
 private:
+    // The base URL's host, parsed on first use: the parser is the HTTP library's, and a
+    // signed-out start never needs the library otherwise.
+    const std::string& host() const;
+
     std::string baseURL_;
-    std::string host_;
+    mutable std::once_flag hostParsed_;
+    mutable std::string host_;
     std::unique_ptr<http::Session> session_;
     mutable std::atomic<bool> cancel_{false};
     mutable std::mutex workersMutex_;

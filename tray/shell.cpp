@@ -3,6 +3,7 @@
 #include <QAction>
 #include <QApplication>
 #include <QCursor>
+#include <QEvent>
 #include <QMenu>
 #include <QMessageBox>
 #include <QPushButton>
@@ -10,6 +11,7 @@
 
 #include "app/quit_decision.h"
 #include "automation/automation_messages.h"
+#include "base/preference_keys.h"
 #include "base/user_defaults.h"
 #include "tray/backend.h"
 #include "tray/language_choice.h"
@@ -148,6 +150,7 @@ QWidget* Shell::openWindow(const QString& identifier) {
             w = main;
         }
         windows_[w->objectName()] = w;
+        w->installEventFilter(this);
     }
     // The panel's insurance switch asks for the privacy explanation before switching on.
     if (identifier == "onboarding" && panel_ && panel_->isVisible()) {
@@ -178,6 +181,26 @@ void Shell::togglePanel() {
     QRect at = icon_->geometry();
     const QPoint anchor = at.isValid() && !at.isEmpty() ? QPoint(at.center().x(), at.bottom()) : QCursor::pos();
     panel.popUpAt(anchor);
+}
+
+bool Shell::offerMenuBarTip() {
+    if (defaults_.boolValue(prefs::kMenuBarTipShown).value_or(false)) return false;
+    if (quitting_ || !icon_->isVisible() || !QSystemTrayIcon::isSystemTrayAvailable()) return false;
+    icon_->showMessage(q(m::kMenuBarTipTitle), q(m::kMenuBarTipBody), QSystemTrayIcon::Information);
+    defaults_.set(prefs::kMenuBarTipShown, true);
+    return true;
+}
+
+bool Shell::eventFilter(QObject* watched, QEvent* event) {
+    // A window closing lets the tip decide once the close went through (a window may
+    // refuse it).
+    if (event->type() == QEvent::Close) {
+        QPointer<QWidget> window = qobject_cast<QWidget*>(watched);
+        QMetaObject::invokeMethod(this, [this, window] {
+            if (window && !window->isVisible()) offerMenuBarTip();
+        }, Qt::QueuedConnection);
+    }
+    return QObject::eventFilter(watched, event);
 }
 
 void Shell::requestQuit() {

@@ -49,12 +49,19 @@ public:
     IconState iconState() const;
 
     void togglePanel();
+    // The tip about where Vell lives, as a message from the icon: shown once (then marked
+    // in the preferences), and only while the icon is in a tray; a desktop without one
+    // leaves it for later. Asked at the launch and whenever a window closes.
+    bool offerMenuBarTip();
     // Quit Vell: at once, or after the alert when a recording runs here. The alert stays
     // open until answered; quitAlert() is it meanwhile.
     void requestQuit();
     QMessageBox* quitAlert() const { return quitAlert_; }
     // The program's end (QCoreApplication::quit by default).
     std::function<void()> onQuit;
+
+protected:
+    bool eventFilter(QObject* watched, QEvent* event) override;
 
 private:
     void render();

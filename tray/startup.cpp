@@ -102,6 +102,7 @@ int runHost(cli::SignalWatcher& watcher) {
     LocalBackend backend(std::move(parts));
     Shell shell(backend, UserDefaults::standard());
     host.onQuitFinished = [] { QCoreApplication::quit(); };
+    host.showMenuBarTip = [&shell] { shell.offerMenuBarTip(); };
     // A signal quits like the daemon: a recording stops and stays ready for upload.
     watcher.watch([executor, &host] { executor->post([&host] { host.quit({}); }); });
     shell.start();

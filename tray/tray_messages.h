@@ -13,6 +13,11 @@ inline constexpr Text kTipIdle{"Vell", "Vell"};
 inline constexpr Text kTipRecording{"Vell: recording ", "Vell: grabando "};  // + elapsed time
 inline constexpr Text kTipInsurance{"Vell: insurance mode is listening", "Vell: el modo respaldo está escuchando"};
 inline constexpr Text kTipUploadTrouble{"Vell: a recording could not be uploaded", "Vell: no se pudo subir una grabación"};
+// Shown once from the icon, so a user who closed every window knows where Vell went.
+inline constexpr Text kMenuBarTipTitle{"Vell is here in the tray", "Vell está acá, en la bandeja"};
+inline constexpr Text kMenuBarTipBody{
+    "Click the icon to record and see your uploads; right-click it to open Vell, its settings, or quit.",
+    "Hacé clic en el ícono para grabar y ver lo que se sube; con clic derecho abrís Vell, su configuración o salís."};
 
 // Menu and panel
 inline constexpr Text kRecord{"Record", "Grabar"};

@@ -1,14 +1,15 @@
 #include "platform/calendar/calendar_fetch.h"
 
-#include <curl/curl.h>
-
 #include <algorithm>
 #include <cctype>
 #include <memory>
 
 #include "platform/calendar/ical_expand.h"
+#include "platform/http/curl_library.h"
 
 namespace vell::calendar {
+
+using http::libcurl;
 
 namespace {
 
@@ -53,53 +54,52 @@ size_t onHeader(char* data, size_t size, size_t count, void* user) {
 }
 
 struct CurlDeleter {
-    void operator()(CURL* c) const { curl_easy_cleanup(c); }
+    void operator()(CURL* c) const { libcurl().curl_easy_cleanup(c); }
 };
 struct SlistDeleter {
-    void operator()(curl_slist* l) const { curl_slist_free_all(l); }
+    void operator()(curl_slist* l) const { libcurl().curl_slist_free_all(l); }
 };
 
 }  // namespace
 
 Expected<FetchedCalendar, std::string> fetchCalendar(const std::string& url, const FetchValidators& validators,
                                                      double timeoutSeconds) {
-    static const bool initialised = [] { return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK; }();
-    (void)initialised;
-    std::unique_ptr<CURL, CurlDeleter> curl(curl_easy_init());
+    if (auto loaded = http::curlLibrary(); !loaded) return unexpected(loaded.error());
+    std::unique_ptr<CURL, CurlDeleter> curl(libcurl().curl_easy_init());
     if (!curl) return unexpected(std::string("could not start a download"));
     Transfer transfer;
     std::unique_ptr<curl_slist, SlistDeleter> headers;
-    auto addHeader = [&](const std::string& h) { headers.reset(curl_slist_append(headers.release(), h.c_str())); };
+    auto addHeader = [&](const std::string& h) { headers.reset(libcurl().curl_slist_append(headers.release(), h.c_str())); };
     addHeader("Accept: text/calendar, */*;q=0.5");
     if (!validators.etag.empty()) addHeader("If-None-Match: " + validators.etag);
     if (!validators.lastModified.empty()) addHeader("If-Modified-Since: " + validators.lastModified);
 
     CURL* c = curl.get();
-    curl_easy_setopt(c, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(c, CURLOPT_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(c, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(c, CURLOPT_FOLLOWLOCATION, 1L);
-    curl_easy_setopt(c, CURLOPT_MAXREDIRS, kMaximumRedirects);
-    curl_easy_setopt(c, CURLOPT_TIMEOUT_MS, static_cast<long>(timeoutSeconds * 1000));
-    curl_easy_setopt(c, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(std::min(timeoutSeconds, 15.0) * 1000));
-    curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(c, CURLOPT_ACCEPT_ENCODING, "");
-    curl_easy_setopt(c, CURLOPT_USERAGENT, "Vell calendar");
-    curl_easy_setopt(c, CURLOPT_HTTPHEADER, headers.get());
-    curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, &onBody);
-    curl_easy_setopt(c, CURLOPT_WRITEDATA, &transfer);
-    curl_easy_setopt(c, CURLOPT_HEADERFUNCTION, &onHeader);
-    curl_easy_setopt(c, CURLOPT_HEADERDATA, &transfer);
-    curl_easy_setopt(c, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(kMaximumCalendarBytes));
+    libcurl().curl_easy_setopt(c, CURLOPT_URL, url.c_str());
+    libcurl().curl_easy_setopt(c, CURLOPT_PROTOCOLS_STR, "http,https");
+    libcurl().curl_easy_setopt(c, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    libcurl().curl_easy_setopt(c, CURLOPT_FOLLOWLOCATION, 1L);
+    libcurl().curl_easy_setopt(c, CURLOPT_MAXREDIRS, kMaximumRedirects);
+    libcurl().curl_easy_setopt(c, CURLOPT_TIMEOUT_MS, static_cast<long>(timeoutSeconds * 1000));
+    libcurl().curl_easy_setopt(c, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(std::min(timeoutSeconds, 15.0) * 1000));
+    libcurl().curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
+    libcurl().curl_easy_setopt(c, CURLOPT_ACCEPT_ENCODING, "");
+    libcurl().curl_easy_setopt(c, CURLOPT_USERAGENT, "Vell calendar");
+    libcurl().curl_easy_setopt(c, CURLOPT_HTTPHEADER, headers.get());
+    libcurl().curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, &onBody);
+    libcurl().curl_easy_setopt(c, CURLOPT_WRITEDATA, &transfer);
+    libcurl().curl_easy_setopt(c, CURLOPT_HEADERFUNCTION, &onHeader);
+    libcurl().curl_easy_setopt(c, CURLOPT_HEADERDATA, &transfer);
+    libcurl().curl_easy_setopt(c, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(kMaximumCalendarBytes));
 
-    const CURLcode result = curl_easy_perform(c);
+    const CURLcode result = libcurl().curl_easy_perform(c);
     if (transfer.tooLarge || result == CURLE_FILESIZE_EXCEEDED) {
         return unexpected("the calendar is larger than " + std::to_string(kMaximumCalendarBytes / 1024 / 1024) + " MB");
     }
     if (result == CURLE_TOO_MANY_REDIRECTS) return unexpected(std::string("too many redirects"));
-    if (result != CURLE_OK) return unexpected(std::string(curl_easy_strerror(result)));
+    if (result != CURLE_OK) return unexpected(std::string(libcurl().curl_easy_strerror(result)));
     long status = 0;
-    curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &status);
+    libcurl().curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &status);
     if (status == 304) return FetchedCalendar{true, {}, validators.etag, validators.lastModified};
     if (status < 200 || status > 299) return unexpected("HTTP " + std::to_string(status));
     if (!looksLikeICalendar(transfer.body)) return unexpected(std::string("the address does not give a calendar"));

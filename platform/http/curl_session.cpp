@@ -1,5 +1,4 @@
 // http::CurlSession: the service layer's http::Session on libcurl.
-#include <curl/curl.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,8 +8,10 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <atomic>
 #include <mutex>
 
+#include "platform/http/curl_library.h"
 #include "platform/http/curl_session.h"
 
 namespace vell::http {
@@ -21,11 +22,6 @@ namespace {
 constexpr size_t kMaxResponseBytes = 16 * 1024 * 1024;
 // Larger pieces than the 64 KiB default mean fewer reads and writes for file bodies.
 constexpr long kUploadBufferBytes = 512 * 1024;
-
-void globalInit() {
-    static std::once_flag once;
-    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
-}
 
 struct Body {
     const std::string* memory = nullptr;
@@ -72,7 +68,7 @@ size_t writeResponse(char* data, size_t size, size_t count, void* user) {
     if (sink->request->onBodyChunk) {
         // The status line and headers are in by the time the first body byte is.
         long status = 0;
-        curl_easy_getinfo(sink->handle, CURLINFO_RESPONSE_CODE, &status);
+        libcurl().curl_easy_getinfo(sink->handle, CURLINFO_RESPONSE_CODE, &status);
         if (status >= 200 && status <= 299) return sink->request->onBodyChunk(data, n) ? n : 0;
     }
     if (sink->collected->size() + n > kMaxResponseBytes) return 0;
@@ -89,16 +85,16 @@ int progress(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t uploaded
 
 struct SList {
     curl_slist* list = nullptr;
-    ~SList() { curl_slist_free_all(list); }
+    ~SList() { libcurl().curl_slist_free_all(list); }
     void add(const std::string& line) {
-        if (auto* next = curl_slist_append(list, line.c_str())) list = next;
+        if (auto* next = libcurl().curl_slist_append(list, line.c_str())) list = next;
     }
 };
 
 struct Easy {
-    CURL* handle = curl_easy_init();
+    CURL* handle = libcurl().curl_easy_init();
     ~Easy() {
-        if (handle) curl_easy_cleanup(handle);
+        if (handle) libcurl().curl_easy_cleanup(handle);
     }
 };
 
@@ -160,21 +156,34 @@ bool domainMatches(const std::string& cookieDomain, const std::string& host) {
 }  // namespace
 
 struct CurlSession::Impl {
-    CURLSH* share = nullptr;
     std::array<std::mutex, CURL_LOCK_DATA_LAST> locks;
+    std::mutex making;
+    // Made on the first transfer or cookie given, which loads libcurl: until then the jar
+    // is empty, and a session that only checks for cookies never loads it.
+    std::atomic<CURLSH*> share{nullptr};
 
-    Impl() {
-        globalInit();
-        share = curl_share_init();
-        curl_share_setopt(share, CURLSHOPT_LOCKFUNC, &Impl::lock);
-        curl_share_setopt(share, CURLSHOPT_UNLOCKFUNC, &Impl::unlock);
-        curl_share_setopt(share, CURLSHOPT_USERDATA, this);
-        curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_COOKIE);
-        curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
-        curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
-        curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_CONNECT);
+    ~Impl() {
+        if (CURLSH* s = share.load()) libcurl().curl_share_cleanup(s);
     }
-    ~Impl() { curl_share_cleanup(share); }
+
+    Expected<CURLSH*, std::string> jar() {
+        if (CURLSH* s = share.load()) return s;
+        std::lock_guard guard(making);
+        if (CURLSH* s = share.load()) return s;
+        if (auto loaded = curlLibrary(); !loaded) return unexpected(loaded.error());
+        CURLSH* s = libcurl().curl_share_init();
+        if (!s) return unexpected(std::string("could not create the cookie jar"));
+        libcurl().curl_share_setopt(s, CURLSHOPT_LOCKFUNC, &Impl::lock);
+        libcurl().curl_share_setopt(s, CURLSHOPT_UNLOCKFUNC, &Impl::unlock);
+        libcurl().curl_share_setopt(s, CURLSHOPT_USERDATA, this);
+        libcurl().curl_share_setopt(s, CURLSHOPT_SHARE, CURL_LOCK_DATA_COOKIE);
+        libcurl().curl_share_setopt(s, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
+        libcurl().curl_share_setopt(s, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+        libcurl().curl_share_setopt(s, CURLSHOPT_SHARE, CURL_LOCK_DATA_CONNECT);
+        share = s;
+        return s;
+    }
+    bool made() const { return share.load() != nullptr; }
 
     static void lock(CURL*, curl_lock_data data, curl_lock_access, void* user) {
         static_cast<Impl*>(user)->locks[static_cast<size_t>(data) % CURL_LOCK_DATA_LAST].lock();
@@ -184,9 +193,9 @@ struct CurlSession::Impl {
     }
 
     // An easy handle on the shared jar, with the cookie engine switched on.
-    void attach(CURL* h) const {
-        curl_easy_setopt(h, CURLOPT_SHARE, share);
-        curl_easy_setopt(h, CURLOPT_COOKIEFILE, "");
+    static void attach(CURL* h, CURLSH* jar) {
+        libcurl().curl_easy_setopt(h, CURLOPT_SHARE, jar);
+        libcurl().curl_easy_setopt(h, CURLOPT_COOKIEFILE, "");
     }
 };
 
@@ -194,30 +203,32 @@ CurlSession::CurlSession() : impl_(std::make_unique<Impl>()) {}
 CurlSession::~CurlSession() = default;
 
 Expected<Response, TransportError> CurlSession::perform(const Request& request) const {
+    auto jar = impl_->jar();
+    if (!jar) return unexpected(TransportError{CURLE_FAILED_INIT, jar.error(), false});
     Easy easy;
     if (!easy.handle) return unexpected(TransportError{CURLE_OUT_OF_MEMORY, "could not create a transfer", false});
     CURL* h = easy.handle;
-    impl_->attach(h);
+    Impl::attach(h, *jar);
 
     std::array<char, CURL_ERROR_SIZE> errorText{};
     Response response;
-    curl_easy_setopt(h, CURLOPT_URL, request.url.c_str());
-    curl_easy_setopt(h, CURLOPT_ERRORBUFFER, errorText.data());
-    curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(h, CURLOPT_FOLLOWLOCATION, 0L);
-    curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, &writeResponse);
+    libcurl().curl_easy_setopt(h, CURLOPT_URL, request.url.c_str());
+    libcurl().curl_easy_setopt(h, CURLOPT_ERRORBUFFER, errorText.data());
+    libcurl().curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
+    libcurl().curl_easy_setopt(h, CURLOPT_FOLLOWLOCATION, 0L);
+    libcurl().curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https");
+    libcurl().curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, &writeResponse);
     Sink sink{h, &request, &response.body};
-    curl_easy_setopt(h, CURLOPT_WRITEDATA, &sink);
+    libcurl().curl_easy_setopt(h, CURLOPT_WRITEDATA, &sink);
     // Idle limit: below one byte a second for that long, or that long to connect.
     const double idle = std::max(request.idleSeconds, 1.0);
-    curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(idle * 1000));
-    curl_easy_setopt(h, CURLOPT_LOW_SPEED_LIMIT, 1L);
-    curl_easy_setopt(h, CURLOPT_LOW_SPEED_TIME, static_cast<long>(std::ceil(idle)));
-    curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, static_cast<long>(std::max(request.maxSeconds, idle) * 1000));
-    curl_easy_setopt(h, CURLOPT_XFERINFOFUNCTION, &progress);
-    curl_easy_setopt(h, CURLOPT_XFERINFODATA, &request);
-    curl_easy_setopt(h, CURLOPT_NOPROGRESS, request.cancel || request.onUpload ? 0L : 1L);
+    libcurl().curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(idle * 1000));
+    libcurl().curl_easy_setopt(h, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    libcurl().curl_easy_setopt(h, CURLOPT_LOW_SPEED_TIME, static_cast<long>(std::ceil(idle)));
+    libcurl().curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, static_cast<long>(std::max(request.maxSeconds, idle) * 1000));
+    libcurl().curl_easy_setopt(h, CURLOPT_XFERINFOFUNCTION, &progress);
+    libcurl().curl_easy_setopt(h, CURLOPT_XFERINFODATA, &request);
+    libcurl().curl_easy_setopt(h, CURLOPT_NOPROGRESS, request.cancel || request.onUpload ? 0L : 1L);
 
     Body body;
     int fd = -1;
@@ -244,56 +255,57 @@ Expected<Response, TransportError> CurlSession::perform(const Request& request) 
         if (lower(name) == "content-type") hasContentType = true;
     }
     if (request.method == "GET") {
-        curl_easy_setopt(h, CURLOPT_HTTPGET, 1L);
+        libcurl().curl_easy_setopt(h, CURLOPT_HTTPGET, 1L);
     } else if (request.method == "HEAD") {
-        curl_easy_setopt(h, CURLOPT_NOBODY, 1L);
+        libcurl().curl_easy_setopt(h, CURLOPT_NOBODY, 1L);
     } else {
-        curl_easy_setopt(h, CURLOPT_POST, 1L);
-        curl_easy_setopt(h, CURLOPT_POSTFIELDSIZE_LARGE, body.size);
+        libcurl().curl_easy_setopt(h, CURLOPT_POST, 1L);
+        libcurl().curl_easy_setopt(h, CURLOPT_POSTFIELDSIZE_LARGE, body.size);
         if (body.memory) {
             // Sent straight from the caller's buffer, without a copy.
-            curl_easy_setopt(h, CURLOPT_POSTFIELDS, body.memory->data());
+            libcurl().curl_easy_setopt(h, CURLOPT_POSTFIELDS, body.memory->data());
         } else {
-            curl_easy_setopt(h, CURLOPT_READFUNCTION, &readBody);
-            curl_easy_setopt(h, CURLOPT_READDATA, &body);
-            curl_easy_setopt(h, CURLOPT_SEEKFUNCTION, &seekBody);
-            curl_easy_setopt(h, CURLOPT_SEEKDATA, &body);
-            curl_easy_setopt(h, CURLOPT_UPLOAD_BUFFERSIZE, kUploadBufferBytes);
+            libcurl().curl_easy_setopt(h, CURLOPT_READFUNCTION, &readBody);
+            libcurl().curl_easy_setopt(h, CURLOPT_READDATA, &body);
+            libcurl().curl_easy_setopt(h, CURLOPT_SEEKFUNCTION, &seekBody);
+            libcurl().curl_easy_setopt(h, CURLOPT_SEEKDATA, &body);
+            libcurl().curl_easy_setopt(h, CURLOPT_UPLOAD_BUFFERSIZE, kUploadBufferBytes);
         }
-        if (request.method != "POST") curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, request.method.c_str());
+        if (request.method != "POST") libcurl().curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, request.method.c_str());
         // A body goes at once: no "100 Continue" round trip. Without a body nothing claims
         // a form encoding.
         headers.add("Expect:");
         if (!hasContentType) headers.add("Content-Type:");
     }
     (void)hasBody;
-    curl_easy_setopt(h, CURLOPT_HTTPHEADER, headers.list);
+    libcurl().curl_easy_setopt(h, CURLOPT_HTTPHEADER, headers.list);
 
-    CURLcode code = curl_easy_perform(h);
+    CURLcode code = libcurl().curl_easy_perform(h);
     if (fd >= 0) ::close(fd);
     if (code != CURLE_OK) {
-        std::string text = errorText[0] ? errorText.data() : curl_easy_strerror(code);
+        std::string text = errorText[0] ? errorText.data() : libcurl().curl_easy_strerror(code);
         // libcurl words the idle limit as a speed; say what happened instead.
         if (code == CURLE_OPERATION_TIMEDOUT && text.find("too slow") != std::string::npos) {
             text = "Timed out: nothing was sent or received for " + std::to_string(static_cast<long>(std::ceil(idle))) + " s";
         }
         return unexpected(TransportError{static_cast<int>(code), text, noConnection(code)});
     }
-    curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &response.status);
+    libcurl().curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &response.status);
     return response;
 }
 
 std::vector<Cookie> CurlSession::cookies() const {
     std::vector<Cookie> out;
+    if (!impl_->made()) return out;
     Easy easy;
     if (!easy.handle) return out;
-    impl_->attach(easy.handle);
+    Impl::attach(easy.handle, *impl_->jar());
     curl_slist* list = nullptr;
-    if (curl_easy_getinfo(easy.handle, CURLINFO_COOKIELIST, &list) != CURLE_OK) return out;
+    if (libcurl().curl_easy_getinfo(easy.handle, CURLINFO_COOKIELIST, &list) != CURLE_OK) return out;
     for (curl_slist* item = list; item; item = item->next) {
         if (auto c = fromNetscape(item->data)) out.push_back(std::move(*c));
     }
-    curl_slist_free_all(list);
+    libcurl().curl_slist_free_all(list);
     return out;
 }
 
@@ -306,34 +318,38 @@ std::vector<Cookie> CurlSession::cookiesForHost(const std::string& host) const {
 }
 
 void CurlSession::addCookie(const Cookie& cookie) const {
+    auto jar = impl_->jar();
+    if (!jar) return;
     Easy easy;
     if (!easy.handle) return;
-    impl_->attach(easy.handle);
-    curl_easy_setopt(easy.handle, CURLOPT_COOKIELIST, toNetscape(cookie).c_str());
+    Impl::attach(easy.handle, *jar);
+    libcurl().curl_easy_setopt(easy.handle, CURLOPT_COOKIELIST, toNetscape(cookie).c_str());
 }
 
 void CurlSession::removeCookiesForHost(const std::string& host) const {
+    if (!impl_->made()) return;
     auto all = cookies();
     Easy easy;
     if (!easy.handle) return;
-    impl_->attach(easy.handle);
-    curl_easy_setopt(easy.handle, CURLOPT_COOKIELIST, "ALL");
+    Impl::attach(easy.handle, *impl_->jar());
+    libcurl().curl_easy_setopt(easy.handle, CURLOPT_COOKIELIST, "ALL");
     for (const auto& c : all) {
-        if (!domainMatches(c.domain, host)) curl_easy_setopt(easy.handle, CURLOPT_COOKIELIST, toNetscape(c).c_str());
+        if (!domainMatches(c.domain, host)) libcurl().curl_easy_setopt(easy.handle, CURLOPT_COOKIELIST, toNetscape(c).c_str());
     }
 }
 
 std::string hostOf(const std::string& url) {
-    CURLU* u = curl_url();
+    if (auto loaded = curlLibrary(); !loaded) return {};
+    CURLU* u = libcurl().curl_url();
     std::string host;
-    if (curl_url_set(u, CURLUPART_URL, url.c_str(), 0) == CURLUE_OK) {
+    if (libcurl().curl_url_set(u, CURLUPART_URL, url.c_str(), 0) == CURLUE_OK) {
         char* part = nullptr;
-        if (curl_url_get(u, CURLUPART_HOST, &part, 0) == CURLUE_OK && part) {
+        if (libcurl().curl_url_get(u, CURLUPART_HOST, &part, 0) == CURLUE_OK && part) {
             host = part;
-            curl_free(part);
+            libcurl().curl_free(part);
         }
     }
-    curl_url_cleanup(u);
+    libcurl().curl_url_cleanup(u);
     if (host.size() > 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
     return host;
 }

@@ -1,6 +1,7 @@
 #pragma once
 // org.freedesktop.Notifications as a desktop serves it, on the test's private session bus,
 // keeping what it was asked to show; a click answers with ActionInvoked like a real one.
+#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -48,6 +49,10 @@ public:
             if (s.summary == summary) return s;
         }
         return std::nullopt;
+    }
+    size_t count(const std::string& summary) {
+        std::lock_guard guard(m_);
+        return size_t(std::count_if(shown_.begin(), shown_.end(), [&](const Shown& s) { return s.summary == summary; }));
     }
 
 private:

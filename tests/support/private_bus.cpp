@@ -13,7 +13,11 @@ namespace vell::test {
 
 namespace fs = std::filesystem;
 
-PrivateBus::PrivateBus(Kind kind) : kind_(kind) {
+PrivateBus::PrivateBus(Kind kind) : kind_(kind) { start({}); }
+
+PrivateBus::PrivateBus(const fs::path& serviceDirectory) : kind_(Kind::session) { start(serviceDirectory); }
+
+void PrivateBus::start(const fs::path& serviceDirectory) {
     std::string pattern = (fs::temp_directory_path() / "vell-bus-XXXXXX").string();
     if (!::mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
     dir_ = pattern;
@@ -23,7 +27,9 @@ PrivateBus::PrivateBus(Kind kind) : kind_(kind) {
                              "<busconfig><type>session</type><listen>unix:dir="
                           << dir_.string()
                           << "</listen><auth>EXTERNAL</auth><policy context=\"default\"><allow send_destination=\"*\" "
-                             "eavesdrop=\"true\"/><allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n";
+                             "eavesdrop=\"true\"/><allow eavesdrop=\"true\"/><allow own=\"*\"/></policy>"
+                          << (serviceDirectory.empty() ? std::string() : "<servicedir>" + serviceDirectory.string() + "</servicedir>")
+                          << "</busconfig>\n";
     const std::string command = "dbus-daemon --config-file=" + config.string() + " --fork --print-address=1 --print-pid=1";
     FILE* out = ::popen(command.c_str(), "r");
     if (!out) throw std::runtime_error("dbus-daemon could not be started");

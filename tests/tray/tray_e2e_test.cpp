@@ -8,17 +8,22 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <thread>
 #include <nlohmann/json.hpp>
 
+#include "app/launch_sequence.h"
 #include "base/preference_keys.h"
 #include "base/user_defaults.h"
 #include "platform/dbus/control_client.h"
 #include "tests/support/child_process.h"
 #include "tests/support/devserver_process.h"
+#include "tests/support/notification_server.h"
 #include "tests/support/private_bus.h"
 #include "tests/support/pulse_server.h"
+#include "tests/support/status_notifier_watcher.h"
 #include "tests/support/temp_home.h"
 #include "tray/language_choice.h"
+#include "tray/tray_messages.h"
 
 namespace vell::tray {
 namespace {
@@ -176,6 +181,48 @@ TEST(TrayEndToEnd, SignInRecordUploadAndStopAndQuit) {
     ASSERT_TRUE(list.is_array() && list.size() == 2) << list.dump();
     EXPECT_EQ(list[0]["status"], "uploaded");
     EXPECT_EQ(list[1]["status"], "ready") << "Stop and quit keeps the saved part for upload";
+    // No tray on this desktop: the tip about the icon waits for one.
+    home.reloadDefaults();
+    EXPECT_FALSE(home.defaults().boolValue(prefs::kMenuBarTipShown).value_or(false));
+}
+
+// On a desktop with a tray, a little after the start the icon tells where Vell lives, in the
+// interface language, through the desktop's notifications; once: the next start is silent.
+TEST(TrayEndToEnd, TheTipAboutTheIconComesOnce) {
+    if (!have("Xvfb")) GTEST_SKIP() << "needs Xvfb";
+    vell::test::TempHome home;
+    vell::test::PrivateBus bus;
+    vell::test::PulseServer pulse;
+    XServer x(home.root() / "xvfb.log");
+    ASSERT_TRUE(x.running());
+    vell::test::StatusNotifierWatcher trayHost;
+    vell::test::NotificationServer notifications;
+    home.defaults().set(kOnboardingDoneKey, true);
+    home.defaults().set(prefs::kOpenAtLoginDefaultApplied, true);
+    home.defaults().set(prefs::kAutoRecordCalls, false);
+    home.defaults().set(kInterfaceLanguageKey, std::string("es"));
+    const std::string title = std::string(messages::kMenuBarTipTitle.es);
+
+    auto start = [&](const char* logName) {
+        return vell::test::spawnShell("QT_QPA_PLATFORM=xcb exec " + vell::test::binaryPath("vell-tray").string(),
+                                      home.root() / logName);
+    };
+    pid_t tray = start("first.log");
+    ASSERT_GT(tray, 0);
+    ASSERT_TRUE(eventually([&] { return notifications.count(title) == 1; }, 15s)) << vell::test::readAll(home.root() / "first.log");
+    EXPECT_EQ(notifications.find(title)->body, std::string(messages::kMenuBarTipBody.es));
+    EXPECT_EQ(trayHost.items(), 1) << "the tip comes from the icon in the tray";
+    home.reloadDefaults();
+    EXPECT_TRUE(home.defaults().boolValue(prefs::kMenuBarTipShown).value_or(false));
+    vell::test::endProcess(tray);
+
+    tray = start("second.log");
+    ASSERT_GT(tray, 0);
+    ASSERT_TRUE(eventually([&] { return trayHost.items() == 2; }, 15s)) << vell::test::readAll(home.root() / "second.log");
+    // Past the moment the launch offers the tip.
+    std::this_thread::sleep_for(std::chrono::duration<double>(app::LaunchSequence::kMenuBarTipDelaySeconds + 1.5));
+    EXPECT_EQ(notifications.count(title), 1u);
+    vell::test::endProcess(tray);
 }
 
 }  // namespace
