@@ -1,8 +1,9 @@
 // bench_tray: how fast vell-tray shows its icon and how much memory it keeps while idle,
-// beside qlipper (Debian's small Qt clipboard manager, a tray-only application), each
-// started the same way on a private X server (Xvfb) and session bus. The bench stands in
-// for the desktop's tray host: a StatusNotifierWatcher on that bus, so an icon counts as
-// shown when its program registers it there.
+// beside two small tray-only applications from Debian, qlipper (a Qt 5 clipboard manager)
+// and qmidinet (a Qt 6 MIDI gateway, when installed), each started the same way on a
+// private X server (Xvfb) and session bus. The bench stands in for the desktop's tray host:
+// a StatusNotifierWatcher on that bus, so an icon counts as shown when its program
+// registers it there.
 //   bench_tray [RUNS]
 #include <signal.h>
 #include <sys/wait.h>
