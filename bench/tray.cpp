@@ -19,53 +19,16 @@
 #include <sstream>
 
 #include "bench/process_sample.h"
+#include "tests/support/status_notifier_watcher.h"
 
 using namespace vell::bench;
 using Clock = std::chrono::steady_clock;
 
 namespace {
 
-// The desktop's side of StatusNotifierItem: Qt shows its icon this way once a watcher with
-// a host is on the session bus.
-class Watcher {
-public:
-    Watcher() {
-        connection_ = sdbus::createSessionBusConnection("org.kde.StatusNotifierWatcher");
-        object_ = sdbus::createObject(*connection_, "/StatusNotifierWatcher");
-        const char* I = "org.kde.StatusNotifierWatcher";
-        // Programs are measured one at a time: the first item registered after a start is
-        // that program's (Qt 5 passes its service name, Qt 6 its object path).
-        object_->registerMethod("RegisterStatusNotifierItem").onInterface(I).implementedAs([this](const std::string&) {
-            std::lock_guard lock(mutex_);
-            registered_.push_back(Clock::now());
-            changed_.notify_all();
-        });
-        object_->registerMethod("RegisterStatusNotifierHost").onInterface(I).implementedAs([](const std::string&) {});
-        object_->registerProperty("RegisteredStatusNotifierItems").onInterface(I).withGetter([] { return std::vector<std::string>{}; });
-        object_->registerProperty("IsStatusNotifierHostRegistered").onInterface(I).withGetter([] { return true; });
-        object_->registerProperty("ProtocolVersion").onInterface(I).withGetter([] { return int32_t(0); });
-        object_->registerSignal("StatusNotifierItemRegistered").onInterface(I).withParameters<std::string>();
-        object_->registerSignal("StatusNotifierItemUnregistered").onInterface(I).withParameters<std::string>();
-        object_->registerSignal("StatusNotifierHostRegistered").onInterface(I);
-        object_->finishRegistration();
-        connection_->enterEventLoopAsync();
-    }
-    ~Watcher() { connection_->leaveEventLoop(); }
-    // When the first icon after `since` was registered; nothing within the limit.
-    std::optional<Clock::time_point> waitFor(Clock::time_point since, std::chrono::seconds limit) {
-        std::unique_lock lock(mutex_);
-        auto after = [&] { return std::find_if(registered_.begin(), registered_.end(), [&](auto t) { return t >= since; }); };
-        if (!changed_.wait_for(lock, limit, [&] { return after() != registered_.end(); })) return std::nullopt;
-        return *after();
-    }
-
-private:
-    std::unique_ptr<sdbus::IConnection> connection_;
-    std::unique_ptr<sdbus::IObject> object_;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<Clock::time_point> registered_;
-};
+// Programs are measured one at a time: the first icon registered after a start is that
+// program's (Qt 5 passes its service name, Qt 6 its object path).
+using Watcher = vell::test::StatusNotifierWatcher;
 
 struct Run {
     double startSeconds = -1;

@@ -16,6 +16,7 @@
 #include "tests/support/child_process.h"
 #include "tests/support/devserver_process.h"
 #include "tests/support/pulse_server.h"
+#include "tests/support/speech_sample.h"
 #include "tests/support/temp_home.h"
 
 namespace vell {
@@ -24,19 +25,6 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using nlohmann::json;
-
-// Synthetic speech at the fake microphone's format.
-std::vector<int16_t> speech(const fs::path& dir, const std::string& words) {
-    const auto raw = dir / "speech.s16";
-    const std::string command = "espeak-ng -v en -s 140 --stdout \"" + words +
-                                "\" | sox -q -R -t wav - -t raw -r 16000 -e signed -b 16 -c 1 " + raw.string() + " norm -3";
-    if (std::system(command.c_str()) != 0) return {};
-    std::ifstream in(raw, std::ios::binary);
-    std::vector<int16_t> samples;
-    int16_t v;
-    while (in.read(reinterpret_cast<char*>(&v), sizeof v)) samples.push_back(v);
-    return samples;
-}
 
 std::string lineAfter(const std::string& output, const std::string& label) {
     const auto at = output.find(label);
@@ -96,7 +84,7 @@ protected:
 };
 
 TEST_F(LiveRecording, SegmentsArriveInOrderWhileRecordingTilesAreFetchedAndTheSessionClosesAtStop) {
-    auto words = speech(home.tmp(), "Thank you all for joining. What is the budget for the launch? The budget is ten thousand.");
+    auto words = vell::test::speech(home.tmp(), "Thank you all for joining. What is the budget for the launch? The budget is ten thousand.");
     ASSERT_GT(words.size(), 16000u * 3) << "espeak-ng and sox are needed";
     pulse.writeMic(words);
     const fs::path out = home.tmp() / "record.out";
@@ -137,7 +125,7 @@ TEST_F(LiveRecording, SegmentsArriveInOrderWhileRecordingTilesAreFetchedAndTheSe
 }
 
 TEST_F(LiveRecording, KillingTheServiceMidRecordingChangesNothingInTheRecordingOrItsUpload) {
-    pulse.writeMic(speech(home.tmp(), "One two three four five six seven eight nine ten."));
+    pulse.writeMic(vell::test::speech(home.tmp(), "One two three four five six seven eight nine ten."));
     const fs::path out = home.tmp() / "record.out";
     recorder = test::spawnLogged({vell(), "--lang", "en", "record", "--seconds", "8", "--live"}, out);
     ASSERT_GT(recorder, 0);
@@ -193,7 +181,7 @@ TEST_F(LiveRecording, ARejectedSegmentAndUnreadableTilesAreSentencesInTheUsersLa
 }
 
 TEST_F(LiveRecording, ShowPrintsTheSummaryAndTranscriptOfAProcessedRecording) {
-    pulse.writeMic(speech(home.tmp(), "The budget for the launch is ten thousand dollars. What is the launch date?"));
+    pulse.writeMic(vell::test::speech(home.tmp(), "The budget for the launch is ten thousand dollars. What is the launch date?"));
     auto record = run("record --seconds 6");
     ASSERT_EQ(record.status, 0) << record.output;
     ASSERT_EQ(run("upload").status, 0);

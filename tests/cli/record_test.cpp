@@ -18,6 +18,7 @@
 #include "tests/audio/aac_test_decoder.h"
 #include "tests/support/devserver_process.h"
 #include "tests/support/pulse_server.h"
+#include "tests/support/speech_sample.h"
 #include "tests/support/temp_home.h"
 #include "tests/support/tmpfs_mount.h"
 
@@ -31,17 +32,8 @@ constexpr double kToneHz = 1000;
 
 // Several seconds of synthetic speech at the fake microphone's format.
 std::vector<int16_t> speechSamples(const fs::path& dir) {
-    const auto raw = dir / "speech.s16";
-    const std::string command =
-        "espeak-ng -v en -s 140 --stdout \"Thank you all for joining. The first point on the agenda is the budget, "
-        "and the second one is the launch date.\" | sox -q -t wav - -t raw -r 16000 -e signed -b 16 -c 1 " +
-        raw.string() + " norm -3";
-    if (std::system(command.c_str()) != 0) return {};
-    std::ifstream in(raw, std::ios::binary);
-    std::vector<int16_t> samples;
-    int16_t v;
-    while (in.read(reinterpret_cast<char*>(&v), sizeof v)) samples.push_back(v);
-    return samples;
+    return vell::test::speech(dir, "Thank you all for joining. The first point on the agenda is the budget, "
+                                   "and the second one is the launch date.");
 }
 
 // Removes one frequency (a narrow IIR notch) and returns the RMS of what is left.

@@ -25,7 +25,7 @@
 #include "tests/support/child_process.h"
 #include "tests/support/private_bus.h"
 #include "tests/support/pulse_server.h"
-#include "tests/tray/speech_sample.h"
+#include "tests/support/speech_sample.h"
 #include "tests/tray/tray_rig.h"
 #include "tray/cue_treemap.h"
 #include "tray/live_view.h"
@@ -67,7 +67,7 @@ TEST(TrayCompositionTest, AProcessedRecordingsResultsShowInTheMainWindow) {
         pid_t& pid;
         ~Reap() { vell::test::endProcess(pid); }
     } reap{drainer};
-    const auto words = test::speech(home.tmp(), "The budget for the launch is ten thousand dollars. What is the launch date?");
+    const auto words = vell::test::speech(home.tmp(), "The budget for the launch is ten thousand dollars. What is the launch date?");
     ASSERT_GT(words.size(), 16000u * 3) << "espeak-ng and sox are needed";
     setInterfaceLanguage(Language::English);
 

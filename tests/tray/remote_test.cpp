@@ -21,7 +21,7 @@
 #include "tests/support/child_process.h"
 #include "tests/support/private_bus.h"
 #include "tests/support/pulse_server.h"
-#include "tests/tray/speech_sample.h"
+#include "tests/support/speech_sample.h"
 #include "tests/tray/tray_rig.h"
 #include "tray/main_window.h"
 #include "tray/panel.h"
@@ -110,7 +110,7 @@ TEST(RemoteBackendTest, TheDaemonsLiveAdviceAndResultsShowInTheMainWindow) {
     setInterfaceLanguage(Language::English);
     home.defaults().set(prefs::kAutoRecordCalls, false);
     home.defaults().set(prefs::kOpenAtLoginDefaultApplied, true);
-    const auto words = test::speech(home.tmp(), "The budget for the launch is ten thousand dollars. What is the launch date?");
+    const auto words = vell::test::speech(home.tmp(), "The budget for the launch is ten thousand dollars. What is the launch date?");
     ASSERT_GT(words.size(), 16000u * 3) << "espeak-ng and sox are needed";
     ::setenv("VELL_LIVE_SEGMENT_SECONDS", "2", 1);
     const auto log = home.root() / "daemon.log";

@@ -1,6 +1,6 @@
 #pragma once
-// Synthetic speech at the fake microphone's format (espeak-ng and sox); empty when they
-// are missing.
+// Synthetic speech (espeak-ng and sox) at the fake microphone's format: 16 kHz mono, 16-bit;
+// empty when they are missing.
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace vell::tray::test {
+namespace vell::test {
 
 inline std::vector<int16_t> speech(const std::filesystem::path& dir, const std::string& words) {
     const auto raw = dir / "speech.s16";
@@ -22,4 +22,4 @@ inline std::vector<int16_t> speech(const std::filesystem::path& dir, const std::
     return samples;
 }
 
-}  // namespace vell::tray::test
+}  // namespace vell::test
