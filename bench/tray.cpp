@@ -33,6 +33,7 @@ using Watcher = vell::test::StatusNotifierWatcher;
 struct Run {
     double startSeconds = -1;
     long rssKiB = 0, pssKiB = 0;
+    double wakeups = 0;  // task switches a second, 6 to 10 s after the icon showed
 };
 
 long currentRss(pid_t pid) { return field("/proc/" + std::to_string(pid) + "/status", "VmRSS:"); }
@@ -49,6 +50,11 @@ Run measure(Watcher& watcher, const std::vector<std::string>& command, const fs:
         run.pssKiB = sample(pid).pssKiB;
         // BENCH_KEEP: the mappings stay beside the logs, to see where the memory goes.
         if (getenv("BENCH_KEEP")) sh("cat /proc/" + std::to_string(pid) + "/smaps > '" + log.string() + ".smaps'");
+        // Idle cost: how often it wakes once the launch is long over.
+        std::this_thread::sleep_for(std::chrono::seconds(2));
+        const long before = sample(pid).switches;
+        std::this_thread::sleep_for(std::chrono::seconds(4));
+        run.wakeups = double(sample(pid).switches - before) / 4;
     }
     ::kill(pid, SIGTERM);
     for (int i = 0; i < 50 && waitpid(pid, nullptr, WNOHANG) == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -66,7 +72,7 @@ double median(std::vector<double> v) {
 struct Program {
     std::string name, about;
     std::vector<std::string> command;
-    std::vector<double> start, rss, pss;
+    std::vector<double> start, rss, pss, wakeups;
 };
 
 }  // namespace
@@ -130,6 +136,7 @@ int main(int argc, char** argv) {
                 program.start.push_back(run.startSeconds);
                 program.rss.push_back(double(run.rssKiB) / 1024);
                 program.pss.push_back(double(run.pssKiB) / 1024);
+                program.wakeups.push_back(run.wakeups);
             }
         }
     }
@@ -146,8 +153,8 @@ int main(int argc, char** argv) {
     std::printf("tray start-up to a registered icon and idle memory 4 s later (median of %d runs, Xvfb):\n", runs);
     for (const auto& p : programs) {
         if (p.start.empty()) continue;
-        std::printf("  %-10s (%-21s): %.3f s, RSS %.1f MiB, PSS %.1f MiB\n", p.name.c_str(), p.about.c_str(), median(p.start),
-                    median(p.rss), median(p.pss));
+        std::printf("  %-10s (%-21s): %.3f s, RSS %.1f MiB, PSS %.1f MiB, idle %.1f wake-ups/s\n", p.name.c_str(),
+                    p.about.c_str(), median(p.start), median(p.rss), median(p.pss), median(p.wakeups));
     }
     for (size_t i = 1; i < programs.size(); ++i) {
         const auto& peer = programs[i];

@@ -1,5 +1,7 @@
 #include "tray/local_backend.h"
 
+#include <algorithm>
+
 #include <QClipboard>
 #include <QGuiApplication>
 #include <filesystem>
@@ -34,9 +36,13 @@ namespace vell::tray {
 
 namespace {
 
-// How often the levels, the undo countdown and the buffered span are looked at.
+// How often the levels, the undo countdown and the buffered span are looked at; when none
+// of them moves (and the launch is over), ten times less often: every service's own changes
+// arrive through its subscription anyway, and an idle tray should not wake five times a second.
 constexpr int kTickMilliseconds = 200;
-constexpr int kLoginCheckTicks = 10;
+constexpr int kIdleTickMilliseconds = 2000;
+constexpr int kLaunchMilliseconds = 5000;
+constexpr int kLoginCheckMilliseconds = 2000;
 
 SignInPhase phaseOf(app::AppState::Phase phase) {
     switch (phase) {
@@ -106,7 +112,12 @@ LocalBackend::LocalBackend(LocalParts parts) : parts_(std::move(parts)) {
     connect(&tick_, &QTimer::timeout, this, [this] {
         watchLate();
         // The desktop's start-up entry can change behind our back (its settings, a removal).
-        if (preferences_ && ++ticks_ % kLoginCheckTicks == 0) refreshLoginItem();
+        sinceLaunch_ += tick_.interval();
+        sinceLoginCheck_ += tick_.interval();
+        if (preferences_ && sinceLoginCheck_ >= kLoginCheckMilliseconds) {
+            sinceLoginCheck_ = 0;
+            refreshLoginItem();
+        }
         rebuild();
     });
     // Labels made here (the microphones) follow the interface language.
@@ -343,6 +354,10 @@ void LocalBackend::rebuild() {
                       s.microphones == state_.microphones && s.recordingMicrophone == state_.recordingMicrophone &&
                       s.insuranceMicrophone == state_.insuranceMicrophone && s.microphoneCount == state_.microphoneCount && s.live == state_.live;
     state_ = std::move(s);
+    const bool moving = state_.recording || state_.starting || state_.undoAvailable || state_.insuranceListening ||
+                        sinceLaunch_ < kLaunchMilliseconds ||
+                        std::any_of(state_.pending.begin(), state_.pending.end(), [](const PendingRow& r) { return r.progress.has_value(); });
+    if (const int interval = moving ? kTickMilliseconds : kIdleTickMilliseconds; tick_.interval() != interval) tick_.setInterval(interval);
     if (!same) emit changed();
 }
 

@@ -127,7 +127,7 @@ private:
     std::map<std::string, std::string> resultStates_;  // id -> processing state, of the results kept
     std::optional<std::string> lastDiscard_;
     bool rebuildPosted_ = false;
-    long long ticks_ = 0;
+    long long sinceLaunch_ = 0, sinceLoginCheck_ = 0;  // milliseconds of ticks
     bool loginItemMissing_ = false;
     QTimer tick_;
 };
