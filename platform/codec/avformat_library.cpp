@@ -2,27 +2,18 @@
 
 #include <dlfcn.h>
 
+#include "base/shared_library.h"
+
 namespace vell::media {
 
-namespace {
-
-template <class Fn>
-bool resolve(void* handle, const char* name, Fn& slot, std::string& missing) {
-    slot = reinterpret_cast<Fn>(::dlsym(handle, name));
-    if (!slot && missing.empty()) missing = name;
-    return slot != nullptr;
-}
-
-}  // namespace
+using shared_library::resolve;
 
 Expected<AvformatLibrary, std::string> loadAvformatLibrary(const std::string& soname) {
-    // RTLD_LOCAL keeps its symbols out of the global scope; libavcodec and libavutil, loaded
-    // with the encoder before any file is written, are found already there: one copy of each.
-    void* handle = ::dlopen(soname.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (!handle) {
-        const char* why = ::dlerror();
-        return unexpected("cannot load " + soname + (why ? std::string(" (") + why + ")" : std::string()));
-    }
+    // libavcodec and libavutil, loaded with the encoder before any file is written, are
+    // found already there: one copy of each.
+    auto opened = shared_library::open(soname);
+    if (!opened) return unexpected(opened.error());
+    void* handle = *opened;
     AvformatLibrary lib;
     std::string missing;
     resolve(handle, "avformat_alloc_output_context2", lib.allocOutputContext, missing);

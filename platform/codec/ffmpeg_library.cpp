@@ -1,8 +1,8 @@
 #include "platform/codec/ffmpeg_library.h"
 
-#include <dlfcn.h>
-
 #include <stdexcept>
+
+#include "base/shared_library.h"
 
 namespace vell::media {
 
@@ -16,21 +16,16 @@ struct Handles {
 
 Expected<FfmpegLibrary, std::string> load() {
     Handles handles;
-    // libavutil first: the other two need it, and RTLD_LOCAL keeps all their symbols out of
-    // the global scope.
+    // libavutil first: the other two need it.
     for (auto [slot, soname] : {std::pair{&handles.avutil, kAvutilSoname}, std::pair{&handles.avcodec, kAvcodecSoname},
                                 std::pair{&handles.swresample, kSwresampleSoname}}) {
-        *slot = ::dlopen(soname, RTLD_NOW | RTLD_LOCAL);
-        if (!*slot) {
-            const char* why = ::dlerror();
-            return unexpected(std::string("cannot load ") + soname + (why ? std::string(" (") + why + ")" : ""));
-        }
+        auto opened = shared_library::open(soname);
+        if (!opened) return unexpected(opened.error());
+        *slot = *opened;
     }
     FfmpegLibrary lib;
     std::string missing;
-#define VELL_FFMPEG_RESOLVE(library, name)                                            \
-    lib.name = reinterpret_cast<decltype(lib.name)>(::dlsym(handles.library, #name)); \
-    if (!lib.name && missing.empty()) missing = #name;
+#define VELL_FFMPEG_RESOLVE(library, name) shared_library::resolve(handles.library, #name, lib.name, missing);
     VELL_FFMPEG_FUNCTIONS(VELL_FFMPEG_RESOLVE)
 #undef VELL_FFMPEG_RESOLVE
     // Never unloaded: encoders and resamplers made through them may outlive any caller.

@@ -1,26 +1,20 @@
 #include "platform/http/curl_library.h"
 
-#include <dlfcn.h>
-
 #include <stdexcept>
+
+#include "base/shared_library.h"
 
 namespace vell::http {
 
 namespace {
 
 Expected<CurlLibrary, std::string> load() {
-    // RTLD_LOCAL keeps its symbols, and those of the TLS libraries it brings, out of the
-    // global scope.
-    void* handle = ::dlopen(kCurlSoname, RTLD_NOW | RTLD_LOCAL);
-    if (!handle) {
-        const char* why = ::dlerror();
-        return unexpected(std::string("cannot load ") + kCurlSoname + (why ? std::string(" (") + why + ")" : ""));
-    }
+    auto opened = shared_library::open(kCurlSoname);
+    if (!opened) return unexpected(opened.error());
+    void* handle = *opened;
     CurlLibrary lib;
     std::string missing;
-#define VELL_CURL_RESOLVE(name)                                               \
-    lib.name = reinterpret_cast<decltype(lib.name)>(::dlsym(handle, #name)); \
-    if (!lib.name && missing.empty()) missing = #name;
+#define VELL_CURL_RESOLVE(name) shared_library::resolve(handle, #name, lib.name, missing);
     VELL_CURL_FUNCTIONS(VELL_CURL_RESOLVE)
 #undef VELL_CURL_RESOLVE
     // Never unloaded: its threads (the resolver) and TLS state live as long as the process.

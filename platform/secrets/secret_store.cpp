@@ -1,12 +1,13 @@
 #include "platform/secrets/secret_store.h"
 
-#include <dlfcn.h>
 #include <libsecret/secret.h>
 #include <systemd/sd-bus.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <string_view>
+
+#include "base/shared_library.h"
 
 namespace vell::secret {
 
@@ -35,17 +36,13 @@ struct Libsecret {
 constexpr const char* kLibsecretSoname = "libsecret-1.so.0";
 
 Expected<Libsecret, std::string> load() {
-    void* handle = ::dlopen(kLibsecretSoname, RTLD_NOW | RTLD_LOCAL);
-    if (!handle) {
-        const char* why = ::dlerror();
-        return unexpected(std::string("cannot load ") + kLibsecretSoname + (why ? std::string(" (") + why + ")" : ""));
-    }
+    auto opened = shared_library::open(kLibsecretSoname);
+    if (!opened) return unexpected(opened.error());
+    void* handle = *opened;
     Libsecret lib;
     std::string missing;
     // GLib's and GObject's functions come through libsecret's own dependencies.
-#define VELL_SECRET_RESOLVE(name)                                             \
-    lib.name = reinterpret_cast<decltype(lib.name)>(::dlsym(handle, #name)); \
-    if (!lib.name && missing.empty()) missing = #name;
+#define VELL_SECRET_RESOLVE(name) shared_library::resolve(handle, #name, lib.name, missing);
     VELL_SECRET_FUNCTIONS(VELL_SECRET_RESOLVE)
 #undef VELL_SECRET_RESOLVE
     // Never unloaded: GLib keeps threads and types for the life of the process.
