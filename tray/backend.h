@@ -15,6 +15,10 @@
 #include "live/live_api.h"
 #include "results/recording_result.h"
 
+namespace vell::live {
+struct LiveAdvice;
+}
+
 namespace vell::tray {
 
 enum class SignInPhase { launching, signedOut, mfaRequired, signedIn };
@@ -45,6 +49,9 @@ struct LiveState {
     bool closed = false;            // the recording ended and the service was told
     bool operator==(const LiveState&) const = default;
 };
+
+// What the live advisor (here or in another host) says, as the widgets show it.
+LiveState liveStateOf(const live::LiveAdvice& advice);
 
 // One recording as the service (or the copy kept on this computer) tells it.
 struct ResultItem {

@@ -322,13 +322,7 @@ void LocalBackend::rebuild() {
             s.undoSecondsLeft = running.discards->secondsLeft();
         }
     }
-    if (auto* advisor = parts_.advisor ? parts_.advisor() : nullptr) {
-        const auto advice = advisor->advice.get();
-        s.live.sessionID = advice.sessionID.value_or("");
-        s.live.tiles = advice.tiles;
-        s.live.message = advice.message.value_or("");
-        s.live.closed = advice.closed;
-    }
+    if (auto* advisor = parts_.advisor ? parts_.advisor() : nullptr) s.live = liveStateOf(advisor->advice.get());
     if (preferences_) {
         s.showsDockIcon = preferences_->showsDockIcon.get();
         s.opensAtLogin = preferences_->opensAtLogin.get();

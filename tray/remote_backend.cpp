@@ -165,9 +165,7 @@ void RemoteBackend::poll() {
             s.systemLevel = status->systemLevel;
             s.lastError = status->lastError;
             if (advice) {
-                if (auto a = live::liveAdviceFromJson(*advice)) {
-                    s.live = LiveState{a->sessionID.value_or(""), a->tiles, a->message.value_or(""), a->closed};
-                }
+                if (auto a = live::liveAdviceFromJson(*advice)) s.live = liveStateOf(*a);
             }
             if (s.recording) liveTail_ = kLiveTailPolls;
             else if (liveTail_ > 0 && (--liveTail_ == 0 || s.live.closed)) liveTail_ = 0;
