@@ -36,6 +36,8 @@ public:
 
     // The next line, or nothing when the answer is complete. Blocks while it recognises.
     std::optional<TranscriptLine> next();
+    // Whether the line `next()` gave last was the last one.
+    bool ended() const { return ended_ && queued_.empty(); }
 
     static constexpr double kDraftStepSeconds = 1.0;
 

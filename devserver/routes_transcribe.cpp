@@ -1,5 +1,6 @@
 // Quick transcription of buffered audio: the body is the ADTS file itself and the answer is
 // newline-delimited JSON, streamed so drafts reach the application while it waits.
+#include <atomic>
 #include <chrono>
 #include <memory>
 
@@ -35,12 +36,19 @@ void addTranscribeRoutes(Router& router, Services& s) {
         if (!beginTranscription(account->email)) return ex.fail(409, "transcription_in_progress");
         auto stream = std::make_shared<TranscriptStream>(std::move(samples), ex.fault ? ex.fault->mode : "",
                                                          ex.fault ? ex.fault->delayMs : 0, began);
-        const std::string email = account->email;
+        // The account is free again before the last line leaves: a client that asks again as
+        // soon as it has read it must not be refused as busy, and the releaser below only runs
+        // after the response is gone. Once only, so a late release never frees a newer request.
+        auto released = std::make_shared<std::atomic<bool>>(false);
+        auto release = [email = account->email, released] {
+            if (!released->exchange(true)) endTranscription(email);
+        };
         ex.res.status = 200;
         ex.res.set_chunked_content_provider(
             "application/x-ndjson",
-            [stream](size_t, httplib::DataSink& sink) {
+            [stream, release](size_t, httplib::DataSink& sink) {
                 auto line = stream->next();
+                if (!line || stream->ended()) release();
                 if (!line) {
                     sink.done();
                     return true;
@@ -52,7 +60,7 @@ void addTranscribeRoutes(Router& router, Services& s) {
                 // Returning false drops the connection without the chunked terminator.
                 return !line->cutAfter;
             },
-            [email](bool) { endTranscription(email); });
+            [release](bool) { release(); });
     });
 }
 

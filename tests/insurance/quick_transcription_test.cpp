@@ -80,7 +80,7 @@ TEST_F(QuickTranscription, EachBrokenStreamEndsInItsOwnError) {
     streamFault("draftsOnly");
     auto drafty = quickTranscribe(*client, audio, {});
     ASSERT_FALSE(drafty);
-    EXPECT_EQ(drafty.error().kind, APIError::Kind::decoding);
+    EXPECT_EQ(drafty.error().kind, APIError::Kind::decoding) << drafty.error().description(Language::English);
     EXPECT_EQ(drafty.error().detail, "quick transcript");
 
     // Cut after two drafts: both were shown, and the end is a transfer failure, not a text.
