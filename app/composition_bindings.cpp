@@ -42,10 +42,11 @@ void installPlatformBindings() {
         audio::OutputRouteWatcher::setFactory(&platform::makePulseOutputRouteWatcher);
         audio::MicCapture::setDefaultEngines([] { return platform::makePulseMicEngine(); },
                                              [] { return platform::makeAlsaMicEngine(); });
-        // Insurance mode: the server hands over the chunks' mono 16 kHz in 100 ms blocks.
+        // Insurance mode: the server hands over the chunks' mono 16 kHz in 200 ms blocks (half the
+        // wake-ups of 100 ms, and at most that much is still in the server when a chunk is sealed).
         audio::MicCapture::setListeningEngine([] {
             return platform::makePulseMicEngine(
-                {static_cast<uint32_t>(insurance::kEncoderRows.front().sampleRate), 1, 0.1});
+                {static_cast<uint32_t>(insurance::kEncoderRows.front().sampleRate), 1, 0.2});
         });
         audio::MicrophoneSettings::setDefaultDeviceProvider([] { return platform::makePulseInputDevices(); });
         insurance::setPreviewPlayerFactory([] {

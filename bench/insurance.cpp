@@ -1,6 +1,6 @@
 // Cost of insurance mode while it listens: `vell daemon` with insurance on (no other
-// automation) on a private PulseAudio server whose microphone is a pipe fed a speech-like
-// signal in real time, measured over N seconds (default 60) for its CPU share of one core
+// automation) on a private PulseAudio server whose microphone is a timer-driven source fed a
+// speech-like signal in real time, measured over N seconds (default 60) for its CPU share of one core
 // and peak RSS, beside `parec | ffmpeg` writing the same 16 kHz mono 32 kbit/s ADTS stream
 // over the same seconds (CPU of both processes, the larger peak RSS). Both run at once.
 // The daemon's figure includes the idle host under it (see bench_host_idle).
@@ -102,6 +102,16 @@ int main(int argc, char** argv) {
     std::printf("insurance mode listening for %.0f s (CPU at the clock tick's resolution, 10 ms):\n", wall);
     std::printf("  vell daemon, insurance on : %.3f %% of a core, peak RSS %.1f MiB (PSS %.1f MiB), %zu files in the buffer\n",
                 ours, double(hostEnd.peakRssKiB) / 1024, double(hostEnd.pssKiB) / 1024, chunks);
+    // The writer is the thread of the queue "app.quillon.mac.insurance" (names keep their
+    // last 15 characters); it converts nothing, it encodes and writes.
+    const auto threadShare = [&](const std::string& name) {
+        const auto end = threadsEnd.find(name);
+        if (end == threadsEnd.end()) return 0.0;
+        const auto start = threadsStart.find(name);
+        return 100 * (end->second.cpuSeconds - (start == threadsStart.end() ? 0 : start->second.cpuSeconds)) / wall;
+    };
+    std::printf("  of which the insurance writer: %.3f %% of a core, the capture %.3f %%\n",
+                threadShare("n.mac.insurance"), threadShare("llon.mac.mic-io"));
     printThreads(threadsStart, threadsEnd, wall);
     std::printf("  parec | ffmpeg aac 32k    : %.3f %% of a core, peak RSS %.1f MiB (larger of the two), %llu bytes\n", peer,
                 double(peerRssKiB) / 1024, static_cast<unsigned long long>(peerBytes));

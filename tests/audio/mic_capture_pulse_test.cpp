@@ -117,7 +117,7 @@ TEST(MicCapturePulseTest, DeliversSmallBlocksSoonAfterStart) {
 }
 
 // Insurance mode's capture as the program installs it: the server converts a 44.1 kHz
-// stereo source into the chunks' 16 kHz mono and hands it over in blocks of about 100 ms.
+// stereo source into the chunks' 16 kHz mono and hands it over in blocks of about 200 ms.
 TEST(MicCapturePulseTest, TheListeningCaptureGetsSixteenKilohertzMonoInLongBlocks) {
     test::PulseServer pulse;
     auto capture = MicCapture::makeForListening();
