@@ -270,6 +270,11 @@ private:
         std::set<time_t> starts{startT};
         for (icalproperty* r = icalcomponent_get_first_property(e, ICAL_RRULE_PROPERTY); r;
              r = icalcomponent_get_next_property(e, ICAL_RRULE_PROPERTY)) {
+            if (walked_ >= kMaximumInstancesPerCalendar) {
+                out.problems.push_back("\"" + f.title + "\": repeat rule not expanded, the calendar's rules already walked " +
+                                       std::to_string(kMaximumInstancesPerCalendar) + " instances");
+                break;
+            }
             struct icalrecurrencetype rule = icalproperty_get_rrule(r);
             icalrecur_iterator* it = icalrecur_iterator_new(rule, start);
             if (!it) {
@@ -287,9 +292,9 @@ private:
             int produced = 0;
             for (icaltimetype next = icalrecur_iterator_next(it); !icaltime_is_null_time(next);
                  next = icalrecur_iterator_next(it)) {
-                if (++produced > kMaximumInstancesPerRule) {
+                if (++produced > kMaximumInstancesPerRule || ++walked_ > kMaximumInstancesPerCalendar) {
                     out.problems.push_back("\"" + f.title + "\": repeat rule cut off after " +
-                                           std::to_string(kMaximumInstancesPerRule) + " instances");
+                                           std::to_string(produced - 1) + " instances");
                     break;
                 }
                 next.zone = start.zone;
@@ -312,6 +317,7 @@ private:
     }
 
     time_t from_, to_;
+    int walked_ = 0;  // instances walked by every rule so far
     const std::vector<std::string>& me_;
 };
 

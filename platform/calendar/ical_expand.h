@@ -18,6 +18,9 @@ namespace vell::calendar {
 inline constexpr std::size_t kMaximumCalendarBytes = 16 * 1024 * 1024;
 // A rule that would go on producing instances past this many is cut off there.
 inline constexpr int kMaximumInstancesPerRule = 20'000;
+// And all the rules of one calendar together stop past this many: a file of thousands of
+// runaway rules would otherwise cost minutes of CPU at every refresh.
+inline constexpr int kMaximumInstancesPerCalendar = 100'000;
 
 struct ExpandedCalendar {
     std::vector<automation::CalendarMeeting> meetings;  // file order, instances in time order

@@ -132,6 +132,25 @@ TEST(CalendarParser, AnOpenEndedSeriesFromLongAgoStillReachesToday) {
     EXPECT_EQ(starts, (std::vector<WallTime>{utc(2026, 3, 5, 10, 0), utc(2026, 3, 5, 10, 30), utc(2026, 3, 5, 11, 0)}));
 }
 
+TEST(CalendarParser, RunawayRulesShareOneBudgetAndTheRestOfTheCalendarStays) {
+    // Six every-second rules: five use up the calendar's budget, the sixth is not walked at
+    // all, and a plain event after them is still read.
+    std::string text = "BEGIN:VCALENDAR\r\nVERSION:2.0\r\n";
+    for (int i = 1; i <= 6; ++i)
+        text += "BEGIN:VEVENT\r\nUID:r" + std::to_string(i) + "\r\nSUMMARY:Runaway " + std::to_string(i) +
+                "\r\nDTSTART:20000101T000000Z\r\nDTEND:20000101T000001Z\r\nRRULE:FREQ=SECONDLY\r\nEND:VEVENT\r\n";
+    text += "BEGIN:VEVENT\r\nUID:plain\r\nSUMMARY:Review\r\nDTSTART:20260305T100000Z\r\n"
+            "DTEND:20260305T103000Z\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n";
+    auto cal = expandCalendar(text, utc(2026, 3, 5, 0, 0), utc(2026, 3, 6, 0, 0), {});
+    ASSERT_TRUE(cal);
+    static_assert(kMaximumInstancesPerCalendar == 5 * kMaximumInstancesPerRule);
+    ASSERT_EQ(cal->problems.size(), 6u);
+    for (int i = 0; i < 5; ++i)
+        EXPECT_EQ(cal->problems[i], "\"Runaway " + std::to_string(i + 1) + "\": repeat rule cut off after 20000 instances");
+    EXPECT_EQ(cal->problems[5], "\"Runaway 6\": repeat rule not expanded, the calendar's rules already walked 100000 instances");
+    EXPECT_EQ(withTitlePrefix(*cal, "Review").size(), 1u);
+}
+
 TEST(CalendarParser, WhatIsNotACalendarIsRefusedWithoutCrashing) {
     const WallTime from = utc(2026, 3, 1, 0, 0), to = utc(2026, 3, 2, 0, 0);
     EXPECT_FALSE(expandCalendar(fixture("not-a-calendar.html"), from, to, {}));
