@@ -1,6 +1,8 @@
 #include "base/user_defaults.h"
 
+#include <algorithm>
 #include <chrono>
+#include <limits>
 #include <memory>
 
 #include "base/files.h"
@@ -68,8 +70,17 @@ std::optional<bool> UserDefaults::boolValue(std::string_view key) const {
 std::optional<long long> UserDefaults::integerValue(std::string_view key) const {
     auto v = raw(key);
     if (!v) return std::nullopt;
+    // A number beyond what an integer holds, as a hand-edited file may have, reads as the
+    // nearest one it can hold (converting it as it stands is undefined).
+    constexpr auto kMax = std::numeric_limits<long long>::max();
+    if (v->is_number_unsigned()) return static_cast<long long>(std::min<unsigned long long>(v->get<unsigned long long>(), kMax));
     if (v->is_number_integer()) return v->get<long long>();
-    if (v->is_number()) return static_cast<long long>(v->get<double>());
+    if (v->is_number()) {
+        const double d = v->get<double>();
+        if (d >= 0x1p63) return kMax;
+        if (d <= -0x1p63) return std::numeric_limits<long long>::min();
+        return static_cast<long long>(d);
+    }
     if (v->is_boolean()) return v->get<bool>() ? 1 : 0;
     return std::nullopt;
 }

@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 
 #include <fstream>
+#include <limits>
 
 #include "base/clock.h"
 #include "base/files.h"
@@ -79,6 +80,12 @@ TEST(UserDefaults, ValuesSurviveReloadAndACorruptFileIsKeptAside) {
     EXPECT_EQ(home.defaults().integerValue("a.int"), 42);
     EXPECT_EQ(home.defaults().stringList("a.list"), (std::vector<std::string>{"x", "y"}));
     EXPECT_FALSE(home.defaults().stringValue("a.int").has_value());  // wrong type reads as absent
+    // Numbers a hand-edited file may hold that no integer can: the nearest one.
+    std::ofstream(home.defaults().file()) << R"({"huge": 8.4e48, "tiny": -1e300, "big": 18446744073709551615})";
+    home.reloadDefaults();
+    EXPECT_EQ(home.defaults().integerValue("huge"), std::numeric_limits<long long>::max());
+    EXPECT_EQ(home.defaults().integerValue("tiny"), std::numeric_limits<long long>::min());
+    EXPECT_EQ(home.defaults().integerValue("big"), std::numeric_limits<long long>::max());
 
     auto file = home.defaults().file();
     std::ofstream(file) << "{ not json";
