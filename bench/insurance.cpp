@@ -104,14 +104,9 @@ int main(int argc, char** argv) {
                 ours, double(hostEnd.peakRssKiB) / 1024, double(hostEnd.pssKiB) / 1024, chunks);
     // The writer is the thread of the queue "app.quillon.mac.insurance" (names keep their
     // last 15 characters); it converts nothing, it encodes and writes.
-    const auto threadShare = [&](const std::string& name) {
-        const auto end = threadsEnd.find(name);
-        if (end == threadsEnd.end()) return 0.0;
-        const auto start = threadsStart.find(name);
-        return 100 * (end->second.cpuSeconds - (start == threadsStart.end() ? 0 : start->second.cpuSeconds)) / wall;
-    };
     std::printf("  of which the insurance writer: %.3f %% of a core, the capture %.3f %%\n",
-                threadShare("n.mac.insurance"), threadShare("llon.mac.mic-io"));
+                threadShare(threadsStart, threadsEnd, "n.mac.insurance", wall),
+                threadShare(threadsStart, threadsEnd, "llon.mac.mic-io", wall));
     printThreads(threadsStart, threadsEnd, wall);
     std::printf("  parec | ffmpeg aac 32k    : %.3f %% of a core, peak RSS %.1f MiB (larger of the two), %llu bytes\n", peer,
                 double(peerRssKiB) / 1024, static_cast<unsigned long long>(peerBytes));

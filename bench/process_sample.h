@@ -144,14 +144,23 @@ inline std::map<std::string, ThreadSample> threadSamples(pid_t pid) {
     return threads;
 }
 
+// One thread's share of a core, in percent, between two samples (0 if it is not there).
+inline double threadShare(const std::map<std::string, ThreadSample>& before,
+                          const std::map<std::string, ThreadSample>& after, const std::string& name, double wall) {
+    const auto end = after.find(name);
+    if (end == after.end()) return 0;
+    const auto start = before.find(name);
+    return 100 * (end->second.cpuSeconds - (start == before.end() ? 0 : start->second.cpuSeconds)) / wall;
+}
+
 // Prints each thread's share of a core and wake-ups per second between two samples.
 inline void printThreads(const std::map<std::string, ThreadSample>& before,
                          const std::map<std::string, ThreadSample>& after, double wall) {
     for (const auto& [name, end] : after) {
-        ThreadSample start;
-        if (auto found = before.find(name); found != before.end()) start = found->second;
+        const auto start = before.find(name);
+        const long switches = end.switches - (start == before.end() ? 0 : start->second.switches);
         std::printf("    thread %-16s %6.3f %% of a core, %7.1f switches/s\n", name.c_str(),
-                    100 * (end.cpuSeconds - start.cpuSeconds) / wall, double(end.switches - start.switches) / wall);
+                    threadShare(before, after, name, wall), double(switches) / wall);
     }
 }
 
