@@ -81,6 +81,7 @@ recording::RecorderParts recorderParts() {
         applyEchoCancellationSetting(UserDefaults::standard());
         audio::RealtimeMixer::Options options;
         options.echo = &audio::EchoCancellation::shared();
+        options.dropped = &audio::DroppedAudio::shared();
         auto metered = std::make_unique<MeteredMixer>(
             std::make_unique<audio::RealtimeMixer>(file, sampleRate, std::move(options)), inputLevels());
         return std::make_unique<live::SideMeteringMixer>(std::move(metered), sideLevelMeter());

@@ -2,15 +2,20 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 
+#include <fmt/format.h>
+
 #include "audio/errors.h"
+#include "base/log.h"
 #include "base/runtime.h"
 
 namespace vell::audio {
 
 namespace {
 constexpr int kTargetChannels = 2;
+const log::Logger kLog{"Mixer"};
 }
 
 RealtimeMixer::RealtimeMixer(std::filesystem::path file, double sampleRate, Options options)
@@ -19,6 +24,8 @@ RealtimeMixer::RealtimeMixer(std::filesystem::path file, double sampleRate, Opti
       clock_(options.clock ? *options.clock : runtime::clock()),
       writerFactory_(options.writerFactory ? std::move(options.writerFactory) : media::defaultAacWriterFactory()),
       automaticTicks_(options.automaticTicks),
+      keepToClock_(options.keepToClock.value_or(options.automaticTicks)),
+      dropped_(options.dropped),
       queue_(options.automaticTicks ? std::make_unique<SerialQueue>(queues::kMixer) : nullptr) {
     if (options.echo) echo_ = std::make_unique<EchoCancelStage>(sampleRate, *options.echo);
     mic_.gain = kMicGain;
@@ -57,6 +64,9 @@ void RealtimeMixer::open() {
         if (!opened) return;
         failure.clear();
         file_ = std::move(*opened);
+        openedAt_ = clock_.uptime();
+        written_ = 0;
+        if (dropped_) dropped_->reset();
         {
             std::lock_guard lock(outputLock_);
             outputFile_ = chosen;
@@ -139,6 +149,32 @@ void RealtimeMixer::take(Stream& stream, bool isSystem, const PcmBufferPtr& buff
 
     stream.lastArrival = arrivedAt;
 
+    if (keepToClock_ && file_) {
+        // A stream cannot hold more than the time since open: beyond a small allowance the
+        // rest is a backlog let go at once, and its oldest part goes, so that what is heard
+        // now lands where it belongs.
+        const std::size_t count = left->size();
+        const std::size_t due = framesSinceOpen(arrivedAt);
+        const std::size_t reached = position(stream) + count;
+        if (reached <= due + static_cast<std::size_t>(kAheadSeconds * sampleRate_)) {
+            logDropped(stream, isSystem);  // a burst before this block is over
+        } else {
+            const std::size_t excess = reached - due;
+            const std::size_t leftover = dropOldest(stream, excess);
+            const std::size_t skip = std::min(leftover, count);
+            countDropped(stream, isSystem, excess - leftover + skip);
+            if (skip == count) return;
+            if (skip > 0) {
+                for (int c = 0; c < kTargetChannels; ++c) {
+                    const auto& side = c == 0 ? *left : *right;
+                    trimmed_[c].assign(side.begin() + static_cast<std::ptrdiff_t>(skip), side.end());
+                }
+                left = &trimmed_[0];
+                right = &trimmed_[1];
+            }
+        }
+    }
+
     if (!isSystem && echo_) {
         echo_->appendMicrophone(*left, *right, channels);  // reaches mic_.samples at the tick
         return;
@@ -199,8 +235,27 @@ void RealtimeMixer::mix(bool force) {
         }
         echo_->advance(mic_.samples, mic_.gain, system_.samples, systemEnabled_, flush);
     }
-    const std::size_t m = mic_.samples[0].size();
-    const std::size_t s = systemEnabled_ ? system_.samples[0].size() : 0;
+    // The file never runs ahead of the clock: what a stream holds beyond it waits (and its
+    // oldest part is dropped as more comes, or at the end).
+    std::size_t room = SIZE_MAX;
+    if (keepToClock_ && !force && (mic_.droppedRun > 0 || system_.droppedRun > 0)) {
+        return;  // a backlog is still coming: only its newest part is worth writing
+    }
+    if (keepToClock_) {
+        const std::size_t limit = framesSinceOpen(now) + static_cast<std::size_t>(kAheadSeconds * sampleRate_);
+        if (force) {
+            for (Stream* stream : {&mic_, &system_}) {
+                const bool isSystem = stream == &system_;
+                if (isSystem && !systemEnabled_) continue;
+                const std::size_t at = position(*stream);
+                if (at > limit) countDropped(*stream, isSystem, at - limit - dropOldest(*stream, at - limit));
+                logDropped(*stream, isSystem);
+            }
+        }
+        room = limit > written_ ? limit - written_ : 0;
+    }
+    const std::size_t m = std::min(mic_.samples[0].size(), room);
+    const std::size_t s = systemEnabled_ ? std::min(system_.samples[0].size(), room) : 0;
     const auto chunk = static_cast<std::size_t>(sampleRate_ * 0.05);
 
     std::size_t n = 0;
@@ -239,11 +294,41 @@ void RealtimeMixer::mix(bool force) {
     }
 
     const float* planes[kTargetChannels] = {mixed->channels[0].data(), mixed->channels[1].data()};
+    written_ += n;
     auto written = file_->write(planes, kTargetChannels, n, static_cast<int>(sampleRate_));
     if (written) written = file_->syncToDisk();
     if (!written) reportWriteError(written.error());
 
     if (onMixedBuffer) onMixedBuffer(std::move(mixed));
+}
+
+std::size_t RealtimeMixer::position(const Stream& stream) const {
+    std::size_t waiting = stream.samples[0].size();
+    if (&stream == &mic_ && echo_) waiting += echo_->pending();
+    return written_ + waiting;
+}
+
+std::size_t RealtimeMixer::framesSinceOpen(double at) const {
+    return at > openedAt_ ? static_cast<std::size_t>((at - openedAt_) * sampleRate_) : 0;
+}
+
+std::size_t RealtimeMixer::dropOldest(Stream& stream, std::size_t frames) {
+    const std::size_t count = std::min(frames, stream.samples[0].size());
+    for (auto& list : stream.samples) list.erase(list.begin(), list.begin() + static_cast<std::ptrdiff_t>(count));
+    return frames - count;
+}
+
+void RealtimeMixer::countDropped(Stream& stream, bool isSystem, std::size_t frames) {
+    if (frames == 0) return;
+    stream.droppedRun += frames;
+    if (dropped_) dropped_->add(isSystem, double(frames) / sampleRate_);
+}
+
+void RealtimeMixer::logDropped(Stream& stream, bool isSystem) {
+    if (stream.droppedRun == 0) return;
+    kLog.info(fmt::format("the {} delivered faster than real time: dropped its oldest {:.2f} s",
+                          isSystem ? "system audio" : "microphone", double(stream.droppedRun) / sampleRate_));
+    stream.droppedRun = 0;
 }
 
 void RealtimeMixer::reportWriteError(const std::string& error) {
@@ -263,8 +348,10 @@ void RealtimeMixer::finish() {
         if (file_) (void)file_->finish();  // closing problems at the end are not reported
         file_.reset();
         echo_.reset();
-        mic_ = Stream{nullptr, {}, 0, kMicGain};
-        system_ = Stream{nullptr, {}, 0, kSystemGain};
+        mic_ = Stream{};
+        mic_.gain = kMicGain;
+        system_ = Stream{};
+        system_.gain = kSystemGain;
     });
 }
 

@@ -18,8 +18,10 @@
 namespace vell::app {
 namespace {
 
-// Mixes the scene through a recording mixer; returns the mix's left channel.
-std::vector<float> mixScene(audio::RecordingMixer& mixer, const std::vector<float>& mic, const std::vector<float>& far) {
+// Mixes the scene through a recording mixer, in time on the runtime's clock (a recording's
+// mixer keeps to it); returns the mix's left channel.
+std::vector<float> mixScene(audio::RecordingMixer& mixer, const std::vector<float>& mic, const std::vector<float>& far,
+                            ManualClock& clock) {
     std::mutex lock;
     std::vector<float> mixed;
     mixer.onMixedBuffer = [&](audio::PcmBufferPtr b) {
@@ -29,6 +31,7 @@ std::vector<float> mixScene(audio::RecordingMixer& mixer, const std::vector<floa
     mixer.open();
     mixer.setSystemEnabled(true);
     for (std::size_t at = 0; at + test::kEchoBlock <= mic.size(); at += test::kEchoBlock) {
+        clock.advance(double(test::kEchoBlock) / test::kEchoRate);
         mixer.appendSystem(test::echoBlock(far, at, 2));
         mixer.appendMicrophone(test::echoBlock(mic, at, 1));
     }
@@ -53,10 +56,10 @@ TEST(EchoCancelSettingTest, SwitchedOffTheNextRecordingMixesTheMicrophoneUntouch
     audio::RealtimeMixer::Options driven;
     driven.automaticTicks = false;
     audio::RealtimeMixer plainMixer(home.tmp() / "plain.aac", test::kEchoRate, std::move(driven));
-    const auto plain = mixScene(plainMixer, mic, far);
+    const auto plain = mixScene(plainMixer, mic, far, clock);
 
     auto parts = recorderParts();
-    const auto on = mixScene(*parts.makeMixer(home.tmp() / "on.aac", test::kEchoRate), mic, far);
+    const auto on = mixScene(*parts.makeMixer(home.tmp() / "on.aac", test::kEchoRate), mic, far, clock);
     EXPECT_NE(on, plain) << "a recording's mixer cancels echo by default";
 
     // Stored by another process (`vell echo-cancel off` with no host running): this one
@@ -64,12 +67,12 @@ TEST(EchoCancelSettingTest, SwitchedOffTheNextRecordingMixesTheMicrophoneUntouch
     home.defaults().set(prefs::kEchoCancellation, false);
     home.reloadDefaults();
     EXPECT_EQ(home.defaults().boolValue(prefs::kEchoCancellation), false);
-    const auto off = mixScene(*parts.makeMixer(home.tmp() / "off.aac", test::kEchoRate), mic, far);
+    const auto off = mixScene(*parts.makeMixer(home.tmp() / "off.aac", test::kEchoRate), mic, far, clock);
     EXPECT_EQ(off, plain);
     EXPECT_EQ(nlohmann::json::parse(echoCancellationStatusJson(home.defaults()))["enabled"], false);
 
     setEchoCancellationEnabled(home.defaults(), true);
-    EXPECT_NE(mixScene(*parts.makeMixer(home.tmp() / "again.aac", test::kEchoRate), mic, far), plain);
+    EXPECT_NE(mixScene(*parts.makeMixer(home.tmp() / "again.aac", test::kEchoRate), mic, far, clock), plain);
 }
 
 }  // namespace

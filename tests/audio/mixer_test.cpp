@@ -52,6 +52,8 @@ protected:
         options.clock = &clock;
         options.writerFactory = std::move(factory);
         options.automaticTicks = false;
+        options.keepToClock = keepToClock;
+        options.dropped = &dropped;
         auto mixer = std::make_unique<RealtimeMixer>(path, kRate, std::move(options));
         mixer->onMixedBuffer = [this](PcmBufferPtr b) {
             std::lock_guard g(out.lock);
@@ -74,6 +76,8 @@ protected:
     ManualClock clock;
     std::filesystem::path path;
     Collected out;
+    std::optional<bool> keepToClock;
+    DroppedAudio dropped;
 };
 
 TEST_F(MixerTest, MicrophoneAloneIsWrittenEveryTickAndDecodesBack) {
@@ -263,6 +267,85 @@ TEST_F(MixerTest, BlocksFromBothCaptureThreadsAreMixedOnceEachWhileTicksRun) {
         for (const auto& channel : block->channels) {
             for (float v : channel) ASSERT_FLOAT_EQ(v, 0.25f + 0.85f * 0.5f);
         }
+    }
+}
+
+// Ten seconds recorded against the virtual clock, 0.1 s per tick, a 1 kHz voice in one stream
+// from 6 s to 7 s; that stream lets a backlog go at once (a stale 300 Hz tone) or stalls and
+// catches up. The file must be as long as the recording and the voice where it was heard.
+struct BurstCase {
+    const char* name;
+    bool systemBursts;      // else the microphone
+    bool systemEnabled;
+    double at;              // when the burst arrives (seconds since open)
+    double backlog;         // seconds of stale audio let go with the block due then
+    double stalledFor;      // instead: seconds without blocks before `at`, then all of them at once
+    double expectDropped;   // seconds
+};
+
+TEST_F(MixerTest, StreamsDeliveringFasterThanRealTimeKeepTheFileToTheClock) {
+    const BurstCase cases[] = {
+        {"microphone backlog at open", false, true, 0.1, 30, 0, 30},
+        {"microphone backlog mid-recording", false, true, 3.0, 5, 0, 5},
+        {"system backlog at open", true, true, 0.1, 30, 0, 30},
+        {"system backlog mid-recording", true, true, 3.0, 5, 0, 5},
+        {"microphone alone backlog mid-recording", false, false, 3.0, 5, 0, 5},
+        {"microphone alone stalls and catches up", false, false, 5.0, 0, 2.0, 0},
+    };
+    keepToClock = true;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        path = home.tmp() / (std::string("burst_") + std::to_string(&c - cases) + ".aac");
+        dropped.reset();
+        auto mixer = make();
+        mixer->open();
+        mixer->setSystemEnabled(c.systemEnabled);
+        const double micRate = 48000;
+        // One stream's block for [from, to): the voice where it belongs, silence elsewhere.
+        auto block = [](double rate, int channels, double from, double to, bool voiced, double stale) {
+            const auto staleFrames = std::size_t(stale * rate);
+            const auto begin = std::size_t(std::lround(from * rate)), end = std::size_t(std::lround(to * rate));
+            auto b = PcmBuffer::make(rate, channels, staleFrames + end - begin);
+            for (auto& plane : b->channels) {
+                for (std::size_t i = 0; i < staleFrames; ++i) plane[i] = 0.5f * float(std::sin(2 * M_PI * 300 * double(i) / rate));
+                for (std::size_t i = begin; i < end; ++i) {
+                    const double t = double(i) / rate;
+                    if (voiced && t >= 6.0 && t < 7.0) plane[staleFrames + i - begin] = 0.5f * float(std::sin(2 * M_PI * 1000 * t));
+                }
+            }
+            return b;
+        };
+        double deliveredUntil = 0;
+        for (int step = 1; step <= 100; ++step) {
+            const double now = step * 0.1;
+            clock.advance(0.1);
+            const bool burstNow = std::abs(now - c.at) < 1e-6;
+            const bool stalled = c.stalledFor > 0 && now > c.at - c.stalledFor + 1e-6 && now < c.at - 1e-6;
+            const double from = deliveredUntil;
+            if (!stalled) deliveredUntil = now;
+            const double stale = burstNow ? c.backlog : 0;
+            if (c.systemBursts) {
+                mixer->appendMicrophone(block(micRate, 1, now - 0.1, now, false, 0));
+                if (!stalled) mixer->appendSystem(block(kRate, 2, from, now, true, stale));
+            } else {
+                if (!stalled) mixer->appendMicrophone(block(micRate, 1, from, now, true, stale));
+                mixer->appendSystem(block(kRate, 2, now - 0.1, now, false, 0));
+            }
+            mixer->tick();
+        }
+        mixer->finish();
+
+        auto decoded = decodeAudioFile(path);
+        ASSERT_TRUE(decoded.ok) << decoded.error;
+        EXPECT_NEAR(decoded.seconds(), 10.0, 0.2);
+        const auto& left = decoded.samples[0];
+        EXPECT_GT(test::rmsOf(left, frames(6.1), frames(0.8)), 0.2) << "the voice is where it was heard";
+        EXPECT_LT(test::rmsOf(left, 0, frames(5.9)), 0.02) << "nothing stale, the voice not early";
+        EXPECT_LT(test::rmsOf(left, frames(7.1)), 0.02) << "the voice not late";
+        const double micDropped = dropped.microphoneSeconds, systemDropped = dropped.systemSeconds;
+        EXPECT_NEAR(c.systemBursts ? systemDropped : micDropped, c.expectDropped, 0.15);
+        EXPECT_EQ(c.systemBursts ? micDropped : systemDropped, 0.0);
+        out.mixed.clear();
     }
 }
 
