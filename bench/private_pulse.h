@@ -1,8 +1,7 @@
 #pragma once
-// A private PulseAudio for the recording benchmarks: a "speakers" null sink and a "fakemic"
-// pipe source fed a voice-like signal in real time, in the runtime folder the benchmark made.
-// The pipe source creates its FIFO itself and refuses one that exists: a benchmark that
-// made it first ran without a microphone and measured the monitor's silence.
+// A private PulseAudio for the recording benchmarks, with the devices every private server of
+// the project has (scripts/fake-microphone.pa): "speakers" and a timer-driven "fakemic" fed
+// a voice-like signal, in the runtime folder the benchmark made.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -44,17 +43,13 @@ public:
         setenv("PULSE_SERVER", ("unix:" + (runtime / "pulse" / "native").string()).c_str(), 1);
         // The microphone is a timer-driven source, as a sound card is under the server's
         // timer scheduling: it wakes as often as the most demanding reader asked for (a pipe
-        // source would instead wake every reader at the feeder's own pace). A null sink
-        // clocks the audio played into it; "fakemic" remaps its monitor into an ordinary source.
+        // source would instead wake every reader at the feeder's own pace).
         if (sh("pulseaudio --daemonize=yes -n --exit-idle-time=-1 --disallow-exit --load=module-native-protocol-unix "
-               "--load='module-null-sink sink_name=speakers' "
-               "--load='module-null-sink sink_name=micfeed rate=16000 channels=1 channel_map=mono' "
-               "--load='module-remap-source source_name=fakemic master=micfeed.monitor rate=16000 channels=1 channel_map=mono' "
-               "2>/dev/null") != 0) {
+               "--file=" VELL_SOURCE_DIR "/scripts/fake-microphone.pa 2>/dev/null") != 0) {
             std::fprintf(stderr, "%s: cannot start pulseaudio\n", who);
             return false;
         }
-        if (sh("pactl set-default-source fakemic >/dev/null 2>&1 && pactl set-default-sink speakers >/dev/null 2>&1") != 0) {
+        if (sh("pactl list short sources 2>/dev/null | grep -q fakemic") != 0) {
             std::fprintf(stderr, "%s: the sound server has no fake microphone\n", who);
             stop();
             return false;
