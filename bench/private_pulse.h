@@ -1,7 +1,7 @@
 #pragma once
-// A private PulseAudio for the recording benchmarks, with the devices every private server of
-// the project has (scripts/fake-microphone.pa): "speakers" and a timer-driven "fakemic" fed
-// a voice-like signal, in the runtime folder the benchmark made.
+// A private PulseAudio for the recording benchmarks, with the devices scripts/private-sound
+// gives too (scripts/fake-microphone.pa): "speakers" and a timer-driven "fakemic" fed a
+// voice-like signal, in the runtime folder the benchmark made.
 #include <fcntl.h>
 #include <unistd.h>
 
