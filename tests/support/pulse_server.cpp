@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -236,7 +237,12 @@ void PulseServer::feed() {
     while (!stopFeeding_) {
         {
             std::lock_guard lock(mutex_);
-            if (micPlugged_ && fifo_ >= 0) {
+            // The pipe source reads only while somebody records; a FIFO left filling meanwhile
+            // would hand the next recorder seconds of backlog at once, so the feeder, like a
+            // sound card, lets no more than two blocks wait.
+            int waiting = 0;
+            if (micPlugged_ && fifo_ >= 0 && ::ioctl(fifo_, FIONREAD, &waiting) == 0 &&
+                waiting < 2 * kBlock * int(sizeof(int16_t))) {
                 size_t n = std::min<size_t>(kBlock, queued_.size());
                 std::copy_n(queued_.begin(), n, block.begin());
                 std::fill(block.begin() + static_cast<long>(n), block.end(), 0);

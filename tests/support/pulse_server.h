@@ -14,7 +14,8 @@
 //     "speakers.monitor" is what the system-audio tap records.
 //   - source "fakemic" (module-pipe-source, 16 kHz mono s16le): the default source. A
 //     feeder thread writes to its FIFO in real time: queued samples first, silence (exact
-//     zeros) otherwise, so the source never stalls and its timing looks like a real device.
+//     zeros) otherwise, so the source never stalls and its timing looks like a real device;
+//     it lets no more than 20 ms wait in the FIFO, so a recorder never gets a backlog.
 //
 // While the object lives, PULSE_SERVER and XDG_RUNTIME_DIR point at the private server (so
 // libpulse, pactl, paplay and the ALSA pulse plugin of this process and its children talk
