@@ -69,7 +69,9 @@ nlohmann::ordered_json toJson(bool hostRunning, const dbus::HostStatus& s, const
     return {{"activeCallers", callers}, {"echoCancellation", echoJson},{"host", hostRunning},       {"phase", s.phase},         {"userEmail", s.userEmail},
             {"userID", s.userID},        {"recording", s.recording}, {"recordingID", s.recordingID},
             {"elapsed", s.elapsed},      {"microphoneLevel", s.microphoneLevel},
-            {"systemLevel", s.systemLevel}, {"lastError", s.lastError}, {"microphoneFellBack", microphoneFellBack},
+            {"systemLevel", s.systemLevel},
+            {"droppedSeconds", {{"microphone", s.microphoneDropped}, {"system", s.systemDropped}}},
+            {"lastError", s.lastError}, {"microphoneFellBack", microphoneFellBack},
             {"meetingTitle", s.meetingTitle.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(s.meetingTitle)}};
 }
 

@@ -57,6 +57,8 @@ ControlClient::Result<HostStatus> ControlClient::status() const {
         s.elapsed = get("Elapsed").get<double>();
         s.microphoneLevel = get("MicrophoneLevel").get<double>();
         s.systemLevel = get("SystemLevel").get<double>();
+        s.microphoneDropped = get("MicrophoneDropped").get<double>();
+        s.systemDropped = get("SystemDropped").get<double>();
         s.lastError = get("LastError").get<std::string>();
         s.meetingTitle = get("MeetingTitle").get<std::string>();
         return s;

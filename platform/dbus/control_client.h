@@ -26,6 +26,8 @@ struct HostStatus {
     std::string meetingTitle;  // the calendar meeting the recording was started for
     bool recording = false;
     double elapsed = 0, microphoneLevel = 0, systemLevel = 0;
+    // Seconds of audio the recording dropped because the stream came faster than real time.
+    double microphoneDropped = 0, systemDropped = 0;
 };
 
 class ControlClient {

@@ -6,8 +6,9 @@
 // Properties (PropertiesChanged is emitted on every change):
 //   Phase s ("launching", "signedOut", "mfaRequired", "signedIn"), UserEmail s, UserID s,
 //   Recording b, RecordingID s, Elapsed d (seconds), MicrophoneLevel d, SystemLevel d
-//   (peak since the last tick, 0...1), LastError s, MeetingTitle s (the calendar meeting the
-//   recording was started for, empty when none)
+//   (peak since the last tick, 0...1), MicrophoneDropped d, SystemDropped d (seconds of audio
+//   the last recording dropped because the stream came faster than real time), LastError s,
+//   MeetingTitle s (the calendar meeting the recording was started for, empty when none)
 // Signals: PendingChanged ()
 // Methods (errors carry the user-facing sentence in the interface language):
 //   Pending () -> s                 the pending list, JSON as stored in manifest.json

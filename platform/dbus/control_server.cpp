@@ -10,6 +10,7 @@
 #include "app/app_messages.h"
 #include "app/input_levels.h"
 #include "audio/capture_messages.h"
+#include "audio/dropped_audio.h"
 #include "audio/microphone_settings.h"
 #include "base/log.h"
 #include "base/runtime.h"
@@ -140,7 +141,7 @@ void ControlServer::Impl::watchHost() {
             s.elapsed = elapsed;
             s.microphoneLevel = levels.microphone.exchange(0);
             s.systemLevel = levels.system.exchange(0);
-        }, {"Elapsed", "MicrophoneLevel", "SystemLevel"});
+        }, {"Elapsed", "MicrophoneLevel", "SystemLevel", "MicrophoneDropped", "SystemDropped"});
     }));
     watches.push_back(recorder.state.calendarMeetingTitle.subscribe([this](const std::optional<std::string>& title) {
         update([&](Snapshot& s) { s.meetingTitle = title.value_or(""); }, {"MeetingTitle"});
@@ -186,6 +187,13 @@ void ControlServer::Impl::registerInterface() {
         return read([](auto& s) { return s.microphoneLevel; });
     });
     object->registerProperty("SystemLevel").onInterface(I).withGetter([this] { return read([](auto& s) { return s.systemLevel; }); });
+    // Read as they are: the mixer's last drops come when the recording ends, after the last tick.
+    object->registerProperty("MicrophoneDropped").onInterface(I).withGetter([] {
+        return audio::DroppedAudio::shared().microphoneSeconds.load();
+    });
+    object->registerProperty("SystemDropped").onInterface(I).withGetter([] {
+        return audio::DroppedAudio::shared().systemSeconds.load();
+    });
     object->registerProperty("LastError").onInterface(I).withGetter([this] { return read([](auto& s) { return s.lastError; }); });
     object->registerProperty("MeetingTitle").onInterface(I).withGetter([this] {
         return read([](auto& s) { return s.meetingTitle; });
