@@ -133,7 +133,7 @@ void RecorderService::loadAndRecover() {
         }
         std::error_code ec;
         const auto extent = media::trimAdtsFile(it->fileURL, ec);
-        if (!ec && !hasDecodableAudio(extent)) {
+        if (!ec && extent.startsWithSync && !hasDecodableAudio(extent)) {
             kLog.info("dropped interrupted recording " + it->id + ": no decodable audio was saved");
             fs::remove(it->fileURL, ec);
             it = list_.erase(it);

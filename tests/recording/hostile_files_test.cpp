@@ -6,7 +6,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <fstream>
+#include <functional>
 
 #include "base/files.h"
 #include "base/log.h"
@@ -28,7 +30,7 @@ using insurance::testing::adtsFrames;
 using insurance::testing::writeFile;
 
 class HostileFiles : public ::testing::Test {
-protected:
+public:
     HostileFiles() : exec(clock) {
         runtime::install(&exec, &clock);
         log::setSink([this](log::Level, const std::string&, const std::string& line) {
@@ -152,6 +154,23 @@ INSTANTIATE_TEST_SUITE_P(Cases, HostileList, ::testing::ValuesIn(kListCases), []
     return name;
 });
 
+// A recording discarded before the list was lost or replaced by `list`: it comes back
+// discarded at its own time, never for upload.
+Case discardedBehind(const char* name, std::string list) {
+    return {name,
+            [list](HostileFiles& t) {
+                writeFile(t.recording("GONE"), adtsFrames(5));
+                ASSERT_TRUE(markDiscarded(t.recording("GONE"), fromSecondsSinceReferenceDate(200)));
+                writeFile(t.manifest(), list);
+            },
+            [](HostileFiles& t, auto& list) {
+                auto r = t.find(list, "GONE");
+                ASSERT_TRUE(r);
+                EXPECT_EQ(r->status, Status::discarded);
+                EXPECT_EQ(r->discardedAt, fromSecondsSinceReferenceDate(200));
+            }};
+}
+
 // What lies in the folder, or what the list names, is hostile: it never enters the list
 // (so nothing reads, uploads or deletes it) and the file it points to stays as it was.
 const Case kFolderCases[] = {
@@ -204,27 +223,8 @@ const Case kFolderCases[] = {
          EXPECT_FALSE(fs::exists(t.recording("ONE")));
          EXPECT_TRUE(t.logged("no decodable audio"));
      }},
-    {"discarded recording, the list lost", [](HostileFiles& t) {
-         writeFile(t.recording("GONE"), adtsFrames(5));
-         ASSERT_TRUE(markDiscarded(t.recording("GONE"), fromSecondsSinceReferenceDate(200)));
-         writeFile(t.manifest(), "");
-     },
-     [](HostileFiles& t, auto& list) {
-         auto r = t.find(list, "GONE");
-         ASSERT_TRUE(r);
-         EXPECT_EQ(r->status, Status::discarded);
-         EXPECT_EQ(r->discardedAt, fromSecondsSinceReferenceDate(200));
-     }},
-    {"discarded recording, the list one entry of the wrong type", [](HostileFiles& t) {
-         writeFile(t.recording("GONE"), adtsFrames(5));
-         ASSERT_TRUE(markDiscarded(t.recording("GONE"), fromSecondsSinceReferenceDate(200)));
-         writeFile(t.manifest(), "[42]");
-     },
-     [](HostileFiles& t, auto& list) {
-         auto r = t.find(list, "GONE");
-         ASSERT_TRUE(r);
-         EXPECT_EQ(r->status, Status::discarded);
-     }},
+    discardedBehind("discarded recording, the list lost", ""),
+    discardedBehind("discarded recording, the list one entry of the wrong type", "[42]"),
 };
 
 class HostileFolder : public HostileFiles, public ::testing::WithParamInterface<Case> {};
