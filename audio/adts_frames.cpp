@@ -134,41 +134,52 @@ AdtsExtent repair(int fd, AdtsExtent extent, std::error_code& error) {
     std::uint64_t read = 0;   // where the walk stands
     std::uint64_t write = 0;  // where the next good frame goes
     std::vector<std::uint8_t> buffer(1 << 16);
-    while (!error && read + kHeaderSize <= extent.fileBytes) {
-        if (std::size_t length = chainedFrameAt(fd, read, extent.fileBytes, first, error)) {
-            if (!first) {
-                if (!readAt(fd, firstBytes, kHeaderSize, read, error)) break;
-                first = firstBytes;
-                extent.sampleRate = sampleRateOf(firstBytes);
-            }
-            if (write != read) {
-                std::vector<std::uint8_t> frame(length);
-                if (!readAt(fd, frame.data(), length, read, error) || !writeAt(fd, frame.data(), length, write, error)) break;
-            }
-            read += length;
-            write += length;
-            ++extent.frames;
-            continue;
-        }
-        // Damaged: look for the next sync word that starts a chain of frames.
-        std::uint64_t from = read + 1;
-        read = extent.fileBytes;
+    // Where the next chain of frames starts after `from`; the end of the file without one.
+    auto nextChain = [&](std::uint64_t from) {
         while (!error && from + kHeaderSize <= extent.fileBytes) {
             const std::size_t piece = std::min<std::uint64_t>(buffer.size(), extent.fileBytes - from);
             if (!readAt(fd, buffer.data(), piece, from, error)) break;
-            std::size_t i = 0;
-            for (; i + 1 < piece; ++i) {
+            for (std::size_t i = 0; i + 1 < piece; ++i) {
                 if (buffer[i] == 0xFF && (buffer[i + 1] & 0xF6) == 0xF0 &&
                     chainedFrameAt(fd, from + i, extent.fileBytes, first, error) != 0) {
-                    break;
+                    return from + i;
                 }
-            }
-            if (i + 1 < piece) {
-                read = from + i;
-                break;
             }
             from += piece - 1;
         }
+        return extent.fileBytes;
+    };
+    while (!error && read + kHeaderSize <= extent.fileBytes) {
+        std::size_t length = chainedFrameAt(fd, read, extent.fileBytes, first, error);
+        std::uint64_t resync = 0;
+        if (length == 0) {
+            // The chain breaks here. A frame whose own header is sound is kept when no chain
+            // starts inside it (the damage is in the next header); otherwise its length is
+            // what is damaged, and the bytes up to the next chain go.
+            std::uint8_t header[kHeaderSize];
+            resync = nextChain(read + 1);
+            if (readAt(fd, header, kHeaderSize, read, error)) {
+                const std::size_t own = frameLength(header);
+                const bool sound = own != 0 && (!first || sameStream(first, header)) && read + own <= extent.fileBytes;
+                if (sound && read + own <= resync) length = own;
+            }
+        }
+        if (length == 0) {
+            read = resync;
+            continue;
+        }
+        if (!first) {
+            if (!readAt(fd, firstBytes, kHeaderSize, read, error)) break;
+            first = firstBytes;
+            extent.sampleRate = sampleRateOf(firstBytes);
+        }
+        if (write != read) {
+            std::vector<std::uint8_t> frame(length);
+            if (!readAt(fd, frame.data(), length, read, error) || !writeAt(fd, frame.data(), length, write, error)) break;
+        }
+        read += length;
+        write += length;
+        ++extent.frames;
     }
     if (error) return extent;
     if (::ftruncate(fd, static_cast<off_t>(write)) != 0) {

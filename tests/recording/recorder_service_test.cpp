@@ -349,7 +349,7 @@ TEST_F(RecorderTest, RecoveryCutsAHalfWrittenLastFrameAndDropsRecordingsWithoutA
     EXPECT_EQ(list[0].status, Status::ready);
     EXPECT_EQ(list[1].id, "ORPHAN");
     EXPECT_EQ(fs::file_size(dir() / "vell_rec_CUT.aac"), 16u);
-    EXPECT_EQ(fs::file_size(dir() / "vell_rec_ORPHAN.aac"), 8u);
+    EXPECT_EQ(fs::file_size(dir() / "vell_rec_ORPHAN.aac"), 16u);
     EXPECT_FALSE(fs::exists(dir() / "vell_rec_EMPTY.aac"));
     EXPECT_EQ(onDisk(), list);
 }
