@@ -24,8 +24,11 @@ std::size_t wholeAdtsBytes(const std::uint8_t* data, std::size_t size);
 
 // Reads the file's headers; error set when it cannot be read.
 AdtsExtent measureAdtsFile(const std::filesystem::path& path, std::error_code& error);
-// Cuts the file after its last whole frame when anything follows it; returns what is left.
-// A file that does not begin with an ADTS sync word is not ours to cut and is left alone.
+// Repairs what a crash, a full disk or a damaged sector left: drops the bytes of damaged
+// frames, keeping every good frame after them (found again by their sync word and a chain
+// of frames), and cuts the file after its last whole frame; returns what is left. A file
+// that does not begin with an ADTS sync word is not ours to cut and is left alone, and
+// only regular files are touched.
 AdtsExtent trimAdtsFile(const std::filesystem::path& path, std::error_code& error);
 
 }  // namespace vell::media

@@ -1,10 +1,12 @@
 #include "base/files.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cctype>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <random>
 
@@ -67,14 +69,51 @@ bool writeAtomically(const fs::path& path, std::string_view data, std::error_cod
     return true;
 }
 
-std::optional<std::string> read(const fs::path& path, std::error_code& error) {
+const std::error_category& fileErrorCategory() {
+    struct Category final : std::error_category {
+        const char* name() const noexcept override { return "vell.files"; }
+        std::string message(int code) const override {
+            switch (static_cast<FileError>(code)) {
+                case FileError::notRegular: return "not a regular file";
+                case FileError::tooLarge: return "larger than any such file Vell writes";
+            }
+            return "file error";
+        }
+    };
+    static const Category category;
+    return category;
+}
+
+std::error_code make_error_code(FileError e) { return {static_cast<int>(e), fileErrorCategory()}; }
+
+int openRegular(const fs::path& path, int flags, bool followLinks, std::error_code& error) {
     error.clear();
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    const int fd = ::open(path.c_str(), flags | O_NONBLOCK | O_CLOEXEC | (followLinks ? 0 : O_NOFOLLOW));
     if (fd < 0) {
-        error = lastError();
+        error = errno == ELOOP && !followLinks ? make_error_code(FileError::notRegular) : lastError();
+        return -1;
+    }
+    struct stat st {};
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        error = S_ISDIR(st.st_mode) ? std::make_error_code(std::errc::is_a_directory) : make_error_code(FileError::notRegular);
+        ::close(fd);
+        return -1;
+    }
+    ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+    return fd;
+}
+
+std::optional<std::string> read(const fs::path& path, std::error_code& error, std::size_t maxBytes, bool followLinks) {
+    const int fd = openRegular(path, O_RDONLY, followLinks, error);
+    if (fd < 0) return std::nullopt;
+    struct stat st {};
+    if (::fstat(fd, &st) == 0 && static_cast<std::uint64_t>(st.st_size) > maxBytes) {
+        ::close(fd);
+        error = make_error_code(FileError::tooLarge);
         return std::nullopt;
     }
     std::string out;
+    out.reserve(static_cast<std::size_t>(st.st_size));
     char buffer[65536];
     for (;;) {
         ssize_t n = ::read(fd, buffer, sizeof buffer);
@@ -85,6 +124,12 @@ std::optional<std::string> read(const fs::path& path, std::error_code& error) {
             return std::nullopt;
         }
         if (n == 0) break;
+        // A file still growing is held to the same limit.
+        if (out.size() + static_cast<std::size_t>(n) > maxBytes) {
+            ::close(fd);
+            error = make_error_code(FileError::tooLarge);
+            return std::nullopt;
+        }
         out.append(buffer, static_cast<size_t>(n));
     }
     ::close(fd);

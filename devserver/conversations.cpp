@@ -120,7 +120,7 @@ Conversations::~Conversations() { stopWorker(); }
 
 bool Conversations::load(std::error_code& error) {
     std::error_code readError;
-    auto text = files::read(file_, readError);
+    auto text = files::read(file_, readError, files::kNoLimit);
     std::lock_guard lock(mutex_);
     if (text) {
         try {
@@ -287,7 +287,7 @@ void Conversations::analyseChunk(const std::string& sessionId, int index) {
     }
     if (path.empty()) return;
     std::error_code error;
-    auto bytes = files::read(path, error);
+    auto bytes = files::read(path, error, files::kNoLimit);
     std::vector<int16_t> samples;
     auto words = bytes ? recognise(*bytes, samples, startMs) : std::vector<TimedWord>{};
     std::lock_guard lock(mutex_);
@@ -397,7 +397,7 @@ void Conversations::processRecording(const std::string& recordingId) {
         failure = "not_found";
     } else {
         std::error_code error;
-        auto bytes = files::read(recording->path, error);
+        auto bytes = files::read(recording->path, error, files::kNoLimit);
         if (!bytes) {
             failure = "storage_failed";
         } else {

@@ -14,7 +14,7 @@ bool Store::load(std::error_code& error) {
         if (error) return false;
     }
     std::error_code readError;
-    auto text = files::read(dataDir_ / "state.json", readError);
+    auto text = files::read(dataDir_ / "state.json", readError, files::kNoLimit);
     if (!text) {
         if (readError == std::errc::no_such_file_or_directory) return true;
         error = readError;

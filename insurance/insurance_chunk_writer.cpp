@@ -2,6 +2,7 @@
 
 #include <cmath>
 
+#include "audio/adts_frames.h"
 #include "base/log.h"
 #include "base/runtime.h"
 
@@ -9,6 +10,8 @@ namespace vell::insurance {
 
 namespace {
 const log::Logger kLog("InsuranceChunkWriter");
+// After a failed write a new chunk is tried this often, not for every buffer.
+constexpr auto kRetryAfterFailure = std::chrono::seconds(5);
 }
 
 double firstChannelRMS(const audio::PcmBuffer& buffer) {
@@ -52,6 +55,18 @@ void InsuranceChunkWriter::clearLastBufferAt() {
     lastBufferAt_.reset();
 }
 
+std::optional<std::string> InsuranceChunkWriter::writeFailure() const {
+    std::lock_guard lock(stateLock_);
+    return writeFailure_;
+}
+
+void InsuranceChunkWriter::setWriteFailure(std::optional<std::string> failure) {
+    std::lock_guard lock(stateLock_);
+    if (!failure && writeFailure_) kLog.info("insurance chunks are written again");
+    writeFailure_ = std::move(failure);
+    failedAt_ = writeFailure_ ? std::optional<WallTime>(runtime::clock().now()) : std::nullopt;
+}
+
 std::optional<int> InsuranceChunkWriter::encoderIndex() {
     return queue_.syncResult([this] { return encoderIndex_; });
 }
@@ -74,9 +89,11 @@ void InsuranceChunkWriter::write(const audio::PcmBuffer& buffer) {
     const float* plane = converted->data();
     if (auto ok = file->write(&plane, 1, converted->size(), rate); !ok) {
         kLog.error("insurance chunk write failed: " + ok.error());
-        abandon();
+        keepWritten();
+        setWriteFailure(ok.error());
         return;
     }
+    if (writeFailure()) setWriteFailure(std::nullopt);
     chunkFrames_ += static_cast<std::int64_t>(converted->size());
     ++buffers_;
     double sum = 0;
@@ -114,6 +131,10 @@ void InsuranceChunkWriter::rollOver() {
 media::AacWriter* InsuranceChunkWriter::openFile() {
     if (file_) return file_.get();
     const WallTime start = runtime::clock().now();
+    {
+        std::lock_guard lock(stateLock_);
+        if (failedAt_ && start - *failedAt_ < kRetryAfterFailure) return nullptr;
+    }
     const auto url = store_.openChunkURL(start);
     std::vector<int> candidates;
     if (encoderIndex_) candidates.push_back(*encoderIndex_);
@@ -135,6 +156,11 @@ media::AacWriter* InsuranceChunkWriter::openFile() {
         kLog.debug("insurance encoder row " + std::to_string(index) + " failed: " + opened.error());
         std::error_code ec;
         std::filesystem::remove(url, ec);
+        // A full disk refuses every row alike; the row stays known for when space returns.
+        if (writeFailure()) {
+            setWriteFailure(opened.error());
+            return nullptr;
+        }
     }
     encoderIndex_.reset();
     return nullptr;
@@ -181,15 +207,22 @@ void InsuranceChunkWriter::sealOnQueue() {
     if (onChunkSealed) runtime::main().post(onChunkSealed);
 }
 
-void InsuranceChunkWriter::abandon() {
+void InsuranceChunkWriter::keepWritten() {
     file_.reset();
     std::optional<std::filesystem::path> url = std::move(fileURL_);
     fileURL_.reset();
     setActive(std::nullopt);
-    if (url) {
-        std::error_code ec;
-        std::filesystem::remove(*url, ec);
+    if (!url) return;
+    // A full disk stops the chunk mid-frame: what reached the disk before is buffered
+    // audio like any other, cut after its last whole frame and sealed.
+    std::error_code ec;
+    const auto extent = media::trimAdtsFile(*url, ec);
+    if (!ec && extent.frames > 0 && store_.seal(*url, runtime::clock().now(), activityPercent(voicedBuffers_, buffers_))) {
+        kLog.info("kept " + std::to_string(extent.seconds()) + " s written before the failure");
+        if (onChunkSealed) runtime::main().post(onChunkSealed);
+        return;
     }
+    std::filesystem::remove(*url, ec);
 }
 
 }  // namespace vell::insurance

@@ -60,6 +60,8 @@ public:
     std::optional<std::filesystem::path> activeURL() const;
     std::optional<WallTime> lastBufferAt() const;
     void clearLastBufferAt();
+    // Why audio is not being saved (a full disk), until a write succeeds again; from anywhere.
+    std::optional<std::string> writeFailure() const;
     // The table row that last opened a chunk (read on the writer's queue).
     std::optional<int> encoderIndex();
 
@@ -74,7 +76,8 @@ private:
     void write(const audio::PcmBuffer& buffer);
     void sealOnQueue();
     void rollOver();
-    void abandon();
+    void keepWritten();
+    void setWriteFailure(std::optional<std::string> failure);
     void setActive(std::optional<std::filesystem::path> url);
 
     InsuranceBufferStore& store_;
@@ -92,6 +95,8 @@ private:
     mutable std::mutex stateLock_;
     std::optional<std::filesystem::path> activeURL_;
     std::optional<WallTime> lastBufferAt_;
+    std::optional<std::string> writeFailure_;
+    std::optional<WallTime> failedAt_;
 
     // Last: destroyed first, after running what was posted, while the state above lives.
     SerialQueue queue_{queues::kInsurance};

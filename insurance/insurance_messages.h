@@ -9,6 +9,11 @@ inline constexpr Text kNeedsPermission{"Insurance mode needs microphone permissi
 // Followed by the error's description.
 inline constexpr Text kCouldNotOpen{"Insurance mode could not open the microphone: ",
                                     "El modo respaldo no pudo abrir el micrófono: "};
+// Followed by the system's reason (a full disk).
+inline constexpr Text kNotSaving{"Insurance mode cannot save audio right now; what was buffered before is kept "
+                                 "and buffering resumes when there is space again. ",
+                                 "El modo respaldo no puede guardar audio ahora; lo grabado antes se conserva "
+                                 "y seguirá grabando cuando vuelva a haber espacio. "};
 
 // Recovering speech from the buffer.
 inline constexpr Text kSignInToTranscribe{"Sign in to transcribe.", "Iniciá sesión para transcribir."};

@@ -2,6 +2,7 @@
 
 #include "base/preference_keys.h"
 #include "base/user_defaults.h"
+#include "insurance/insurance_messages.h"
 #include "insurance/insurance_recorder.h"
 
 namespace vell::insurance {
@@ -27,6 +28,9 @@ InsuranceStatus statusOf(InsuranceRecorder& recorder) {
     s.windowMinutes = recorder.windowMinutes.get();
     if (s.listening) s.device = recorder.listeningDeviceName.get();
     s.lastError = recorder.lastError.get();
+    if (auto failure = recorder.writer().writeFailure(); failure && !s.lastError) {
+        s.lastError = messages::kNotSaving.str() + "(" + *failure + ")";
+    }
     addBuffer(s, recorder.store());
     return s;
 }

@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <stdio.h>
 #include <unistd.h>
 
@@ -10,10 +11,11 @@
 
 #include <chrono>
 #include <map>
-#include <unordered_set>
+#include <unordered_map>
 
 #include "base/files.h"
 #include "base/log.h"
+#include "base/utf8.h"
 #include "recording/pending_recording_coding.h"
 
 namespace vell::recording {
@@ -50,9 +52,14 @@ PendingListFile::PendingListFile(fs::path directory) : directory_(std::move(dire
 
 std::optional<std::vector<PendingRecording>> PendingListFile::load() const {
     std::error_code error;
-    auto text = files::read(manifest(), error);
+    auto text = files::read(manifest(), error, kPendingListLimit, /*followLinks=*/false);
     if (!text) {
-        if (error != std::errc::no_such_file_or_directory) kLog.error("pending list unreadable: " + error.message());
+        if (error == std::errc::no_such_file_or_directory) return std::nullopt;
+        // Whatever stands in its place (a folder, a FIFO, a link, a huge file) is kept for
+        // inspection and the list starts afresh, so that recordings can still be saved.
+        const auto aside = moveAside(manifest());
+        kLog.error("pending list unreadable (" + error.message() + "); " +
+                   (aside ? "kept as " + aside->filename().string() : std::string("could not be moved aside")));
         return std::nullopt;
     }
     auto list = coding::decodeList(*text);
@@ -66,7 +73,7 @@ std::optional<std::vector<PendingRecording>> PendingListFile::load() const {
                    (list ? "; " + std::to_string(list->size()) + " readable entries recovered" : std::string()));
         if (!list) return std::nullopt;
     }
-    return keepingExistingFiles(std::move(*list));
+    return keepingExistingFiles(keepingOwnFiles(std::move(*list), directory_));
 }
 
 bool PendingListFile::save(const std::vector<PendingRecording>& list, std::error_code& error) const {
@@ -75,10 +82,31 @@ bool PendingListFile::save(const std::vector<PendingRecording>& list, std::error
     return files::writeAtomically(manifest(), coding::encodeList(list), error);
 }
 
+std::vector<PendingRecording> keepingOwnFiles(std::vector<PendingRecording> list, const fs::path& directory) {
+    const fs::path folder = (directory / "").lexically_normal().parent_path();
+    std::vector<PendingRecording> kept;
+    kept.reserve(list.size());
+    for (auto& r : list) {
+        const fs::path file = r.fileURL.lexically_normal();
+        const std::string name = file.filename().string();
+        if (file.parent_path() != folder || name.empty() || name == "." || name == "..") {
+            kLog.error("pending entry " + r.id + " names a file outside the recordings folder; left alone");
+        } else if (!text::isValidUtf8(name)) {
+            // Its name could not be shown or sent over the bus.
+            kLog.error("pending entry " + r.id + " names a file whose name is not UTF-8 text; left alone");
+        } else {
+            r.fileURL = file;
+            kept.push_back(std::move(r));
+        }
+    }
+    return kept;
+}
+
 std::vector<PendingRecording> keepingExistingFiles(std::vector<PendingRecording> list) {
     // The audio files normally all sit in one folder: one listing of it answers for every
-    // entry there, instead of one stat call per entry.
-    using Names = std::unordered_set<std::string_view>;
+    // entry there, instead of one stat call per entry. Only regular files count: a link,
+    // a FIFO or a folder under a recording's name is never read, uploaded or deleted.
+    using Names = std::unordered_map<std::string_view, bool>;  // name: is a regular file
     struct Listing {
         std::vector<std::string> storage;
         std::optional<Names> names;  // none when the folder cannot be listed
@@ -92,11 +120,20 @@ std::vector<PendingRecording> keepingExistingFiles(std::vector<PendingRecording>
         if (it == listings.end()) {
             it = listings.emplace(std::string(folder), Listing{}).first;
             if (DIR* dir = ::opendir(it->first.empty() ? "/" : it->first.c_str())) {
-                while (const dirent* entry = ::readdir(dir)) it->second.storage.emplace_back(entry->d_name);
+                std::vector<bool> regular;
+                while (const dirent* entry = ::readdir(dir)) {
+                    bool isRegular = entry->d_type == DT_REG;
+                    if (entry->d_type == DT_UNKNOWN) {
+                        struct stat st {};
+                        isRegular = ::fstatat(::dirfd(dir), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode);
+                    }
+                    it->second.storage.emplace_back(entry->d_name);
+                    regular.push_back(isRegular);
+                }
                 ::closedir(dir);
                 Names names;
                 names.reserve(it->second.storage.size());
-                for (const auto& name : it->second.storage) names.insert(name);
+                for (std::size_t i = 0; i < regular.size(); ++i) names.emplace(it->second.storage[i], regular[i]);
                 it->second.names = std::move(names);
             }
         }
@@ -113,9 +150,23 @@ std::vector<PendingRecording> keepingExistingFiles(std::vector<PendingRecording>
         std::string_view folder(path.data(), slash);
         std::string_view name(path.data() + slash + 1, path.size() - slash - 1);
         Listing& listing = listingOf(folder);
-        std::error_code ec;
-        bool exists = listing.names ? listing.names->count(name) > 0 : fs::exists(r.fileURL, ec);
-        if (exists) kept.push_back(std::move(r));
+        bool exists = false;
+        bool regular = false;
+        if (listing.names) {
+            auto found = listing.names->find(name);
+            exists = found != listing.names->end();
+            regular = exists && found->second;
+        } else {
+            std::error_code ec;
+            const auto status = fs::symlink_status(r.fileURL, ec);
+            exists = !ec && fs::exists(status);
+            regular = exists && fs::is_regular_file(status);
+        }
+        if (regular) {
+            kept.push_back(std::move(r));
+        } else if (exists) {
+            kLog.error("pending entry " + r.id + ": " + std::string(name) + " is not a regular file; left alone");
+        }
     }
     return kept;
 }

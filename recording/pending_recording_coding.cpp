@@ -233,7 +233,7 @@ private:
         }
     }
     bool enterSkipped() {
-        if (depth_ != 2) return false;
+        if (depth_ != 2 || skipDepth_ >= kMaxSkippedDepth) return false;
         ++skipDepth_;
         return true;
     }
@@ -242,12 +242,34 @@ private:
         return true;
     }
 
+    static constexpr int kMaxSkippedDepth = 32;
     int depth_ = 0;  // 0 outside, 1 in the array, 2 in an entry
     int skipDepth_ = 0;
     Key key_ = Key::unknown;
     unsigned seen_ = 0;
     PendingRecording current_;
 };
+constexpr int kMaxReadableDepth = 34;
+
+// Whether no array or object in the JSON text lies deeper than maxDepth (strings skipped).
+bool nestingWithin(std::string_view text, int maxDepth) {
+    int depth = 0;
+    bool inString = false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (inString) {
+            if (c == '\\') ++i;
+            else if (c == '"') inString = false;
+        } else if (c == '"') {
+            inString = true;
+        } else if (c == '[' || c == '{') {
+            if (++depth > maxDepth) return false;
+        } else if (c == ']' || c == '}') {
+            --depth;
+        }
+    }
+    return true;
+}
 }  // namespace
 
 nlohmann::ordered_json encode(const PendingRecording& r) {
@@ -282,6 +304,9 @@ std::optional<std::vector<PendingRecording>> decodeList(std::string_view text) {
 }
 
 std::optional<std::vector<PendingRecording>> decodeReadableEntries(std::string_view text) {
+    // A document nested deeper than any list we write is not read as one: building and
+    // writing back such a tree recurses once per level.
+    if (!nestingWithin(text, kMaxReadableDepth)) return std::nullopt;
     auto document = json::parse(text, nullptr, /*allow_exceptions=*/false);
     if (!document.is_array()) return std::nullopt;
     std::vector<PendingRecording> list;

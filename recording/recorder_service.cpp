@@ -38,7 +38,10 @@ bool isAdtsFile(const fs::path& file) {
     return ext == ".aac";
 }
 
-// Cuts a half-written last frame off the ADTS files of the folder that no entry names.
+// A decoder gives nothing for the first frame alone (it primes the decoder).
+bool hasDecodableAudio(const media::AdtsExtent& extent) { return extent.frames >= 2; }
+
+// Repairs the ADTS files of the folder that no entry names and drops those with no audio.
 void trimOrphanFiles(const fs::path& directory, const std::vector<PendingRecording>& list) {
     std::set<fs::path> named;
     for (const auto& r : list) named.insert(r.fileURL.lexically_normal());
@@ -46,9 +49,17 @@ void trimOrphanFiles(const fs::path& directory, const std::vector<PendingRecordi
     for (fs::directory_iterator it(directory, ec), end; !ec && it != end; it.increment(ec)) {
         const fs::path& path = it->path();
         if (path.filename().string().rfind(kRecordingFilePrefix, 0) != 0 || !isAdtsFile(path)) continue;
+        std::error_code typeError;
+        if (!it->is_regular_file(typeError) || it->is_symlink(typeError)) continue;
         if (named.count(path.lexically_normal())) continue;
         std::error_code trimError;
-        (void)media::trimAdtsFile(path, trimError);
+        const auto extent = media::trimAdtsFile(path, trimError);
+        if (trimError || !extent.startsWithSync || hasDecodableAudio(extent)) continue;
+        // Cut off before its first frames were out (or its frames were all damaged): no
+        // decoder reads anything from it, so uploading it would only fail on the service.
+        kLog.info("dropped " + path.filename().string() + ": no decodable audio");
+        fs::remove(path, trimError);
+        clearDiscardMark(path);
     }
 }
 }  // namespace
@@ -122,8 +133,8 @@ void RecorderService::loadAndRecover() {
         }
         std::error_code ec;
         const auto extent = media::trimAdtsFile(it->fileURL, ec);
-        if (!ec && extent.fileBytes == 0) {
-            kLog.info("dropped interrupted recording " + it->id + ": no audio was saved");
+        if (!ec && extent.startsWithSync && !hasDecodableAudio(extent)) {
+            kLog.info("dropped interrupted recording " + it->id + ": no decodable audio was saved");
             fs::remove(it->fileURL, ec);
             it = list_.erase(it);
             changed = true;
@@ -166,12 +177,21 @@ bool RecorderService::commitList() {
 bool RecorderService::update(const std::string& id, const std::function<void(PendingRecording&)>& change) {
     auto it = std::find_if(list_.begin(), list_.end(), [&](const PendingRecording& r) { return r.id == id; });
     if (it == list_.end()) return false;
+    const bool wasDiscarded = it->status == Status::discarded;
     change(*it);
+    // The mark beside the file outlives a lost or damaged list: the recovery scan must
+    // never bring a discarded recording back as one to upload.
+    const bool isDiscarded = it->status == Status::discarded;
+    if (isDiscarded && !wasDiscarded) markDiscarded(it->fileURL, it->discardedAt.value_or(runtime::clock().now()));
+    if (wasDiscarded && !isDiscarded) clearDiscardMark(it->fileURL);
     commitList();
     return true;
 }
 
 void RecorderService::add(PendingRecording recording) {
+    if (recording.status == Status::discarded) {
+        markDiscarded(recording.fileURL, recording.discardedAt.value_or(runtime::clock().now()));
+    }
     list_.push_back(std::move(recording));
     commitList();
 }
@@ -179,6 +199,7 @@ void RecorderService::add(PendingRecording recording) {
 bool RecorderService::remove(const std::string& id) {
     auto it = std::find_if(list_.begin(), list_.end(), [&](const PendingRecording& r) { return r.id == id; });
     if (it == list_.end()) return false;
+    if (it->status == Status::discarded) clearDiscardMark(it->fileURL);
     list_.erase(it);
     commitList();
     return true;
@@ -595,6 +616,11 @@ void RecorderService::stop(bool userInitiated, bool discard) {
             r.finishedAt = now;
             r.discardedAt = discard ? std::optional<WallTime>(now) : std::nullopt;
         });
+        if (saveFailure_) {
+            // The audio is safe and the next start settles the entry, but the user hears of it.
+            kLog.error("recording " + id + " stopped; the pending list could not be saved: " + *saveFailure_);
+            state.lastError.set(messages::kListNotSaved.str() + *saveFailure_);
+        }
     }
     kLog.info("recording " + id + (discard ? " discarded" : " stopped") + " after " + std::to_string(duration) + " s");
     currentID_.reset();

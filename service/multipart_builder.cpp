@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <vector>
 
+#include "base/files.h"
 #include "base/paths.h"
 #include "base/uuid.h"
 
@@ -54,8 +55,9 @@ std::error_code MultipartBuilder::addFile(const std::string& name, const std::st
                        "\"; filename=\"" + fileName + "\"" + std::string(kCRLF) + "Content-Type: " + mimeType +
                        std::string(kCRLF) + std::string(kCRLF);
     if (auto e = put(head)) return e;
-    int in = ::open(source.c_str(), O_RDONLY | O_CLOEXEC);
-    if (in < 0) return lastError();
+    std::error_code openError;
+    int in = files::openRegular(source, O_RDONLY, /*followLinks=*/false, openError);
+    if (in < 0) return openError;
     std::vector<char> piece(kMultipartCopyPiece);
     std::error_code result;
     for (;;) {

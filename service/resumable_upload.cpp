@@ -8,6 +8,7 @@
 #include <cctype>
 #include <cerrno>
 
+#include "base/files.h"
 #include "base/log.h"
 #include "service/multipart_builder.h"
 #include "service/reply_records.h"
@@ -69,9 +70,13 @@ Expected<std::string, UploadError> RecordingUploads::uploadRecording(const std::
                                                                      const std::function<void(long long, long long)>& bytes) const {
     const std::string mimeType = mimeTypeFor(file);
     const std::string fileName = file.filename().string();
-    Fd in{::open(file.c_str(), O_RDONLY | O_CLOEXEC)};
+    // Only a regular file, never through a link: a FIFO would stall every upload behind
+    // it, a link could send someone else's file.
+    std::error_code openError;
+    Fd in{files::openRegular(file, O_RDONLY, /*followLinks=*/false, openError)};
+    if (in.fd < 0) return unexpected(UploadError::fileError(openError));
     struct stat st {};
-    if (in.fd < 0 || ::fstat(in.fd, &st) != 0) return unexpected(UploadError::fileError(lastError()));
+    if (::fstat(in.fd, &st) != 0) return unexpected(UploadError::fileError(lastError()));
     const long long totalBytes = st.st_size;
 
     Json startBody{{"mimeType", mimeType}, {"filename", fileName}, {"totalBytes", totalBytes}};

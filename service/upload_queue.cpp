@@ -282,6 +282,12 @@ void UploadQueue::scheduleRetry() {
         if (it == retryAt_.end()) continue;
         if (!earliest || it->second < *earliest) earliest = it->second;
     }
+    // A pass stopped by a full disk comes back by itself: nothing else would start one
+    // once space returns.
+    if (summary_.storageFailure) {
+        const double due = clock_.uptime() + settings_.retryBaseSeconds;
+        if (!earliest || due < *earliest) earliest = due;
+    }
     if (!earliest) return;
     double delay = std::max(0.0, *earliest - clock_.uptime());
     std::weak_ptr<bool> alive = alive_;

@@ -1,5 +1,6 @@
-// The ADTS walker: in memory, then on a file measured and trimmed as recovery does; the trim
-// must leave exactly the whole frames the measure counted.
+// The ADTS walker: in memory, then on a file measured and repaired as recovery does; the
+// repair must never grow the file, leave whole frames only, and find nothing left to repair
+// the second time.
 #include "audio/adts_frames.h"
 #include "fuzz_support.h"
 
@@ -14,6 +15,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (measured.wholeBytes > measured.fileBytes) __builtin_trap();
     (void)measured.seconds();
     auto trimmed = trimAdtsFile(file, error);
-    if (!error && measured.startsWithSync && trimmed.fileBytes != measured.wholeBytes) __builtin_trap();
+    if (error || !measured.startsWithSync) return 0;
+    if (trimmed.fileBytes > measured.fileBytes) __builtin_trap();
+    auto again = measureAdtsFile(file, error);
+    if (error || again.wholeBytes != again.fileBytes || again.frames != trimmed.frames) __builtin_trap();
+    auto twice = trimAdtsFile(file, error);
+    if (error || twice.fileBytes != again.fileBytes) __builtin_trap();
     return 0;
 }

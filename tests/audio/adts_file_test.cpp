@@ -6,12 +6,14 @@
 
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <iterator>
 
 extern "C" {
 #include <libavutil/version.h>
 }
 
+#include "audio/adts_frames.h"
 #include "platform/codec/aac_writer.h"
 #include "platform/codec/avformat_library.h"
 #include "tests/audio/aac_test_decoder.h"
@@ -188,6 +190,54 @@ TEST(AdtsFile, CutAnywhereAfterASyncDecodesEveryWholeFrameBeforeTheCut) {
                                    reference.samples[c].begin()))
                 << "cut at " << cut << ", channel " << c;
         }
+    }
+}
+
+// Crash recovery meets a damaged stretch in the middle of a recording: only the damaged
+// bytes go, every good frame after them is kept and decodes as before.
+TEST(AdtsFile, RepairDropsOnlyTheDamagedBytesAndKeepsEveryGoodFrameAfterThem) {
+    test::TempHome home;
+    const auto full = writeToneFile(home.tmp() / "full.aac", {AacContainer::adts, 44100, 2, 128'000}, 2.0);
+    const auto bytes = readBytes(full);
+    const auto walk = walkAdts(bytes);
+    ASSERT_TRUE(walk.problem.empty()) << walk.problem;
+    ASSERT_GE(walk.frames.size(), 60u);
+    const auto& hit = walk.frames[30];
+    struct Row {
+        const char* name;
+        std::function<void(std::vector<std::uint8_t>&)> damage;
+        std::size_t framesLost;
+    };
+    const Row rows[] = {
+        {"sync word gone", [&](auto& b) { b[hit.offset] = 0x00; }, 1},
+        {"length past the end", [&](auto& b) { b[hit.offset + 3] |= 0x03, b[hit.offset + 4] = 0xFF; }, 1},
+        // Kept as a short frame: nothing tells it from a good frame before a damaged header.
+        {"length too short", [&](auto& b) { b[hit.offset + 4] = 0x01, b[hit.offset + 5] &= 0x1F; }, 0},
+        {"other sampling rate", [&](auto& b) { b[hit.offset + 2] ^= 0x04; }, 1},
+        {"junk between frames",
+         [&](auto& b) { b.insert(b.begin() + std::ptrdiff_t(hit.offset), 333, std::uint8_t(0xFF)); }, 0},
+        {"half a frame at the end", [&](auto& b) { b.resize(b.size() - 5); }, 1},
+        {"the first frame's length", [&](auto& b) { b[3] |= 0x03, b[4] = 0xFF; }, 1},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        auto damaged = bytes;
+        row.damage(damaged);
+        const auto path = home.tmp() / "damaged.aac";
+        writeBytes(path, damaged, damaged.size());
+        std::error_code ec;
+        const auto extent = trimAdtsFile(path, ec);
+        ASSERT_FALSE(ec) << ec.message();
+        const auto repaired = readBytes(path);
+        const auto after = walkAdts(repaired);
+        EXPECT_TRUE(after.problem.empty()) << after.problem;
+        EXPECT_EQ(after.end, repaired.size());
+        EXPECT_EQ(after.frames.size(), walk.frames.size() - row.framesLost);
+        EXPECT_EQ(extent.frames, after.frames.size());
+        auto decoded = test::decodeAudioFile(path);
+        ASSERT_TRUE(decoded.ok) << decoded.error;
+        // Every frame decodes; a decoder may conceal one frame damaged inside.
+        EXPECT_GE(decoded.frames(), (after.frames.size() - 1) * 1024);
     }
 }
 

@@ -145,12 +145,15 @@ TEST_F(ChunkWriter, AFailingEncoderRowFallsToTheNextAndTheRememberedRowIsRetried
     EXPECT_EQ(test::decodeAudioFile(list[2].url).sampleRate, 22050);
 }
 
-// Fails every write after the first few, as a full disk would.
+// Fails every write once the disk is full; what was encoded before reached the disk.
 class FailingWriter final : public media::AacWriter {
 public:
-    explicit FailingWriter(std::unique_ptr<media::AacWriter> inner) : inner_(std::move(inner)) {}
+    FailingWriter(std::unique_ptr<media::AacWriter> inner, const bool& full) : inner_(std::move(inner)), full_(full) {}
     Expected<Unit, std::string> write(const float* const* p, int c, std::size_t f, int r) override {
-        if (++writes_ > 2) return unexpected(std::string("No space left on device"));
+        if (full_) {
+            (void)inner_->syncToDisk();
+            return unexpected(std::string("No space left on device"));
+        }
         return inner_->write(p, c, f, r);
     }
     Expected<Unit, std::string> syncToDisk() override { return inner_->syncToDisk(); }
@@ -161,25 +164,39 @@ public:
 
 private:
     std::unique_ptr<media::AacWriter> inner_;
-    int writes_ = 0;
+    const bool& full_;
 };
 
-TEST_F(ChunkWriter, AWriteErrorDeletesTheChunkAndTheNextBufferOpensAFreshOne) {
+TEST_F(ChunkWriter, AFullDiskKeepsWhatWasWrittenSaysSoAndResumesWhenSpaceReturns) {
+    bool full = false;
     int opens = 0;
     InsuranceChunkWriter writer(store, [&](const fs::path& path, const media::AacSettings& s)
                                            -> Expected<std::unique_ptr<media::AacWriter>, std::string> {
         ++opens;
+        if (full) return unexpected(std::string("No space left on device"));
         auto inner = media::defaultAacWriterFactory()(path, s);
         if (!inner) return unexpected(inner.error());
-        return std::unique_ptr<media::AacWriter>(std::make_unique<FailingWriter>(std::move(*inner)));
+        return std::unique_ptr<media::AacWriter>(std::make_unique<FailingWriter>(std::move(*inner), full));
     });
-    feed(writer, 16000, 1, 0.06, 0.3f);  // two writes, then a failure
-    EXPECT_FALSE(writer.activeURL());
-    EXPECT_TRUE(store.chunks().empty()) << "the failed chunk is deleted";
-    EXPECT_EQ(writer.encoderIndex(), 0) << "the row is kept";
+    feed(writer, 16000, 1, 2.0, 0.3f);
+    full = true;
     feed(writer, 16000, 1, 0.02, 0.3f);
-    EXPECT_EQ(opens, 2);
-    EXPECT_TRUE(writer.activeURL());
+    EXPECT_FALSE(writer.activeURL());
+    ASSERT_TRUE(writer.writeFailure());
+    EXPECT_NE(writer.writeFailure()->find("No space left on device"), std::string::npos);
+    auto chunks = store.chunks();
+    ASSERT_EQ(chunks.size(), 1u) << "what was written is kept as a chunk";
+    auto decoded = test::decodeAudioFile(chunks[0].url);
+    ASSERT_TRUE(decoded.ok) << decoded.error;
+    EXPECT_GT(decoded.seconds(), 1.5);
+
+    feed(writer, 16000, 1, 1.0, 0.3f);  // still full: a new chunk is not tried for every buffer
+    EXPECT_LE(opens, 2);
+    full = false;
+    feed(writer, 16000, 1, 5.0, 0.3f);
+    EXPECT_TRUE(writer.activeURL()) << "resumed once there is space";
+    EXPECT_FALSE(writer.writeFailure());
+    EXPECT_EQ(writer.encoderIndex(), 0) << "the row is kept";
 }
 
 }  // namespace

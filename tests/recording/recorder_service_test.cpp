@@ -328,7 +328,7 @@ TEST_F(RecorderTest, RecoveryCutsAHalfWrittenLastFrameAndDropsRecordingsWithoutA
     fs::create_directories(dir());
     const std::string frame("\xFF\xF1\x50\x80\x01\x1F\xFC\x00", 8);
     std::ofstream(dir() / "vell_rec_CUT.aac", std::ios::binary) << frame << frame << frame.substr(0, 5);
-    std::ofstream(dir() / "vell_rec_ORPHAN.aac", std::ios::binary) << frame << frame.substr(0, 3);
+    std::ofstream(dir() / "vell_rec_ORPHAN.aac", std::ios::binary) << frame << frame << frame.substr(0, 3);
     std::ofstream(dir() / "vell_rec_EMPTY.aac", std::ios::binary) << frame.substr(0, 6);
     auto entry = [&](const std::string& id) {
         PendingRecording e;
@@ -349,7 +349,7 @@ TEST_F(RecorderTest, RecoveryCutsAHalfWrittenLastFrameAndDropsRecordingsWithoutA
     EXPECT_EQ(list[0].status, Status::ready);
     EXPECT_EQ(list[1].id, "ORPHAN");
     EXPECT_EQ(fs::file_size(dir() / "vell_rec_CUT.aac"), 16u);
-    EXPECT_EQ(fs::file_size(dir() / "vell_rec_ORPHAN.aac"), 8u);
+    EXPECT_EQ(fs::file_size(dir() / "vell_rec_ORPHAN.aac"), 16u);
     EXPECT_FALSE(fs::exists(dir() / "vell_rec_EMPTY.aac"));
     EXPECT_EQ(onDisk(), list);
 }

@@ -157,6 +157,20 @@ TEST_F(QueueTest, FailedEntriesComeBackAfterCappedJitteredBackoff) {
     EXPECT_EQ(store.at("one").status, Status::uploaded);
 }
 
+TEST_F(QueueTest, APassStoppedByAFullDiskComesBackOnceThereIsSpace) {
+    store.list = {entry("one", Status::ready)};
+    store.failure = "No space left on device";
+    make();
+    queue->start();
+    main.runPending();
+    EXPECT_TRUE(uploader.calls.empty());
+    EXPECT_EQ(store.at("one").status, Status::ready);
+    store.failure.reset();
+    main.advance(settings.retryBaseSeconds);
+    EXPECT_EQ(uploader.calls, (std::vector<std::string>{"one"}));
+    EXPECT_EQ(store.at("one").status, Status::uploaded);
+}
+
 TEST_F(QueueTest, NetworkFailureEndsThePassWithoutTouchingTheRest) {
     store.list = {entry("one", Status::ready), entry("two", Status::ready)};
     uploader.script = {fail(APIError::transport(6, "could not resolve", true))};

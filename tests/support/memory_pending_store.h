@@ -2,6 +2,7 @@
 // A pending list kept in memory, for tests of what reads and changes the list.
 #include <algorithm>
 #include <functional>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -13,6 +14,8 @@ namespace vell::test {
 class MemoryPendingStore final : public recording::PendingRecordingStore {
 public:
     std::vector<recording::PendingRecording> list;
+    std::optional<std::string> failure;  // what saveFailure() reports: a full disk
+
 
     std::vector<recording::PendingRecording> pending() const override { return list; }
     bool update(const std::string& id, const std::function<void(recording::PendingRecording&)>& change) override {
@@ -26,6 +29,7 @@ public:
     }
     void add(recording::PendingRecording r) override { list.push_back(std::move(r)); }
     bool remove(const std::string& id) override { return std::erase_if(list, [&](auto& r) { return r.id == id; }) > 0; }
+    std::optional<std::string> saveFailure() const override { return failure; }
     const recording::PendingRecording& at(const std::string& id) const {
         for (auto& r : list) {
             if (r.id == id) return r;
