@@ -166,7 +166,8 @@ TEST_F(CalendarDaemonTest, HostileCalendarsAreSkippedWithASentenceAndTheHostKeep
     const fs::path mangled = home.root() / "mangled.ics";
     std::ofstream(mangled) << "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nBEGIN:VEVENT\r\nUID:id-\xff\xfe\r\n"
                            << "DTSTART:" << icsTime(now - 30s) << "\r\nDTEND:" << icsTime(now + 1h) << "\r\n"
-                           << "SUMMARY:Review \xc3\x28 plan\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n";
+                           << "SUMMARY:Review \xc3\x28 plan\r\nATTENDEE:mailto:bruno@example.com\r\n"
+                           << "END:VEVENT\r\nEND:VCALENDAR\r\n";
     for (const auto& file : {deep, mangled}) {
         auto added = run("calendar add " + file.string());
         ASSERT_EQ(added.status, 0) << added.output << readAll(daemonLog());
@@ -178,9 +179,11 @@ TEST_F(CalendarDaemonTest, HostileCalendarsAreSkippedWithASentenceAndTheHostKeep
         status = calendarStatus();
     }
     ASSERT_EQ(status["recordingMeeting"], "Review \uFFFD( plan") << readAll(daemonLog());
-    ASSERT_EQ(status["sources"].size(), 2u) << status.dump();
-    EXPECT_FALSE(status["sources"][0]["readable"].get<bool>());
-    EXPECT_NE(status["sources"][0]["error"].get<std::string>().find("nests"), std::string::npos) << status.dump();
+    auto sourcesJson = run("calendar list --json");
+    auto sources = nlohmann::json::parse(sourcesJson.output.substr(sourcesJson.output.find('[')), nullptr, false);
+    ASSERT_TRUE(sources.is_array() && sources.size() == 2u) << sourcesJson.output;
+    EXPECT_FALSE(sources[0]["readable"].get<bool>());
+    EXPECT_NE(sources[0]["error"].get<std::string>().find("nests"), std::string::npos) << sources.dump();
     auto listed = run("calendar list");
     EXPECT_NE(listed.output.find("nests"), std::string::npos) << listed.output;
     EXPECT_EQ(::waitpid(daemon, nullptr, WNOHANG), 0) << readAll(daemonLog());
@@ -196,7 +199,7 @@ TEST_F(CalendarDaemonTest, HostileCalendarsAreSkippedWithASentenceAndTheHostKeep
         if (!up) std::this_thread::sleep_for(100ms);
     }
     EXPECT_TRUE(up) << readAll(daemonLog());
-    EXPECT_EQ(calendarStatus()["sources"].size(), 2u);
+    EXPECT_NE(run("calendar list").output.find("nests"), std::string::npos);
 }
 
 }  // namespace
