@@ -170,13 +170,21 @@ int recordThroughHost(const dbus::ControlClient& host, double seconds, const std
     while (true) {
         std::this_thread::sleep_for(std::chrono::milliseconds(250));
         const double waited = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+        // A host that no longer answers (killed, hung) leaves nothing to report as saved.
+        auto hostGone = [&](const dbus::ControlError& error) {
+            out.clear();
+            std::cerr << "vell: " << msg::kHostGone.str() << error.message << "\n";
+            return kExitFailure;
+        };
         if (stopRequested || (seconds > 0 && waited >= seconds)) {
             auto stopped = host.stopRecording(false);
             if (stopped) entry = nlohmann::json::parse(*stopped, nullptr, false);
-            if (stopped || !stopped.error().notRecording()) break;
+            if (!stopped && !stopped.error().notRecording()) return hostGone(stopped.error());
+            if (stopped) break;
         }
         showCues();
         auto status = host.status();
+        if (!status) return hostGone(status.error());
         if (status && status->recording && status->recordingID == id) {
             out.progress(status->elapsed, float(status->microphoneLevel), float(status->systemLevel));
             continue;

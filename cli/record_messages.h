@@ -25,6 +25,8 @@ inline constexpr Text kMicLabel{"mic", "mic"};
 inline constexpr Text kSystemLabel{"system", "sistema"};
 // Followed by the reason.
 inline constexpr Text kDidNotStart{"The recording did not start: ", "La grabación no empezó: "};
+inline constexpr Text kHostGone{"The Vell host stopped answering during the recording; what it saved is recovered when it starts again: ",
+                                "El anfitrión de Vell dejó de responder durante la grabación; lo que guardó se recupera cuando vuelva a arrancar: "};
 // Followed by the length in seconds and " s".
 inline constexpr Text kSaved{"Saved, ready to upload. Length: ", "Guardada, lista para subir. Duración: "};
 

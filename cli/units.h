@@ -17,6 +17,10 @@ inline std::string bytesText(double bytes) {
 
 // Seconds between a pending entry's start and finish (its JSON form); 0 while unfinished.
 inline double lengthOf(const nlohmann::json& entry) {
+    // The audio the file holds, when the host measured it at the stop; else the wall time.
+    if (entry.is_object() && entry.contains("savedSeconds") && entry["savedSeconds"].is_number()) {
+        return entry["savedSeconds"].get<double>();
+    }
     if (!entry.is_object() || !entry.contains("finishedAt") || !entry["finishedAt"].is_number()) return 0;
     const double finished = entry["finishedAt"].get<double>();
     return finished - (entry.contains("startedAt") && entry["startedAt"].is_number() ? entry["startedAt"].get<double>() : finished);

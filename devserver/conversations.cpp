@@ -179,12 +179,16 @@ void Conversations::startWorker() {
     worker_ = std::thread([this] { run(); });
 }
 
-void Conversations::stopWorker() {
+void Conversations::requestStop() {
     {
         std::lock_guard lock(jobsMutex_);
         stopping_ = true;
     }
     jobsChanged_.notify_all();
+}
+
+void Conversations::stopWorker() {
+    requestStop();
     if (worker_.joinable()) worker_.join();
 }
 
@@ -382,7 +386,10 @@ void Conversations::processRecording(const std::string& recordingId) {
         }
         saveLocked();
     }
-    if (delay > 0) std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+    if (delay > 0) {
+        std::unique_lock lock(jobsMutex_);
+        jobsChanged_.wait_for(lock, std::chrono::milliseconds(delay), [this] { return stopping_; });
+    }
     auto recording = store_.read([&](const State& state) -> std::optional<Recording> {
         auto it = state.recordings.find(recordingId);
         if (it == state.recordings.end()) return std::nullopt;

@@ -70,6 +70,9 @@ public:
     // Reads conversations.json and queues every recording not yet processed.
     bool load(std::error_code& error);
     void startWorker();
+    // Any thread: the worker takes no further job and a job's injected delay ends now.
+    void requestStop();
+    // One thread (the owner's): requestStop(), then waits for the job under way.
     void stopWorker();
 
     // ---- live sessions ----

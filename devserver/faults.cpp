@@ -53,6 +53,7 @@ std::optional<Fault> parseFault(const json& j, std::string& error) {
         f.bytes = j.value("bytes", int64_t{0});
         f.delayMs = j.value("delayMs", int64_t{0});
         f.bytesReceived = j.value("bytesReceived", int64_t{0});
+        if (j.contains("offsetDelta")) f.offsetDelta = j.at("offsetDelta").get<int64_t>();
         f.times = j.value("times", 1);
         f.mode = j.value("mode", "");
         if (f.action == Fault::Action::Stream && f.mode != "error" && f.mode != "cut" && f.mode != "draftsOnly" &&

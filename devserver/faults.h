@@ -24,6 +24,9 @@ struct Fault {
     int64_t bytes = 0;
     int64_t delayMs = 0;
     int64_t bytesReceived = 0;
+    // Conflict: answer the part's own X-Upload-Offset plus this instead of bytesReceived (a
+    // service that creeps on a byte at a time).
+    std::optional<int64_t> offsetDelta;
     int times = 1;
     // Stream: how a streamed answer misbehaves ("error", "cut", "draftsOnly", "malformed",
     // "slow" with delayMs between lines, "hold" until the admin API releases it).

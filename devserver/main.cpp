@@ -4,6 +4,10 @@
 #include <signal.h>
 
 #include <charconv>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <mutex>
 #include <cstdio>
 #include <thread>
 
@@ -88,12 +92,14 @@ int main(int argc, char** argv) {
         return 1;
     }
     // Signals are taken by one thread with sigwait, so every other thread keeps them
-    // blocked; a dropped connection must not kill the process through SIGPIPE.
+    // blocked; a dropped connection must not kill the process through SIGPIPE. SIGUSR2 only
+    // wakes that thread when the server ended by itself.
     ::signal(SIGPIPE, SIG_IGN);
     sigset_t stopSignals;
     sigemptyset(&stopSignals);
     sigaddset(&stopSignals, SIGINT);
     sigaddset(&stopSignals, SIGTERM);
+    sigaddset(&stopSignals, SIGUSR2);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
     DevServer server(config);
@@ -107,13 +113,37 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "vell-devserver: cannot listen on 127.0.0.1:%d\n", config.port);
         return 1;
     }
-    std::thread([&server, stopSignals] {
+    // Told to stop, the server finishes its requests and its recognition job; whatever is
+    // still under way after kStopSeconds (a long recognition, a client that keeps a request
+    // open) is abandoned: every file it writes is replaced atomically, so nothing is torn.
+    constexpr auto kStopSeconds = std::chrono::seconds(4);
+    std::mutex finishing;
+    std::condition_variable finishedChanged;
+    bool finished = false;
+    std::thread signals([&] {
         int signal = 0;
         sigwait(&stopSignals, &signal);
+        if (signal == SIGUSR2) return;
         std::fprintf(stderr, "vell-devserver: stopping on signal %d\n", signal);
         server.stop();
-    }).detach();
+        std::unique_lock lock(finishing);
+        if (!finishedChanged.wait_for(lock, kStopSeconds, [&] { return finished; })) {
+            std::fprintf(stderr, "vell-devserver: work still under way after %lld s abandoned\n",
+                         static_cast<long long>(kStopSeconds.count()));
+            std::fflush(stderr);
+            std::_Exit(0);
+        }
+    });
     std::printf("vell-devserver listening on http://127.0.0.1:%d/\n", port);
     std::fflush(stdout);
-    return server.serve() ? 0 : 1;
+    const bool served = server.serve();
+    server.finish();
+    {
+        std::lock_guard lock(finishing);
+        finished = true;
+    }
+    finishedChanged.notify_all();
+    pthread_kill(signals.native_handle(), SIGUSR2);
+    signals.join();
+    return served ? 0 : 1;
 }

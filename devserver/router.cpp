@@ -1,5 +1,8 @@
 #include "devserver/router.h"
 
+#include <algorithm>
+#include <charconv>
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -152,11 +155,19 @@ void Router::run(Exchange& ex, const Handler& handler, bool appliesPartFaults) {
                 }
                 handled = true;
                 break;
-            case Fault::Action::Conflict:
+            case Fault::Action::Conflict: {
+                int64_t received = fault->bytesReceived;
+                if (fault->offsetDelta) {
+                    int64_t offset = 0;
+                    const std::string text = ex.req.get_header_value("X-Upload-Offset");
+                    std::from_chars(text.data(), text.data() + text.size(), offset);
+                    received = std::max<int64_t>(0, offset + *fault->offsetDelta);
+                }
                 ex.drain();
-                ex.fail(409, "offset_mismatch", {{"bytesReceived", fault->bytesReceived}});
+                ex.fail(409, "offset_mismatch", {{"bytesReceived", received}});
                 handled = true;
                 break;
+            }
             case Fault::Action::Stream:
                 // Applied by the streaming route itself.
                 ex.fault = fault;

@@ -120,8 +120,10 @@ int DevServer::bind() {
 bool DevServer::serve() { return parts_->http.listen_after_bind(); }
 
 void DevServer::stop() {
+    parts_->conversations.requestStop();
     parts_->http.stop();
-    parts_->conversations.stopWorker();
 }
+
+void DevServer::finish() { parts_->conversations.stopWorker(); }
 
 }  // namespace vell::devserver

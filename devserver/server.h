@@ -38,7 +38,11 @@ public:
     int bind();
     // Serves until stop(); returns false when the server could not run.
     bool serve();
+    // Any thread: serve() returns once the requests under way are answered, and the
+    // recognition worker takes no further job.
     void stop();
+    // After serve() returned, on its thread: waits for the recognition worker.
+    void finish();
 
 private:
     struct Parts;

@@ -1,8 +1,12 @@
 #include "insurance/insurance_buffer_store.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <charconv>
 #include <fstream>
 
@@ -189,19 +193,42 @@ void InsuranceBufferStore::prune(WallTime now, double windowSeconds, const std::
 
 Expected<Unit, std::string> InsuranceBufferStore::concatenate(const std::vector<InsuranceChunk>& chunks,
                                                               const fs::path& destination) const {
-    std::ofstream out(destination, std::ios::binary | std::ios::trunc);
-    if (!out) return unexpected(destination.string() + ": cannot be written");
+    // Opened without blocking (a FIFO with no reader would hold the caller until someone
+    // reads it) and only when it is, or becomes, a regular file.
+    struct Fd {
+        int fd;
+        ~Fd() {
+            if (fd >= 0) ::close(fd);
+        }
+    } out{::open(destination.c_str(), O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, 0600)};
+    const int fd = out.fd;
+    if (fd < 0) return unexpected(destination.string() + ": cannot be written (" + std::strerror(errno) + ")");
+    struct stat st {};
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return unexpected(destination.string() + ": not a regular file");
+    if (::ftruncate(fd, 0) != 0 || ::fcntl(fd, F_SETFL, 0) != 0) {
+        return unexpected(destination.string() + ": cannot be written (" + std::strerror(errno) + ")");
+    }
+    auto writeAll = [fd](const char* data, std::streamsize size) {
+        while (size > 0) {
+            const ssize_t n = ::write(fd, data, static_cast<size_t>(size));
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) return false;
+            data += n;
+            size -= n;
+        }
+        return true;
+    };
     for (const auto& c : chunks) {
         std::ifstream in(c.url, std::ios::binary);
         if (!in) return unexpected(c.url.string() + ": cannot be read");
         char block[64 * 1024];
         while (in.read(block, sizeof block) || in.gcount() > 0) {
-            if (!out.write(block, in.gcount())) return unexpected(destination.string() + ": cannot be written");
+            if (!writeAll(block, in.gcount())) return unexpected(destination.string() + ": cannot be written");
         }
         if (in.bad()) return unexpected(c.url.string() + ": cannot be read");
     }
-    out.flush();
-    if (!out) return unexpected(destination.string() + ": cannot be written");
+    out.fd = -1;
+    if (::close(fd) != 0) return unexpected(destination.string() + ": cannot be written");
     return Unit{};
 }
 

@@ -91,7 +91,7 @@ std::vector<PendingRecording> keepingOwnFiles(std::vector<PendingRecording> list
         const std::string name = file.filename().string();
         if (file.parent_path() != folder || name.empty() || name == "." || name == "..") {
             kLog.error("pending entry " + r.id + " names a file outside the recordings folder; left alone");
-        } else if (!text::isValidUtf8(name)) {
+        } else if (!vell::isValidUtf8(name)) {
             // Its name could not be shown or sent over the bus.
             kLog.error("pending entry " + r.id + " names a file whose name is not UTF-8 text; left alone");
         } else {

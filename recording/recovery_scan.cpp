@@ -74,7 +74,7 @@ std::vector<PendingRecording> findOrphanRecordings(const fs::path& directory, co
         std::string ext = lowered(path.extension().string());
         if (ext != ".aac" && ext != ".m4a") continue;
         if (referenced.count(path.lexically_normal())) continue;
-        if (!text::isValidUtf8(name)) {
+        if (!vell::isValidUtf8(name)) {
             kLog.error("skipped a recording whose file name is not UTF-8 text");
             continue;
         }

@@ -97,10 +97,20 @@ Expected<std::string, UploadError> RecordingUploads::uploadRecording(const std::
     report(progress, offset, totalBytes);
 
     const std::string partPath = "api/recordings/upload/" + start->uploadId + "/part";
-    // The furthest offset the service has confirmed, and the offset corrections in a row
-    // that did not move past it.
+    // The furthest offset the service has confirmed; where it stood when progress was last
+    // judged, and the answers since then. Progress is a part's worth past that mark.
     long long highWater = offset;
-    int stalledResyncs = 0;
+    long long mark = offset;
+    int answersSinceMark = 0;
+    auto stalled = [&](long long confirmed) {
+        highWater = std::max(highWater, confirmed);
+        if (highWater - mark >= std::min(kUploadChunkBytes, totalBytes - mark)) {
+            mark = highWater;
+            answersSinceMark = 0;
+            return false;
+        }
+        return ++answersSinceMark >= kMaxStalledResyncs;
+    };
     while (offset < totalBytes) {
         long long length = std::min(totalBytes - offset, kUploadChunkBytes);
         auto chunk = readAt(in.fd, offset, length);
@@ -126,15 +136,12 @@ Expected<std::string, UploadError> RecordingUploads::uploadRecording(const std::
             if (acknowledged && *acknowledged >= 0 && *acknowledged <= totalBytes) {
                 logger().info(fileName + ": service holds " + std::to_string(*acknowledged) + " bytes, not " +
                               std::to_string(offset));
-                // A service that keeps naming an offset it never gets past would have the
-                // same part sent for ever: after a few such answers in a row the call ends
-                // and the caller's backoff decides when to try again.
-                if (*acknowledged > highWater) {
-                    highWater = *acknowledged;
-                    stalledResyncs = 0;
-                } else if (++stalledResyncs >= kMaxStalledResyncs) {
-                    logger().error(fileName + ": " + std::to_string(stalledResyncs) +
-                                   " offset corrections in a row without progress past " + std::to_string(highWater) +
+                // A service that keeps naming an offset it never gets (far) past would have
+                // parts sent for ever: after a few such answers the call ends and the
+                // caller's backoff decides when to try again.
+                if (stalled(*acknowledged)) {
+                    logger().error(fileName + ": " + std::to_string(kMaxStalledResyncs) +
+                                   " answers in a row without a part's worth of progress past " + std::to_string(mark) +
                                    " bytes; giving up for now");
                     return unexpected(APIError::http(409, part->error ? part->error : std::optional<std::string>(
                                                                                           "offset_mismatch"),
@@ -151,9 +158,11 @@ Expected<std::string, UploadError> RecordingUploads::uploadRecording(const std::
             return unexpected(APIError::decoding("invalid resumable acknowledgement"));
         }
         offset = *acknowledged;
-        if (offset > highWater) {
-            highWater = offset;
-            stalledResyncs = 0;
+        if (offset < totalBytes && stalled(offset)) {
+            logger().error(fileName + ": " + std::to_string(kMaxStalledResyncs) +
+                           " acknowledgements in a row without a part's worth of progress past " + std::to_string(mark) +
+                           " bytes; giving up for now");
+            return unexpected(APIError::http(409, std::string("offset_mismatch"), std::nullopt));
         }
         report(progress, offset, totalBytes);
     }

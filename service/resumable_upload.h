@@ -16,8 +16,10 @@
 namespace vell::service {
 
 inline constexpr long long kUploadChunkBytes = 8'388'608;
-// Offset corrections (409 offset_mismatch) in a row that do not move past the furthest
-// offset confirmed so far before an upload call gives up.
+// Answers to parts in a row (acknowledgements and 409 offset_mismatch corrections) that
+// together do not move the furthest confirmed offset on by a part's worth (or to the end)
+// before an upload call gives up: a service that creeps a byte at a time is as stuck as
+// one that never moves, and the caller's backoff decides when to try again.
 inline constexpr int kMaxStalledResyncs = 3;
 
 struct CaptureWindow {

@@ -4,6 +4,7 @@
 #include <cctype>
 #include <memory>
 
+#include "base/utf8.h"
 #include "platform/calendar/ical_expand.h"
 #include "platform/http/curl_library.h"
 
@@ -48,8 +49,9 @@ size_t onHeader(char* data, size_t size, size_t count, void* user) {
     }
     std::string name = line.substr(0, colon);
     std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::tolower(c); });
-    if (name == "etag") t->etag = trim(line.substr(colon + 1));
-    if (name == "last-modified") t->lastModified = trim(line.substr(colon + 1));
+    // Kept in a JSON file beside the copy: UTF-8 only.
+    if (name == "etag") t->etag = validUtf8(trim(line.substr(colon + 1)));
+    if (name == "last-modified") t->lastModified = validUtf8(trim(line.substr(colon + 1)));
     return size * count;
 }
 

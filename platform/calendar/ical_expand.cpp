@@ -5,12 +5,14 @@
 #include <algorithm>
 #include <cctype>
 #include <ctime>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <set>
 
 #include "automation/meeting_rules.h"
+#include "base/utf8.h"
 
 namespace vell::calendar {
 
@@ -106,7 +108,7 @@ std::string text(icalcomponent* event, icalproperty_kind kind) {
     icalproperty* p = icalcomponent_get_first_property(event, kind);
     if (!p) return {};
     const char* value = icalproperty_get_value_as_string(p);
-    return value ? value : "";
+    return validUtf8(value ? value : "");
 }
 
 // Descriptions carry escaped line breaks and commas; the link search only needs the words.
@@ -129,7 +131,7 @@ std::string xProperty(icalcomponent* event, const char* name) {
         const char* x = icalproperty_get_x_name(p);
         if (x && lower(x) == name) {
             const char* v = icalproperty_get_x(p);
-            return v ? v : "";
+            return validUtf8(v ? v : "");
         }
     }
     return {};
@@ -145,7 +147,8 @@ EventFacts facts(icalcomponent* event, const std::vector<std::string>& me) {
     EventFacts f;
     f.uid = text(event, ICAL_UID_PROPERTY);
     icalproperty* summary = icalcomponent_get_first_property(event, ICAL_SUMMARY_PROPERTY);
-    f.title = automation::meetingTitle(summary && icalproperty_get_summary(summary) ? icalproperty_get_summary(summary) : "");
+    f.title = automation::meetingTitle(
+        validUtf8(summary && icalproperty_get_summary(summary) ? icalproperty_get_summary(summary) : ""));
     f.isCanceled = icalcomponent_get_status(event) == ICAL_STATUS_CANCELLED;
     for (icalproperty* a = icalcomponent_get_first_property(event, ICAL_ATTENDEE_PROPERTY); a;
          a = icalcomponent_get_next_property(event, ICAL_ATTENDEE_PROPERTY)) {
@@ -207,7 +210,7 @@ private:
         time_t startT;
         if (!propertyTime(e, dtstartProperty, start, startT)) {
             const char* tzid = tzidOf(dtstartProperty);
-            return out.problems.push_back("\"" + f.title + "\": unknown time zone " + (tzid ? tzid : "?"));
+            return out.problems.push_back("\"" + f.title + "\": unknown time zone " + validUtf8(tzid ? tzid : "?"));
         }
         const bool allDay = start.is_date;
         // The length: DTEND, else DURATION, else a day for a date and nothing for a time.
@@ -255,18 +258,26 @@ private:
         if (!recurring) return add(startT, uid);
 
         std::set<time_t> excluded;
+        // An EXDATE given as a date removes the instances of that day: the day's starts.
+        std::set<time_t> excludedDays;
         if (auto it = overridden.find(f.uid); it != overridden.end()) excluded = it->second;
+        if (icalcomponent_count_properties(e, ICAL_EXDATE_PROPERTY) > kMaximumExclusionsPerEvent) {
+            return out.problems.push_back("\"" + f.title + "\": more than " + std::to_string(kMaximumExclusionsPerEvent) +
+                                          " excluded dates");
+        }
         for (icalproperty* x = icalcomponent_get_first_property(e, ICAL_EXDATE_PROPERTY); x;
              x = icalcomponent_get_next_property(e, ICAL_EXDATE_PROPERTY)) {
             icaltimetype t;
             time_t when;
             if (!propertyTime(e, x, t, when)) continue;
             excluded.insert(when);
-            // An EXDATE given as a date removes the instance of that day.
-            if (t.is_date && !allDay) {
-                for (time_t s = when; s < when + 86'400; s += 60) excluded.insert(s);
-            }
+            if (t.is_date && !allDay) excludedDays.insert(when);
         }
+        auto isExcluded = [&](time_t s) {
+            if (excluded.count(s)) return true;
+            auto day = excludedDays.upper_bound(s);
+            return day != excludedDays.begin() && s < *std::prev(day) + 86'400;
+        };
         std::set<time_t> starts{startT};
         for (icalproperty* r = icalcomponent_get_first_property(e, ICAL_RRULE_PROPERTY); r;
              r = icalcomponent_get_next_property(e, ICAL_RRULE_PROPERTY)) {
@@ -312,7 +323,7 @@ private:
             if (propertyTime(e, r, t, when)) starts.insert(when);
         }
         for (time_t s : starts) {
-            if (!excluded.count(s)) add(s, instanceID(s));
+            if (!isExcluded(s)) add(s, instanceID(s));
         }
     }
 
@@ -320,6 +331,29 @@ private:
     int walked_ = 0;  // instances walked by every rule so far
     const std::vector<std::string>& me_;
 };
+
+// How deep BEGIN lines nest (folded continuation lines start with white space and never
+// open a component).
+int nestingDepth(std::string_view text) {
+    constexpr std::string_view kBegin = "begin:", kEnd = "end:";
+    auto startsWith = [](std::string_view line, std::string_view word) {
+        if (line.size() < word.size()) return false;
+        for (std::size_t i = 0; i < word.size(); ++i) {
+            if (std::tolower(static_cast<unsigned char>(line[i])) != word[i]) return false;
+        }
+        return true;
+    };
+    int depth = 0, deepest = 0;
+    for (std::size_t at = 0; at < text.size();) {
+        std::size_t end = text.find('\n', at);
+        if (end == std::string_view::npos) end = text.size();
+        const std::string_view line = text.substr(at, end - at);
+        if (startsWith(line, kBegin)) deepest = std::max(deepest, ++depth);
+        else if (startsWith(line, kEnd) && depth > 0) --depth;
+        at = end + 1;
+    }
+    return deepest;
+}
 
 }  // namespace
 
@@ -338,6 +372,9 @@ Expected<ExpandedCalendar, std::string> expandCalendar(std::string_view text, Wa
                           " MB");
     }
     if (!looksLikeICalendar(text)) return unexpected(std::string("not an iCalendar file"));
+    if (nestingDepth(text) > kMaximumNesting) {
+        return unexpected("the calendar nests its parts more than " + std::to_string(kMaximumNesting) + " deep");
+    }
     std::vector<std::string> me;
     for (const auto& a : myAddresses) me.push_back(address(a.c_str()));
 

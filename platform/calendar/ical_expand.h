@@ -2,7 +2,8 @@
 // iCalendar text to the meetings of a time window, with libical: time zones (VTIMEZONE or
 // the system's zone data for a TZID), recurrences expanded (RRULE, RDATE, EXDATE and
 // instances moved or changed by RECURRENCE-ID), all-day events, cancelled events and the
-// user's own declined invitations. Pure function; any thread (libical's zone cache is
+// user's own declined invitations. Every text taken from the file is made valid UTF-8 here.
+// Pure function; any thread (libical's zone cache is
 // guarded here).
 #include <string>
 #include <string_view>
@@ -21,6 +22,11 @@ inline constexpr int kMaximumInstancesPerRule = 20'000;
 // And all the rules of one calendar together stop past this many: a file of thousands of
 // runaway rules would otherwise cost minutes of CPU at every refresh.
 inline constexpr int kMaximumInstancesPerCalendar = 100'000;
+// Components nest three deep in real calendars (a calendar, an event, its alarm); a file
+// nesting deeper is refused before libical sees it, whose parse and free recurse per level.
+inline constexpr int kMaximumNesting = 8;
+// An event that excludes more dates than this is skipped rather than expanded.
+inline constexpr int kMaximumExclusionsPerEvent = 10'000;
 
 struct ExpandedCalendar {
     std::vector<automation::CalendarMeeting> meetings;  // file order, instances in time order

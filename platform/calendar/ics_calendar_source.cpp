@@ -8,6 +8,7 @@
 #include "base/files.h"
 #include "base/log.h"
 #include "base/preference_keys.h"
+#include "base/utf8.h"
 #include "platform/calendar/calendar_fetch.h"
 #include "platform/calendar/ical_expand.h"
 
@@ -35,6 +36,8 @@ std::vector<std::string> configuredSources(const UserDefaults& defaults) {
 }
 
 Expected<std::string, std::string> addSource(UserDefaults& defaults, const std::string& fileOrURL) {
+    // Stored in the preferences (JSON) and shown on the bus: UTF-8 only.
+    if (!isValidUtf8(fileOrURL)) return unexpected(std::string("the name is not valid UTF-8 text"));
     std::string source = fileOrURL;
     if (lowerPrefix(source, 9) == "webcal://") source = "https://" + source.substr(9);
     if (!isRemoteSource(source)) {
@@ -126,6 +129,19 @@ void IcsCalendarSource::load(const std::string& source) {
         return;
     }
     if (l.readStamp == stamp) return;  // unchanged since the last read
+    // Only a regular file of a calendar's size is read: a FIFO would block the main
+    // executor, a device or a huge file would fill the memory.
+    const auto status = fs::status(file, ec);
+    if (!ec && !fs::is_regular_file(status)) {
+        l.readStamp = stamp;
+        l.state.error = std::string("not a regular file");
+        return;
+    }
+    if (const auto size = fs::file_size(file, ec); !ec && size > kMaximumCalendarBytes) {
+        l.readStamp = stamp;
+        l.state.error = "the calendar is larger than " + std::to_string(kMaximumCalendarBytes / 1024 / 1024) + " MB";
+        return;
+    }
     auto text = files::read(file, ec);
     if (!text) {
         l.state.error = "cannot read the file: " + ec.message();

@@ -39,6 +39,7 @@ void registerCalendarControl(ControlContext& context) {
     ControlContext* ctx = &context;
 
     object.registerMethod("CalendarAdd").onInterface(I).implementedAs([ctx](sdbus::Result<std::string>&& result, std::string source) {
+        if (refused(result, arguments::calendarSource(source))) return;
         ctx->onMain(std::move(result), [source](auto& r) {
             auto added = calendar::addSource(UserDefaults::standard(), source);
             if (!added) return r->returnError(failed(added.error()));
@@ -49,6 +50,7 @@ void registerCalendarControl(ControlContext& context) {
         });
     });
     object.registerMethod("CalendarRemove").onInterface(I).implementedAs([ctx](sdbus::Result<std::string>&& result, std::string source) {
+        if (refused(result, arguments::calendarSource(source))) return;
         ctx->onMain(std::move(result), [source](auto& r) {
             auto removed = calendar::removeSource(UserDefaults::standard(), source);
             if (!removed) return r->returnError(failed(removed.error()));

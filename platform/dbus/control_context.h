@@ -12,6 +12,7 @@
 #include "app/host.h"
 #include "base/published.h"
 #include "base/runtime.h"
+#include "platform/dbus/control_arguments.h"
 #include "platform/dbus/control_protocol.h"
 
 namespace vell::dbus {
@@ -45,6 +46,14 @@ public:
 private:
     std::shared_ptr<int> alive_ = std::make_shared<int>(0);
 };
+
+// Answers the call with InvalidArgument when the argument was refused; whether it was.
+template <class... Results, class T>
+bool refused(sdbus::Result<Results...>& result, const arguments::Checked<T>& checked) {
+    if (checked) return false;
+    result.returnError(sdbus::Error(errors::kInvalidArgument, checked.error()));
+    return true;
+}
 
 // A feature's part: registers on context.object and subscribes in context.watches.
 using ControlExtension = void (*)(ControlContext& context);

@@ -1,5 +1,8 @@
 #include "platform/dbus/control_insurance.h"
 
+#include <thread>
+#include <utility>
+
 #include "base/runtime.h"
 #include "insurance/insurance_recorder.h"
 #include "insurance/insurance_status.h"
@@ -9,6 +12,30 @@ namespace vell::dbus {
 namespace {
 insurance::InsuranceRecorder& recorder() { return insurance::InsuranceRecorder::shared(); }
 std::string statusJson() { return insurance::toJson(insurance::statusOf(recorder())).dump(); }
+
+// The export writes wherever the caller said, which may be slow storage: it runs on a thread
+// of its own so the main executor never waits on it, and the call is answered with an error
+// once kExportSeconds pass (the copy goes on and ends by itself).
+constexpr double kExportSeconds = 60;
+
+void exportOffMain(const std::shared_ptr<sdbus::Result<int32_t>>& r, insurance::InsuranceBufferStore store,
+                   std::vector<insurance::InsuranceChunk> chunks, std::string path) {
+    auto answered = std::make_shared<bool>(false);
+    auto limit = runtime::main().postAfter(kExportSeconds, [r, answered, path] {
+        if (std::exchange(*answered, true)) return;
+        r->returnError(sdbus::Error(errors::kFailed, path + ": not written within " +
+                                                         std::to_string(int(kExportSeconds)) + " s"));
+    });
+    std::thread([r, answered, limit, store = std::move(store), chunks = std::move(chunks), path = std::move(path)]() mutable {
+        auto ok = store.concatenate(chunks, path);
+        runtime::main().post([r, answered, limit, ok = std::move(ok), count = int32_t(chunks.size())]() mutable {
+            if (std::exchange(*answered, true)) return;
+            limit.cancel();
+            if (!ok) return r->returnError(sdbus::Error(errors::kFailed, ok.error()));
+            r->returnResults(count);
+        });
+    }).detach();
+}
 }  // namespace
 
 void registerInsuranceControl(ControlContext& context) {
@@ -53,19 +80,17 @@ void registerInsuranceControl(ControlContext& context) {
     });
     object.registerMethod("InsuranceExport").onInterface(I).implementedAs(
         [ctx](sdbus::Result<int32_t>&& result, int32_t minutes, std::string path) {
+            if (refused(result, arguments::minutes(minutes)) || refused(result, arguments::exportPath(path))) return;
             ctx->onMain(std::move(result), [minutes, path](auto& r) {
                 auto& rec = recorder();
                 // The newest audio goes into a sealed chunk first; the writer's queue never
                 // waits on the main executor, so waiting for it here is safe.
                 rec.writer().seal();
                 const auto now = runtime::clock().now();
-                const auto from = now - std::chrono::minutes(std::max(minutes, 1));
+                const auto from = now - std::chrono::minutes(minutes);
                 auto chunks = rec.store().chunks(from, now + std::chrono::hours(1));
                 std::erase_if(chunks, [](const auto& c) { return c.isOpen; });
-                if (auto ok = rec.store().concatenate(chunks, path); !ok) {
-                    return r->returnError(sdbus::Error(errors::kFailed, ok.error()));
-                }
-                r->returnResults(int32_t(chunks.size()));
+                exportOffMain(r, rec.store(), std::move(chunks), path);
             });
         });
 }

@@ -10,14 +10,16 @@
 //   the last recording dropped because the stream came faster than real time), LastError s,
 //   MeetingTitle s (the calendar meeting the recording was started for, empty when none)
 // Signals: PendingChanged ()
-// Methods (errors carry the user-facing sentence in the interface language):
+// Methods (errors carry the user-facing sentence in the interface language; an argument out of
+// its bounds, see control_arguments.h, is refused with InvalidArgument before anything runs):
 //   Pending () -> s                 the pending list, JSON as stored in manifest.json
 //   Upload () -> s                  one pass now: {"uploaded","failed","unauthenticated",
 //                                   "attempts":[{"file","recordingId"} | {"file","error"}]}
 //   StartRecording () -> (s id, s file)
 //   StartRecordingOn (s microphone) -> (s id, s file)   this recording only from "default",
 //                                   "builtin" or "uid:NAME" (a missing device: the default)
-//   StopRecording (b discard) -> s  the stopped recording's entry, JSON
+//   StopRecording (b discard) -> s  the stopped recording's entry, JSON, with "savedSeconds"
+//                                   (the audio the file holds)
 //   SignIn (s email, s password) -> s  "signedIn" or "mfaRequired"
 //   VerifyCode (s code)             six digits: a time-based code; else a backup code
 //   SignOut ()
@@ -95,6 +97,8 @@ namespace errors {
 inline constexpr const char* kFailed = "app.quillon.mac.Vell1.Error.Failed";
 inline constexpr const char* kSignedOut = "app.quillon.mac.Vell1.Error.SignedOut";
 inline constexpr const char* kNotRecording = "app.quillon.mac.Vell1.Error.NotRecording";
+// An argument out of its length, range or form (the message says which bound).
+inline constexpr const char* kInvalidArgument = "app.quillon.mac.Vell1.Error.InvalidArgument";
 }  // namespace errors
 
 }  // namespace vell::dbus

@@ -54,15 +54,14 @@ void registerRecoveryControl(ControlContext& context) {
     auto* ctx = &context;
     context.object.registerMethod("RecoverStart").onInterface(I).implementedAs(
         [ctx](sdbus::Result<int32_t>&& result, std::string range, int32_t minutes) {
-            ctx->onMain(std::move(result), [ctx, range, minutes](auto& r) {
+            auto chosen = arguments::recoverRange(range, minutes);
+            if (refused(result, chosen)) return;
+            ctx->onMain(std::move(result), [ctx, chosen = *chosen](auto& r) {
                 auto& c = controller(ctx->host);
                 if (!ctx->host.core().appState().accountID()) {
                     return r->returnError(sdbus::Error(errors::kSignedOut, insurance::messages::kSignInToTranscribe.str()));
                 }
-                auto chosen = range == "five" ? insurance::Range::lastFive
-                            : range == "custom" ? insurance::Range::custom
-                            : range == "all" ? insurance::Range::all : insurance::Range::lastMinute;
-                c.choose(chosen, minutes);
+                c.choose(chosen.range, chosen.minutes);
                 r->returnResults(int32_t(c.selectedChunks().empty() ? 0 : c.run()));
             });
         });

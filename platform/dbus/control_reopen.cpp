@@ -16,6 +16,7 @@ void setWindowOpener(WindowOpener installed) { opener() = std::move(installed); 
 void registerReopenControl(ControlContext& context) {
     context.object.registerMethod("Reopen").onInterface(kControlInterface).implementedAs(
         [ctx = &context](sdbus::Result<bool>&& result, std::string window) {
+            if (refused(result, arguments::windowName(window))) return;
             ctx->onMain(std::move(result), [window](auto& r) {
                 if (!opener()) return r->returnResults(false);
                 opener()(window);

@@ -55,6 +55,7 @@ void registerResultsControl(ControlContext& context) {
     });
     context.object.registerMethod("RecordingDetail").onInterface(I).implementedAs(
         [ctx](sdbus::Result<std::string>&& result, std::string id) {
+            if (refused(result, arguments::recordingID(id))) return;
             ctx->onMain(std::move(result), [id](auto& r) {
                 auto* all = results::runningResults().results;
                 if (!all) return r->returnError(sdbus::Error(errors::kFailed, unavailable()));
@@ -66,16 +67,11 @@ void registerResultsControl(ControlContext& context) {
         });
     context.object.registerMethod("RenameSpeakers").onInterface(I).implementedAs(
         [ctx](sdbus::Result<std::string>&& result, std::string id, std::string namesJson) {
-            ctx->onMain(std::move(result), [id, namesJson](auto& r) {
+            auto names = arguments::speakerNames(namesJson);
+            if (refused(result, arguments::recordingID(id)) || refused(result, names)) return;
+            ctx->onMain(std::move(result), [id, names = *names](auto& r) {
                 auto* all = results::runningResults().results;
                 if (!all) return r->returnError(sdbus::Error(errors::kFailed, unavailable()));
-                std::map<int, std::string> names;
-                const auto parsed = json::parse(namesJson, nullptr, false);
-                if (parsed.is_object()) {
-                    for (const auto& [key, value] : parsed.items()) {
-                        if (value.is_string()) names[std::atoi(key.c_str())] = value.template get<std::string>();
-                    }
-                }
                 all->renameSpeakers(id, names, [r](Expected<results::RecordingResult, std::string> done) {
                     if (!done) return r->returnError(sdbus::Error(errors::kFailed, done.error()));
                     r->returnResults(results::encodeResult(*done).dump());
@@ -84,6 +80,7 @@ void registerResultsControl(ControlContext& context) {
         });
     context.object.registerMethod("ShareRecording").onInterface(I).implementedAs(
         [ctx](sdbus::Result<std::string>&& result, std::string id) {
+            if (refused(result, arguments::recordingID(id))) return;
             ctx->onMain(std::move(result), [id](auto& r) {
                 auto* all = results::runningResults().results;
                 if (!all) return r->returnError(sdbus::Error(errors::kFailed, unavailable()));

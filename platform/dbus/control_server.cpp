@@ -2,7 +2,6 @@
 
 #include <mutex>
 #include <nlohmann/json.hpp>
-#include <regex>
 #include <sdbus-c++/sdbus-c++.h>
 
 #include "platform/dbus/bus_loop.h"
@@ -253,9 +252,7 @@ void ControlServer::Impl::registerInterface() {
         });
     object->registerMethod("StartRecordingOn").onInterface(I).implementedAs(
         [this, startRecording](sdbus::Result<std::string, std::string>&& result, std::string microphone) {
-            if (!audio::MicrophoneSelection::parse(microphone)) {
-                return result.returnError(sdbus::Error(errors::kFailed, audio::messages::kBadSelection.str()));
-            }
+            if (refused(result, arguments::microphone(microphone))) return;
             onMain(std::move(result), [startRecording, microphone](auto& r) { startRecording(r, microphone); });
         });
 
@@ -267,8 +264,14 @@ void ControlServer::Impl::registerInterface() {
                 return r->returnError(sdbus::Error(errors::kNotRecording, app::messages::kNothingRecording.str()));
             }
             recorder.stop(true, discard);
+            // The length the file really holds (a frozen sound server gives less audio than
+            // the wall time between start and stop).
+            const auto& outcome = recorder.lastStop();
             for (const auto& e : recorder.pending()) {
-                if (e.id == *id) return r->returnResults(recording::coding::encode(e).dump());
+                if (e.id != *id) continue;
+                auto j = recording::coding::encode(e);
+                if (outcome && outcome->id == *id) j["savedSeconds"] = outcome->savedSeconds;
+                return r->returnResults(j.dump());
             }
             r->returnResults(std::string("{}"));
         });
@@ -276,6 +279,7 @@ void ControlServer::Impl::registerInterface() {
 
     object->registerMethod("SignIn").onInterface(I).implementedAs(
         [this](sdbus::Result<std::string>&& result, std::string email, std::string password) {
+            if (refused(result, arguments::email(email)) || refused(result, arguments::password(password))) return;
             onMain(std::move(result), [this, email, password](auto& r) {
                 auto& state = host.core().appState();
                 if (auto me = state.me.get()) {
@@ -289,14 +293,13 @@ void ControlServer::Impl::registerInterface() {
         });
 
     object->registerMethod("VerifyCode").onInterface(I).implementedAs([this](sdbus::Result<>&& result, std::string code) {
-        onMain(std::move(result), [this, code](auto& r) {
+        auto answer = arguments::verifyCode(code);
+        if (refused(result, answer)) return;
+        onMain(std::move(result), [this, answer = *answer](auto& r) {
             auto& state = host.core().appState();
             if (state.phase.get() != Phase::mfaRequired) {
                 return r->returnError(sdbus::Error(errors::kFailed, app::messages::kNoCodeAsked.str()));
             }
-            service::MfaAnswer answer;
-            if (std::regex_match(code, std::regex(R"(\s*\d{6}\s*)"))) answer.code = std::regex_replace(code, std::regex(R"(\s)"), "");
-            else answer.backupCode = code;
             state.verifyMfa(answer, [r](Expected<Unit, service::APIError> done) {
                 if (!done) return r->returnError(sdbus::Error(errors::kFailed, done.error().description()));
                 r->returnResults();

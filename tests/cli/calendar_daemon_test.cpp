@@ -152,5 +152,55 @@ TEST_F(CalendarDaemonTest, AMeetingUnderWayStartsARecordingUnderItsTitleAndADisc
     EXPECT_NE(again.output.find("There is no discarded recording to undo."), std::string::npos) << again.output;
 }
 
+TEST_F(CalendarDaemonTest, HostileCalendarsAreSkippedWithASentenceAndTheHostKeepsRunning) {
+    ASSERT_EQ(run("login --email a@vell.test", "pw-a").status, 0);
+    const auto now = std::chrono::system_clock::now();
+    // Nested 200,000 deep: refused before it is parsed, shown with its reason.
+    const fs::path deep = home.root() / "deep.ics";
+    {
+        std::ofstream out(deep);
+        out << "BEGIN:VCALENDAR\r\n";
+        for (int i = 0; i < 200'000; ++i) out << "BEGIN:VEVENT\r\n";
+    }
+    // A meeting under way whose title and UID are not UTF-8.
+    const fs::path mangled = home.root() / "mangled.ics";
+    std::ofstream(mangled) << "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nBEGIN:VEVENT\r\nUID:id-\xff\xfe\r\n"
+                           << "DTSTART:" << icsTime(now - 30s) << "\r\nDTEND:" << icsTime(now + 1h) << "\r\n"
+                           << "SUMMARY:Review \xc3\x28 plan\r\nATTENDEE:mailto:bruno@example.com\r\n"
+                           << "END:VEVENT\r\nEND:VCALENDAR\r\n";
+    for (const auto& file : {deep, mangled}) {
+        auto added = run("calendar add " + file.string());
+        ASSERT_EQ(added.status, 0) << added.output << readAll(daemonLog());
+    }
+    ASSERT_EQ(run("calendar on").status, 0);
+    nlohmann::json status;
+    for (int i = 0; i < 200 && !status["recordingMeeting"].is_string(); ++i) {
+        std::this_thread::sleep_for(100ms);
+        status = calendarStatus();
+    }
+    ASSERT_EQ(status["recordingMeeting"], "Review \uFFFD( plan") << readAll(daemonLog());
+    auto sourcesJson = run("calendar list --json");
+    auto sources = nlohmann::json::parse(sourcesJson.output.substr(sourcesJson.output.find('[')), nullptr, false);
+    ASSERT_TRUE(sources.is_array() && sources.size() == 2u) << sourcesJson.output;
+    EXPECT_FALSE(sources[0]["readable"].get<bool>());
+    EXPECT_NE(sources[0]["error"].get<std::string>().find("nests"), std::string::npos) << sources.dump();
+    auto listed = run("calendar list");
+    EXPECT_NE(listed.output.find("nests"), std::string::npos) << listed.output;
+    EXPECT_EQ(::waitpid(daemon, nullptr, WNOHANG), 0) << readAll(daemonLog());
+
+    // And it starts again with both calendars configured.
+    ::kill(daemon, SIGTERM);
+    int exit = 0;
+    waitpid(daemon, &exit, 0);
+    daemon = test::spawnLogged({vell(), "--lang", "en", "-v", "daemon"}, daemonLog());
+    bool up = false;
+    for (int i = 0; i < 100 && !up; ++i) {
+        up = run("status --json").output.find("\"host\":true") != std::string::npos;
+        if (!up) std::this_thread::sleep_for(100ms);
+    }
+    EXPECT_TRUE(up) << readAll(daemonLog());
+    EXPECT_NE(run("calendar list").output.find("nests"), std::string::npos);
+}
+
 }  // namespace
 }  // namespace vell

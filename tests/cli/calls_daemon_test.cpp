@@ -82,7 +82,7 @@ private:
 class CallsDaemonTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        daemon = spawnShell(vell() + " --lang en -v daemon", home.tmp() / "daemon.log");
+        daemon = spawnShell("exec " + vell() + " --lang en -v daemon", home.tmp() / "daemon.log");
         ASSERT_TRUE(eventually([&] { return run("status --json").output.find("\"host\":true") != std::string::npos; },
                                10s))
             << log();
@@ -189,7 +189,7 @@ TEST_F(CallsDaemonTest, AVolumeMeterAndSpeechSynthesisNeverStartARecording) {
 // The user's own recording during a call: when the call ends the recorder offers to finish
 // it, and "Finish recording" does.
 TEST_F(CallsDaemonTest, AManualRecordingIsOfferedToFinishWhenTheCallEnds) {
-    const pid_t manual = spawnShell(vell() + " --lang en record", home.tmp() / "record.out");
+    const pid_t manual = spawnShell("exec " + vell() + " --lang en record", home.tmp() / "record.out");
     others.push_back(manual);
     ASSERT_TRUE(eventually([&] { return recording(); })) << log();
     startCall();

@@ -10,9 +10,12 @@
 
 #include <chrono>
 #include <nlohmann/json.hpp>
+#include <sdbus-c++/sdbus-c++.h>
+#include <sys/stat.h>
 #include <thread>
 
 #include "cli/command.h"
+#include "platform/dbus/control_protocol.h"
 #include "tests/audio/aac_test_decoder.h"
 #include "tests/support/child_process.h"
 #include "tests/support/devserver_process.h"
@@ -129,6 +132,79 @@ TEST_F(DaemonTest, SigtermMidRecordingLeavesAReadyRecordingWithItsAudio) {
     auto decoded = test::decodeAudioFile(list[0]["fileURL"].get<std::string>().substr(7));
     ASSERT_TRUE(decoded.ok) << decoded.error;
     EXPECT_GT(decoded.seconds(), 1.5);
+}
+
+TEST_F(DaemonTest, ArgumentsFromTheBusAreBoundedAndRefusedWithATypedError) {
+    auto connection = sdbus::createSessionBusConnection();
+    auto host = sdbus::createProxy(*connection, dbus::kControlName, dbus::kControlPath);
+    // The error name of a call, empty when it succeeded.
+    auto errorOf = [&](const std::function<void(sdbus::MethodCall&)>& args, const char* method) -> std::string {
+        try {
+            auto call = host->createMethodCall(dbus::kControlInterface, method);
+            args(call);
+            host->callMethod(call, 20'000'000);
+            return "";
+        } catch (const sdbus::Error& e) {
+            return e.getName();
+        }
+    };
+    const std::string huge(100'000, '1');
+    std::string deepNames(2'000, '[');
+    deepNames = "{\"1\":" + deepNames + "}";
+    const fs::path fifo = home.root() / "export.fifo";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    struct Case {
+        const char* method;
+        std::function<void(sdbus::MethodCall&)> args;
+        const char* error;
+    } cases[] = {
+        {"VerifyCode", [&](auto& c) { c << huge; }, dbus::errors::kInvalidArgument},
+        {"VerifyCode", [&](auto& c) { c << std::string("   "); }, dbus::errors::kInvalidArgument},
+        {"SignIn", [&](auto& c) { c << huge << std::string("pw"); }, dbus::errors::kInvalidArgument},
+        {"SignIn", [&](auto& c) { c << std::string("a@vell.test") << huge; }, dbus::errors::kInvalidArgument},
+        {"StartRecordingOn", [&](auto& c) { c << "uid:" + huge; }, dbus::errors::kInvalidArgument},
+        {"InsuranceExport", [&](auto& c) { c << int32_t(-5) << std::string("/tmp/x.aac"); }, dbus::errors::kInvalidArgument},
+        {"InsuranceExport", [&](auto& c) { c << int32_t(5) << std::string("relative.aac"); }, dbus::errors::kInvalidArgument},
+        // A FIFO nobody reads: refused at once, the host does not wait for a reader.
+        {"InsuranceExport", [&](auto& c) { c << int32_t(5) << fifo.string(); }, dbus::errors::kFailed},
+        {"CalendarAdd", [&](auto& c) { c << huge; }, dbus::errors::kInvalidArgument},
+        {"CalendarRemove", [&](auto& c) { c << std::string("line\nbreak"); }, dbus::errors::kInvalidArgument},
+        {"RecoverStart", [&](auto& c) { c << std::string("bogus") << int32_t(1); }, dbus::errors::kInvalidArgument},
+        {"RecoverStart", [&](auto& c) { c << std::string("custom") << int32_t(1'000'000); }, dbus::errors::kInvalidArgument},
+        {"RecordingDetail", [&](auto& c) { c << std::string("../../api/me"); }, dbus::errors::kInvalidArgument},
+        {"ShareRecording", [&](auto& c) { c << huge; }, dbus::errors::kInvalidArgument},
+        {"RenameSpeakers", [&](auto& c) { c << std::string("rec_1") << deepNames; }, dbus::errors::kInvalidArgument},
+        {"RenameSpeakers", [&](auto& c) { c << std::string("rec_1") << std::string("{\"x\":\"Ana\"}"); }, dbus::errors::kInvalidArgument},
+        {"Reopen", [&](auto& c) { c << std::string("nowhere"); }, dbus::errors::kInvalidArgument},
+    };
+    for (const auto& c : cases) {
+        const auto began = std::chrono::steady_clock::now();
+        EXPECT_EQ(errorOf(c.args, c.method), c.error) << c.method;
+        EXPECT_LT(std::chrono::steady_clock::now() - began, 5s) << c.method;
+    }
+    // Still serving, and still itself.
+    EXPECT_EQ(::waitpid(daemon, nullptr, WNOHANG), 0) << readAll(daemonLog());
+    auto status = run("status --json");
+    EXPECT_NE(status.output.find("\"host\":true"), std::string::npos) << status.output << readAll(daemonLog());
+}
+
+TEST_F(DaemonTest, ARecordingWhoseHostDiesEndsWithASentenceAndAFailure) {
+    const pid_t recording = test::spawnLogged({vell(), "--lang", "en", "record"}, home.tmp() / "record.out");
+    std::string output;
+    for (int i = 0; i < 150 && output.find("File: ") == std::string::npos; ++i) {
+        std::this_thread::sleep_for(100ms);
+        output = readAll(home.tmp() / "record.out");
+    }
+    ASSERT_NE(output.find("File: "), std::string::npos) << output << readAll(daemonLog());
+    ::kill(daemon, SIGKILL);
+    waitpid(daemon, nullptr, 0);
+    daemon = -1;
+    int status = 0;
+    waitpid(recording, &status, 0);
+    output = readAll(home.tmp() / "record.out");
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == cli::kExitFailure) << output;
+    EXPECT_NE(output.find("stopped answering"), std::string::npos) << output;
+    EXPECT_EQ(output.find("Saved"), std::string::npos) << output;
 }
 
 }  // namespace

@@ -3,6 +3,9 @@
 
 #include <signal.h>
 
+#include <chrono>
+#include <thread>
+
 #include "tests/devserver/devserver_process.h"
 #include "tests/support/temp_home.h"
 
@@ -16,6 +19,34 @@ TEST(DevServerLifecycle, StopsCleanlyOnSigtermAndSigint) {
         server.kill(signal);
         EXPECT_EQ(server.exitStatus(), 0) << "signal " << signal;
     }
+}
+
+TEST(DevServerLifecycle, StopsWithinSecondsWhateverIsUnderWay) {
+    // A recording being processed (a long job on the recognition worker), a request held
+    // open by a delay, and twenty uploads before: told to stop, it exits 0 in a few seconds.
+    DevServerProcess server;
+    Api api(server);
+    ASSERT_EQ(api.login("demo@vell.local", "vell-demo").status, 200);
+    ASSERT_EQ(api.admin("POST", "/admin/processing", {{"failNext", 0}, {"delayMs", 60'000}}).status, 200);
+    for (int i = 0; i < 20; ++i) {
+        const std::string bytes = randomBytes(64 * 1024, unsigned(i));
+        auto started = api.start("busy-" + std::to_string(i), int64_t(bytes.size()));
+        ASSERT_EQ(started.status, 200);
+        const std::string id = started.body.value("uploadId", "");
+        ASSERT_EQ(api.part(id, 0, bytes).status, 200);
+        ASSERT_EQ(api.postEmpty("/api/recordings/upload/" + id + "/finalize").status, 200);
+        EXPECT_EQ(api.get("/api/recordings").status, 200);
+    }
+    ASSERT_EQ(api.admin("POST", "/admin/faults", {{"method", "GET"}, {"path", "/api/me"}, {"action", "delay"}, {"delayMs", 600'000}})
+                  .status,
+              200);
+    std::thread held([&server] { (void)Api(server).get("/api/me"); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the request is in
+    const auto began = std::chrono::steady_clock::now();
+    server.kill(SIGTERM);
+    EXPECT_EQ(server.exitStatus(), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(10));
+    held.join();
 }
 
 TEST(DevServerLifecycle, RefusesATakenPortAndBadArguments) {

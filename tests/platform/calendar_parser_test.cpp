@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <ctime>
+#include <nlohmann/json.hpp>
 
 #include "base/files.h"
+#include "base/utf8.h"
 #include "platform/calendar/ical_expand.h"
 
 namespace vell::calendar {
@@ -167,6 +170,65 @@ TEST(CalendarParser, WhatIsNotACalendarIsRefusedWithoutCrashing) {
     }
     auto junk = expandCalendar("BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nDTSTART:garbage\r\nRRULE:FREQ=NOPE\r\n", from, to, {});
     if (junk) EXPECT_TRUE(junk->meetings.empty());
+}
+
+TEST(CalendarParser, HostileCalendarsAreBoundedAndTheirTextMadeValid) {
+    const WallTime from = utc(2026, 3, 1, 0, 0), to = utc(2026, 4, 1, 0, 0);
+    const std::string head = "BEGIN:VCALENDAR\r\nVERSION:2.0\r\n";
+    auto daily = [](const std::string& extra) {
+        return "BEGIN:VEVENT\r\nUID:daily\r\nSUMMARY:Daily\r\nDTSTART:20260301T090000Z\r\nDTEND:20260301T093000Z\r\n"
+               "RRULE:FREQ=DAILY\r\n" + extra + "END:VEVENT\r\n";
+    };
+    std::string manyDates, tooManyDates;
+    for (int i = 0; i < 9'000; ++i) manyDates += "EXDATE;VALUE=DATE:20260302\r\n";
+    for (int i = 0; i < 20'000; ++i) tooManyDates += "EXDATE:20260302T090000Z\r\n";
+    std::string deep = head;
+    for (int i = 0; i < 200'000; ++i) deep += "BEGIN:VEVENT\r\n";
+    struct Case {
+        const char* name;
+        std::string text;
+        std::size_t meetings;   // in March
+        const char* refusal;    // part of the error, or nothing when it reads
+        const char* problem;    // part of the first problem, or nothing
+    } cases[] = {
+        {"title and UID not UTF-8",
+         head + "BEGIN:VEVENT\r\nUID:id-\xff\xfe\r\nSUMMARY:Plan \xc3\x28 \xed\xa0\x80 ok\r\nDTSTART:20260305T100000Z\r\n"
+                "LOCATION:Room \x80\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n",
+         1, nullptr, nullptr},
+        {"nested 200,000 deep", deep, 0, "nests", nullptr},
+        {"9,000 excluded days", head + daily(manyDates) + "END:VCALENDAR\r\n", 30, nullptr, nullptr},
+        {"20,000 excluded times", head + daily(tooManyDates) + "END:VCALENDAR\r\n", 0, nullptr, "excluded dates"},
+    };
+    for (const auto& c : cases) {
+        const auto started = std::chrono::steady_clock::now();
+        auto cal = expandCalendar(c.text, from, to, {});
+        EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(2)) << c.name;
+        if (c.refusal) {
+            ASSERT_FALSE(cal) << c.name;
+            EXPECT_NE(cal.error().find(c.refusal), std::string::npos) << c.name << ": " << cal.error();
+            continue;
+        }
+        ASSERT_TRUE(cal) << c.name << ": " << cal.error();
+        EXPECT_EQ(cal->meetings.size(), c.meetings) << c.name;
+        if (c.problem) {
+            ASSERT_FALSE(cal->problems.empty()) << c.name;
+            EXPECT_NE(cal->problems[0].find(c.problem), std::string::npos) << cal->problems[0];
+        }
+        for (const auto& m : cal->meetings) {
+            EXPECT_TRUE(isValidUtf8(m.id) && isValidUtf8(m.title) && isValidUtf8(m.linkText)) << c.name;
+            const nlohmann::json stored = {{"id", m.id}, {"title", m.title}, {"link", m.linkText}};
+            EXPECT_NO_THROW((void)stored.dump());
+        }
+    }
+    // What stays readable stays: the replaced bytes only.
+    auto text = expandCalendar(cases[0].text, from, to, {});
+    ASSERT_TRUE(text && text->meetings.size() == 1);
+    EXPECT_EQ(text->meetings[0].title, "Plan \xEF\xBF\xBD( \xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD ok");
+    EXPECT_EQ(text->meetings[0].id, "id-\xEF\xBF\xBD\xEF\xBF\xBD");
+    // The 2 March instance is the one the excluded day removes.
+    auto days = expandCalendar(cases[2].text, from, to, {});
+    ASSERT_TRUE(days && !days->meetings.empty());
+    EXPECT_EQ(days->meetings[1].start, utc(2026, 3, 3, 9, 0));
 }
 
 }  // namespace

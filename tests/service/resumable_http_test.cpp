@@ -149,6 +149,34 @@ TEST_F(UploadTest, ConflictsThatNeverMoveTheOffsetEndTheCallInsteadOfLooping) {
     expectStored(*id, file);
 }
 
+TEST_F(UploadTest, AServiceThatCreepsAByteAtATimeIsAsStuckAsOneThatNeverMoves) {
+    auto file = makeFile("vell_rec_creep.aac", 20 * MiB);
+    struct Case {
+        const char* name;
+        nlohmann::json fault;
+    } cases[] = {
+        {"409 one byte on", {{"method", "PUT"}, {"path", "/part"}, {"action", "conflict"}, {"offsetDelta", 1}, {"times", 1000}}},
+        {"one byte acknowledged", {{"method", "PUT"}, {"path", "/part"}, {"action", "partialAck"}, {"bytes", 1}, {"times", 1000}}},
+    };
+    for (const auto& c : cases) {
+        server->clearFaults();
+        ASSERT_LT(server->log().size(), 3000u) << "the log is read back as its last 4000 characters";
+        const int before = partRequestsIn(server->log(), "");
+        server->addFault(c.fault);
+        auto crept = upload(file);
+        ASSERT_FALSE(crept) << c.name;
+        EXPECT_FALSE(crept.error().isNetwork()) << c.name;
+        for (int i = 0; i < 40 && partRequestsIn(server->log(), "") - before < kMaxStalledResyncs; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        EXPECT_EQ(partRequestsIn(server->log(), "") - before, kMaxStalledResyncs) << c.name << server->log();
+    }
+    server->clearFaults();
+    auto id = upload(file);
+    ASSERT_TRUE(id) << id.error().description(Language::English) << server->log();
+    expectStored(*id, file);
+}
+
 TEST_F(UploadTest, FinishedUploadsReturnTheirIdWithoutSendingTheFile) {
     auto file = makeFile("vell_rec_done.aac", 3 * MiB);
     auto first = upload(file);

@@ -2,7 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,34 +12,45 @@ extern char** environ;
 
 namespace vell::test {
 
-namespace {
-pid_t spawnWith(const char* program, std::vector<char*> argv, const std::filesystem::path& output, bool searchPath) {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
-    argv.push_back(nullptr);
-    pid_t pid = -1;
-    const int failed = searchPath ? posix_spawnp(&pid, program, &actions, nullptr, argv.data(), environ)
-                                  : posix_spawn(&pid, program, &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    return failed ? -1 : pid;
+bool dieWithParent(pid_t parent) {
+    if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) return false;
+    return ::getppid() == parent;  // it may have gone before the request took hold
 }
-}  // namespace
+
+pid_t spawnChild(const std::vector<std::string>& argv, const std::filesystem::path& output, char** envp, bool append) {
+    if (argv.empty()) return -1;
+    // Everything the child needs is made before the fork: after it, only plain system calls.
+    std::vector<char*> args;
+    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    const std::string out = output.string();
+    const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (append ? O_APPEND : O_TRUNC);
+    char** environment = envp ? envp : environ;
+    const pid_t parent = ::getpid();
+    const pid_t pid = ::fork();
+    if (pid != 0) return pid;
+    if (!dieWithParent(parent)) ::_exit(127);
+    ::setpgid(0, 0);
+    const int fd = ::open(out.c_str(), flags, 0600);
+    if (fd >= 0) {
+        ::dup2(fd, STDOUT_FILENO);
+        ::dup2(fd, STDERR_FILENO);
+    }
+    ::execvpe(args[0], args.data(), environment);
+    ::_exit(127);
+}
 
 pid_t spawnLogged(std::vector<std::string> args, const std::filesystem::path& output) {
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    return argv.empty() ? -1 : spawnWith(argv[0], argv, output, true);
+    return spawnChild(args, output);
 }
 
 pid_t spawnShell(const std::string& command, const std::filesystem::path& output) {
-    std::string shell = "/bin/sh", flag = "-c", text = command;
-    return spawnWith("/bin/sh", {shell.data(), flag.data(), text.data()}, output, false);
+    return spawnChild({"/bin/sh", "-c", command}, output);
 }
 
 void endProcess(pid_t& pid) {
     if (pid <= 0) return;
+    ::kill(-pid, SIGKILL);
     ::kill(pid, SIGKILL);
     ::waitpid(pid, nullptr, 0);
     pid = -1;

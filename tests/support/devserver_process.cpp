@@ -17,6 +17,7 @@
 #include <stdexcept>
 
 #include "platform/http/curl_session.h"
+#include "tests/support/child_process.h"
 #include "tests/support/temp_home.h"
 
 namespace vell::test {
@@ -60,9 +61,11 @@ void DevServer::start() {
     args.insert(args.end(), options_.extraArgs.begin(), options_.extraArgs.end());
     int out[2];
     if (::pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+    const pid_t parent = ::getpid();
     pid_t pid = ::fork();
     if (pid < 0) throw std::runtime_error("fork failed");
     if (pid == 0) {
+        if (!dieWithParent(parent)) std::_Exit(127);
         ::dup2(out[1], STDOUT_FILENO);
         int log = ::open(logFile_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
         if (log >= 0) ::dup2(log, STDERR_FILENO);

@@ -1,10 +1,15 @@
 #include "tests/support/private_bus.h"
 
+#include "tests/support/child_process.h"
+
+#include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <stdexcept>
@@ -30,15 +35,42 @@ void PrivateBus::start(const fs::path& serviceDirectory) {
                              "eavesdrop=\"true\"/><allow eavesdrop=\"true\"/><allow own=\"*\"/></policy>"
                           << (serviceDirectory.empty() ? std::string() : "<servicedir>" + serviceDirectory.string() + "</servicedir>")
                           << "</busconfig>\n";
-    const std::string command = "dbus-daemon --config-file=" + config.string() + " --fork --print-address=1 --print-pid=1";
-    FILE* out = ::popen(command.c_str(), "r");
-    if (!out) throw std::runtime_error("dbus-daemon could not be started");
-    char line[1024];
-    if (std::fgets(line, sizeof line, out)) address_ = line;
-    if (std::fgets(line, sizeof line, out)) pid_ = std::atoi(line);
-    ::pclose(out);
+    // Run as this process's child (not forked away), so it dies with the test however the
+    // test ends; its address comes on a pipe.
+    int out[2];
+    if (::pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+    std::string program = "dbus-daemon", configArg = "--config-file=" + config.string(), noFork = "--nofork",
+                print = "--print-address=1";
+    char* argv[] = {program.data(), configArg.data(), noFork.data(), print.data(), nullptr};
+    const pid_t parent = ::getpid();
+    pid_ = ::fork();
+    if (pid_ < 0) throw std::runtime_error("fork failed");
+    if (pid_ == 0) {
+        if (!dieWithParent(parent)) ::_exit(127);
+        ::setpgid(0, 0);
+        ::dup2(out[1], STDOUT_FILENO);
+        ::execvp(argv[0], argv);
+        ::_exit(127);
+    }
+    ::close(out[1]);
+    std::string seen;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (seen.find('\n') == std::string::npos) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        pollfd p{out[0], POLLIN, 0};
+        if (left.count() <= 0 || ::poll(&p, 1, static_cast<int>(left.count())) <= 0) break;
+        char buffer[512];
+        const ssize_t n = ::read(out[0], buffer, sizeof buffer);
+        if (n <= 0) break;
+        seen.append(buffer, static_cast<size_t>(n));
+    }
+    ::close(out[0]);
+    address_ = seen.substr(0, seen.find('\n'));
     while (!address_.empty() && (address_.back() == '\n' || address_.back() == '\r')) address_.pop_back();
-    if (address_.empty() || pid_ <= 0) throw std::runtime_error("dbus-daemon did not start");
+    if (address_.empty()) {
+        endProcess(pid_);
+        throw std::runtime_error("dbus-daemon did not start");
+    }
     const char* variable = kind_ == Kind::session ? "DBUS_SESSION_BUS_ADDRESS" : "DBUS_SYSTEM_BUS_ADDRESS";
     if (const char* old = std::getenv(variable)) saved_ = old, hadSaved_ = true;
     ::setenv(variable, address_.c_str(), 1);
@@ -48,7 +80,7 @@ PrivateBus::~PrivateBus() {
     const char* variable = kind_ == Kind::session ? "DBUS_SESSION_BUS_ADDRESS" : "DBUS_SYSTEM_BUS_ADDRESS";
     if (hadSaved_) ::setenv(variable, saved_.c_str(), 1);
     else ::unsetenv(variable);
-    if (pid_ > 0) ::kill(pid_, SIGTERM);
+    endProcess(pid_);
     std::error_code ec;
     fs::remove_all(dir_, ec);
 }

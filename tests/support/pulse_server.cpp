@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include "tests/support/child_process.h"
 #include "tests/support/temp_home.h"
 
 extern char** environ;
@@ -38,18 +39,8 @@ std::string quote(const std::string& s) {
 }
 
 pid_t spawn(const std::vector<std::string>& argv, char** envp, const std::string& logFile = {}) {
-    std::vector<char*> args;
-    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    const char* out = logFile.empty() ? "/dev/null" : logFile.c_str();
-    posix_spawn_file_actions_addopen(&actions, 1, out, O_WRONLY | O_CREAT | O_APPEND, 0600);
-    posix_spawn_file_actions_addopen(&actions, 2, out, O_WRONLY | O_CREAT | O_APPEND, 0600);
-    pid_t pid = -1;
-    int rc = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), envp);
-    posix_spawn_file_actions_destroy(&actions);
-    if (rc != 0) throw std::runtime_error("cannot start " + argv[0]);
+    const pid_t pid = spawnChild(argv, logFile.empty() ? fs::path("/dev/null") : fs::path(logFile), envp, true);
+    if (pid < 0) throw std::runtime_error("cannot start " + argv[0]);
     return pid;
 }
 
@@ -98,6 +89,7 @@ PulseServer::PulseServer() {
     // The server gets its own HOME too, so parallel servers never share state files.
     std::vector<std::string> env = {"XDG_RUNTIME_DIR=" + dir_.string(), "HOME=" + dir_.string(),
                                     "PATH=" + std::string(std::getenv("PATH") ? std::getenv("PATH") : "/usr/bin:/bin")};
+    if (const char* suite = std::getenv(kSuiteMarker)) env.push_back(std::string(kSuiteMarker) + "=" + suite);
     std::vector<char*> envp;
     for (auto& e : env) envp.push_back(e.data());
     envp.push_back(nullptr);

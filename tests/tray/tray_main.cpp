@@ -3,9 +3,13 @@
 
 #include <QApplication>
 
+#include <cstdlib>
+
 #include "app/composition.h"
+#include "tests/support/child_process.h"
 
 int main(int argc, char** argv) {
+    ::setenv(vell::test::kSuiteMarker, VELL_BINARY_DIR, 1);  // see tests/main.cpp
     if (!qEnvironmentVariableIsSet("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
     QApplication application(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
