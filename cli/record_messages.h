@@ -26,6 +26,8 @@ inline constexpr Text kSystemLabel{"system", "sistema"};
 // Followed by the reason.
 inline constexpr Text kDidNotStart{"The recording did not start: ", "La grabación no empezó: "};
 // Followed by the length in seconds and " s".
+inline constexpr Text kDiscarded{"Discarded. vell undo brings it back within 5 minutes.",
+                                 "Descartada. vell undo la recupera dentro de los 5 minutos."};
 inline constexpr Text kSaved{"Saved, ready to upload. Length: ", "Guardada, lista para subir. Duración: "};
 
 inline constexpr Text kLiveOption{"Print the live advice (cues) as it arrives",
