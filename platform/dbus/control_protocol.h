@@ -86,14 +86,14 @@
 
 namespace vell::dbus {
 
-inline constexpr const char* kControlName = "app.quillon.mac.Vell1";
-inline constexpr const char* kControlPath = "/app/quillon/mac/Vell1";
-inline constexpr const char* kControlInterface = "app.quillon.mac.Vell1";
+inline constexpr const char* kControlName = "app.quillon.Vell1";
+inline constexpr const char* kControlPath = "/app/quillon/Vell1";
+inline constexpr const char* kControlInterface = "app.quillon.Vell1";
 
 namespace errors {
-inline constexpr const char* kFailed = "app.quillon.mac.Vell1.Error.Failed";
-inline constexpr const char* kSignedOut = "app.quillon.mac.Vell1.Error.SignedOut";
-inline constexpr const char* kNotRecording = "app.quillon.mac.Vell1.Error.NotRecording";
+inline constexpr const char* kFailed = "app.quillon.Vell1.Error.Failed";
+inline constexpr const char* kSignedOut = "app.quillon.Vell1.Error.SignedOut";
+inline constexpr const char* kNotRecording = "app.quillon.Vell1.Error.NotRecording";
 }  // namespace errors
 
 }  // namespace vell::dbus
