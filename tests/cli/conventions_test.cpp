@@ -41,16 +41,20 @@ TEST(CliConventions, HelpVersionAndQuestionsWriteNoAutostartEntry) {
         runVell(home, args);
         EXPECT_FALSE(fs::exists(entry)) << "vell " << args << " wrote the autostart entry";
     }
+}
+
+TEST(CliConventions, TheTraysHelpAndVersionStartNothing) {
     const auto tray = binaryPath("vell-tray");
     if (!fs::exists(tray)) GTEST_SKIP() << "built without the tray";
+    TempHome home;
     for (const char* flag : {"--help", "--version"}) {
-        // No display needed, nothing started: it answers and ends.
+        // No display needed: it answers and ends.
         auto run = runCommand("env -u DISPLAY -u WAYLAND_DISPLAY QT_QPA_PLATFORM=xcb '" + tray.string() + "' " + flag + " 2>&1");
         EXPECT_EQ(run.status, 0) << flag << ": " << run.output;
         EXPECT_NE(run.output.find(std::string(flag) == "--help" ? "Usage: vell-tray" : "vell-tray 0."), std::string::npos)
             << run.output;
-        EXPECT_FALSE(fs::exists(entry)) << "vell-tray " << flag << " wrote the autostart entry";
-        EXPECT_FALSE(fs::exists(paths::vellDataDirectory() / "instance.lock")) << "vell-tray " << flag << " took the data folder";
+        EXPECT_FALSE(fs::exists(home.configHome() / "autostart")) << "vell-tray " << flag << " wrote the autostart entry";
+        EXPECT_FALSE(fs::exists(paths::vellDataDirectory())) << "vell-tray " << flag << " took the data folder";
     }
 }
 
