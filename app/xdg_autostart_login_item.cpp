@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <sstream>
 
+#include "base/application_id.h"
 #include "base/files.h"
 
 namespace vell::app {
@@ -80,7 +81,7 @@ Expected<Unit, std::string> XdgAutostartLoginItem::registerItem() {
         "Name=Vell\n"
         "Comment=Records your calls and uploads them to Vell\n"
         "Exec=" + command_ + "\n"
-        "Icon=vell\n"
+        "Icon=" + std::string(kApplicationID) + "\n"
         "Terminal=false\n"
         "X-GNOME-Autostart-enabled=true\n";
     if (!files::writeAtomically(entry_, text, ec)) return unexpected("cannot write " + entry_.string() + ": " + ec.message());

@@ -18,9 +18,12 @@ inline constexpr Text kBadSelection{"Choose default, builtin or uid:<device UID>
 inline constexpr Text kUIDNotText{"The device UID is not valid UTF-8 text.",
                                   "El UID del dispositivo no es texto UTF-8 válido."};
 inline constexpr Text kEmptyUID{"The device UID after \"uid:\" is empty.", "El UID del dispositivo después de \"uid:\" está vacío."};
+inline constexpr Text kNoSoundServerRunning{
+    "No sound server is running (PipeWire or PulseAudio). Start one (for example: systemctl --user start pipewire-pulse) and try again.",
+    "No hay ningún servidor de sonido en marcha (PipeWire o PulseAudio). Iniciá uno (por ejemplo: systemctl --user start pipewire-pulse) y volvé a intentar."};
 inline constexpr Text kNoSoundServer{"The sound server is not reachable: ", "No se puede contactar al servidor de sonido: "};
 inline constexpr Text kRecordingLabel{"Recording microphone", "Micrófono de grabación"};
-inline constexpr Text kInsuranceLabel{"Insurance microphone", "Micrófono del seguro"};
+inline constexpr Text kInsuranceLabel{"Insurance microphone", "Micrófono del modo respaldo"};
 inline constexpr Text kMicrophoneSaved{"Saved.", "Guardado."};
 inline constexpr Text kNotConnectedYet{"Note: that microphone is not connected now; the system default is used until it is.",
                                        "Ojo: ese micrófono no está conectado ahora; se usa el predeterminado del sistema hasta que lo esté."};
@@ -37,7 +40,7 @@ inline constexpr Text kNoMicrophones{"No microphones found.", "No se encontraron
 inline constexpr Text kOpens{"opens", "abre"};
 inline constexpr Text kSystemDefaultDevice{"the system default", "el predeterminado del sistema"};
 inline constexpr Text kMicDescription{"Choose the microphone for recordings or for insurance mode",
-                                      "Elegí el micrófono para las grabaciones o para el modo seguro"};
+                                      "Elegí el micrófono para las grabaciones o para el modo respaldo"};
 inline constexpr Text kMicUseOption{"recording or insurance", "recording o insurance"};
 inline constexpr Text kMicChoiceOption{"default, builtin, or a microphone as vell devices lists it (its UID, uid:<UID> or its name)",
                                        "default, builtin, o un micrófono como lo lista vell devices (su UID, uid:<UID> o su nombre)"};

@@ -29,6 +29,12 @@ public:
     using CoreAudioError::CoreAudioError;
 };
 
+// No sound server answers at all: none is running for this user, or its socket is gone.
+class SoundServerAbsent : public CoreAudioError {
+public:
+    using CoreAudioError::CoreAudioError;
+};
+
 // The device to open was refused.
 class MicCaptureError : public std::runtime_error {
 public:

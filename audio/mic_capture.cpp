@@ -76,12 +76,15 @@ void MicCapture::start(const MicrophoneTarget& target, BufferHandler handler, st
             throw;
         }
         logger().info(std::string("primary microphone engine failed, trying the fallback: ") + primaryError.what());
+        const auto primary = std::current_exception();
         try {
             open(makeFallbackEngine_(), target, handler, onDeviceChange);
             usingFallback_ = true;
         } catch (const std::exception& fallbackError) {
             logger().error(std::string("fallback microphone engine failed too: ") + fallbackError.what());
             if (deviceRequested && target.uid && healthReporter_) healthReporter_(*target.uid, true);
+            // With no sound server at all, that is what the user has to fix, not the fallback's device.
+            if (dynamic_cast<const SoundServerAbsent*>(&primaryError)) std::rethrow_exception(primary);
             throw;
         }
     }

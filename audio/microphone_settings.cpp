@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "audio/capture_messages.h"
+#include "audio/error_sentence.h"
 #include "base/log.h"
 #include "base/preference_keys.h"
 #include "base/runtime.h"
@@ -203,7 +204,7 @@ void MicrophoneSettings::refresh() {
         logger().error(std::string("cannot list microphones: ") + e.what());
         devices.set({});
         systemDefaultUID.set(std::nullopt);
-        lastError.set(e.what());
+        lastError.set(failureSentence(e));
         retryLater();
     }
 }

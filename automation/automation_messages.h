@@ -7,10 +7,10 @@ namespace vell::automation::messages {
 inline constexpr Text kRecordCalendarMeetings{"Record calendar meetings", "Grabar reuniones del calendario"};
 inline constexpr Text kRecordCalendarMeetingsExplanation{
     "Starts recording when a meeting in your calendar begins: a timed event you haven't declined, with other people "
-    "or a video link. Delete it from the menu bar if it started at the wrong moment; Undo stays available for 5 "
+    "or a video link. Delete it from the Vell icon in the panel if it started at the wrong moment; Undo stays available for 5 "
     "minutes. Any recording stops after 10 minutes without speech, and a meeting recording nobody spoke in is removed.",
     "Empieza a grabar cuando arranca una reunión de tu calendario: un evento con horario que no rechazaste, con otras "
-    "personas o un enlace de video. Borrala desde la barra de menú si empezó en un mal momento; Deshacer sigue "
+    "personas o un enlace de video. Borrala desde el ícono de Vell en el panel si empezó en un mal momento; Deshacer sigue "
     "disponible durante 5 minutos. Toda grabación se detiene tras 10 minutos sin voz, y una grabación de reunión en la "
     "que nadie habló se borra."};
 inline constexpr Text kUntitledMeeting{"Meeting", "Reunión"};
@@ -24,12 +24,12 @@ inline constexpr Text kMeetingNotificationBody{"Started from your calendar. Dele
 // Discards.
 inline constexpr Text kNothingKept{"Nothing from this recording was kept.", "No se guardó nada de esta grabación."};
 inline constexpr Text kUndo{"Undo", "Deshacer"};
-inline constexpr Text kClosePanel{"Close (Undo stays in the menu bar)", "Cerrar (Deshacer sigue en la barra de menú)"};
+inline constexpr Text kClosePanel{"Close (Undo stays at the Vell icon in the panel)", "Cerrar (Deshacer sigue en el ícono de Vell en el panel)"};
 inline constexpr Text kTooLateToUndo{"Too late to undo: the recording is gone.",
                                      "Ya no se puede deshacer: la grabación se borró."};
 inline constexpr Text kNobodySpokeTitle{"Nobody spoke, so nothing was kept", "Nadie habló, así que no se guardó nada"};
-inline constexpr Text kNobodySpokeBody{"Undo from the menu bar within 5 minutes.",
-                                       "Podés deshacerlo desde la barra de menú durante 5 minutos."};
+inline constexpr Text kNobodySpokeBody{"Undo from the Vell icon in the panel within 5 minutes.",
+                                       "Podés deshacerlo desde el ícono de Vell en el panel durante 5 minutos."};
 inline constexpr Text kNothingToUndo{"There is no discarded recording to undo.",
                                      "No hay ninguna grabación descartada para deshacer."};
 

@@ -15,6 +15,7 @@
 #include "cli/calendar_messages.h"
 #include "cli/command.h"
 #include "cli/host_client.h"
+#include "cli/json_output.h"
 #include "cli/runtime_scope.h"
 #include "platform/calendar/calendar_report.h"
 #include "platform/calendar/ics_calendar_source.h"
@@ -94,8 +95,13 @@ void printSources(const Json& report) {
 int list(Context& context, bool json) {
     auto report = fetchReport(context, false);
     if (!report) return context.exitCode ? context.exitCode : kExitFailure;
-    if (json) std::cout << (*report)["sources"].dump(2) << "\n";
-    else printSources(*report);
+    if (json) {
+        auto sources = (*report)["sources"];
+        for (auto& s : sources) s["loadedAt"] = isoFromUTC(s.value("loadedAt", Json()));
+        std::cout << sources.dump(2) << "\n";
+    } else {
+        printSources(*report);
+    }
     return kExitOK;
 }
 
@@ -104,7 +110,12 @@ int upcoming(Context& context, bool json) {
     if (!report) return context.exitCode ? context.exitCode : kExitFailure;
     const auto& meetings = (*report)["upcoming"];
     if (json) {
-        std::cout << meetings.dump(2) << "\n";
+        auto out = meetings;
+        for (auto& m : out) {
+            m["start"] = isoFromUTC(m.value("start", Json()));
+            m["end"] = isoFromUTC(m.value("end", Json()));
+        }
+        std::cout << out.dump(2) << "\n";
         return kExitOK;
     }
     if (meetings.empty()) std::cout << msg::kNoUpcoming.str() << "\n";
@@ -144,7 +155,7 @@ int add(Context& context, const std::string& source) {
     } else {
         auto added = calendar::addSource(UserDefaults::standard(), source);
         if (!added) {
-            std::cerr << added.error() << "\n";
+            std::cerr << "vell: " << added.error() << "\n";
             return kExitFailure;
         }
         stored = *added;
@@ -156,7 +167,7 @@ int add(Context& context, const std::string& source) {
             if (text(s, "source") != stored) continue;
             // A subscription the host is still downloading has no error yet.
             if (!s.value("readable", false) && !text(s, "error").empty()) {
-                std::cerr << msg::kAddedButUnreadable.str() << text(s, "error") << "\n";
+                std::cerr << "vell: " << msg::kAddedButUnreadable.str() << text(s, "error") << "\n";
             }
         }
     }
@@ -174,7 +185,7 @@ int remove(const std::string& source) {
         removed = calendar::removeSource(UserDefaults::standard(), source);
     }
     if (!removed) {
-        std::cerr << removed.error() << "\n";
+        std::cerr << "vell: " << removed.error() << "\n";
         return kExitFailure;
     }
     std::cout << msg::kRemoved.str() << *removed << "\n";

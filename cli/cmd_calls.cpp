@@ -32,8 +32,44 @@ inline constexpr Text kCallers{"Callers: ", "Llamadas: "};
 inline constexpr Text kNone{"none", "ninguna"};
 inline constexpr Text kPresence{"Call: ", "Llamada: "};
 inline constexpr Text kNoSoundServer{"The sound server could not be read.", "No se pudo leer el servidor de sonido."};
+inline constexpr Text kInCall{"in progress", "en curso"};
+inline constexpr Text kNoCall{"none", "ninguna"};
+inline constexpr Text kEnding{"maybe over (the call application still holds the microphone, nothing plays)",
+                              "quizás terminó (la aplicación de llamadas sigue con el micrófono y no suena nada)"};
+inline constexpr Text kUnknownCall{"unknown", "no se sabe"};
 
 using Json = nlohmann::ordered_json;
+
+// The call as scripts see it: "inCall", "noCall", "ending" or "unknown", from the
+// recorder's own sample names (which stay internal).
+std::string callWord(const std::string& presence) {
+    if (presence == "active") return "inCall";
+    if (presence == "weaklyAbsent") return "noCall";
+    if (presence == "stronglyAbsent") return "ending";
+    return "unknown";
+}
+
+// The documented status: the switch, the watch, the callers, the call and whether the
+// call recorder owns the running recording, and whether it waits for this call to end
+// before it starts again (the user stopped its recording).
+Json publicStatus(const Json& status) {
+    const Json state = status.value("state", Json::object());
+    Json out{{"enabled", status.value("enabled", false)},
+             {"monitoring", status.value("monitoring", false)},
+             {"activeCallers", status.value("activeCallers", Json::array())},
+             {"callers", status.value("callers", Json::array())},
+             {"call", callWord(status.value("presence", "unknown"))},
+             {"recording", state.value("ownsRecording", false)},
+             {"waitingForCallEnd", state.value("suppressedUntilIdle", false)}};
+    return out;
+}
+
+const Text& callText(const std::string& call) {
+    if (call == "inCall") return kInCall;
+    if (call == "noCall") return kNoCall;
+    if (call == "ending") return kEnding;
+    return kUnknownCall;
+}
 
 void printText(const Json& j) {
     std::cout << kSwitch.str() << (j.value("enabled", false) ? kOn : kOff).str() << "\n";
@@ -42,7 +78,7 @@ void printText(const Json& j) {
     const auto& callers = j["activeCallers"];
     if (callers.empty()) std::cout << kNone.str();
     for (size_t i = 0; i < callers.size(); ++i) std::cout << (i ? ", " : "") << callers[i].get<std::string>();
-    std::cout << "\n" << kPresence.str() << j.value("presence", "unknown") << "\n";
+    std::cout << "\n" << kPresence.str() << callText(j.value("call", "unknown")).str() << "\n";
 }
 
 // Without a host: the stored switch and one look at who uses audio now.
@@ -59,7 +95,7 @@ int inProcess(Context& context, const std::string& action, bool json) {
     pulse::PulseCallScanner scanner;
     auto scan = scanner.scanNow();
     if (!scan) {
-        std::cerr << kNoSoundServer.str() << "\n";
+        std::cerr << "vell: " << kNoSoundServer.str() << "\n";
     } else {
         std::vector<std::string> names;
         for (const auto& c : scan->callers) {
@@ -72,8 +108,8 @@ int inProcess(Context& context, const std::string& action, bool json) {
         std::sort(names.begin(), names.end());
         j["activeCallers"] = names;
     }
-    if (json) std::cout << j.dump() << "\n";
-    else printText(j);
+    if (json) std::cout << publicStatus(j).dump() << "\n";
+    else printText(publicStatus(j));
     return kExitOK;
 }
 
@@ -82,8 +118,9 @@ int calls(Context& context, const std::string& action, bool json) {
         auto result = action == "status" ? host->callsStatus() : host->setCallsEnabled(action == "on");
         if (!result) return reportHostError(result.error());
         auto j = Json::parse(*result, nullptr, false);
-        if (json || j.is_discarded()) std::cout << *result << "\n";
-        else printText(j);
+        if (j.is_discarded()) std::cout << *result << "\n";
+        else if (json) std::cout << publicStatus(j).dump() << "\n";
+        else printText(publicStatus(j));
         return kExitOK;
     }
     return inProcess(context, action, json);

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "audio/capture_messages.h"
+#include "audio/error_sentence.h"
 #include "audio/mic_capture.h"
 #include "audio/microphone_settings.h"
 #include "base/user_defaults.h"
@@ -78,7 +79,7 @@ void setup(CLI::App& app, Context& context) {
         try {
             mic->start(settings.target(resolution), [&](audio::PcmBufferPtr b) { micLevels.add(*b); }, {});
         } catch (const std::exception& e) {
-            std::cerr << "vell: " << msg::kMicrophoneFailed.str() << e.what() << "\n";
+            std::cerr << "vell: " << msg::kMicrophoneFailed.str() << audio::failureSentence(e) << "\n";
             context.exitCode = kExitFailure;
             return;
         }
@@ -87,7 +88,7 @@ void setup(CLI::App& app, Context& context) {
         try {
             tap.start([&](audio::PcmBufferPtr b) { systemLevels.add(*b); });
         } catch (const std::exception& e) {
-            tapError = e.what();
+            tapError = audio::failureSentence(e);
         }
         std::cout << msg::kMicrophoneHeading.str() << ": "
                   << audio::selectionLabel(settings.recordingSelection.get(), settings.devices.get(), settings.systemDefaultUID.get(),

@@ -2,6 +2,8 @@
 // session lasts (recording, uploads by themselves, the automations as they are enabled),
 // serves the other vell commands over the session bus, and on SIGTERM, SIGINT or a quit
 // request stops a recording so that its saved part stays ready for upload.
+#include <unistd.h>
+
 #include <iostream>
 
 #include "app/composition.h"
@@ -41,7 +43,16 @@ int daemon(Context& context) {
 
 void setup(CLI::App& app, Context& context) {
     auto* cmd = app.add_subcommand("daemon", help::kDaemon.str());
-    cmd->callback([&context] { context.exitCode = daemon(context); });
+    cmd->callback([&context] {
+        // Run by hand in a terminal, the host shows what it does there, as a foreground
+        // server does; under systemd (no terminal) its lines go to the journal.
+        if (::isatty(STDERR_FILENO) == 1) {
+            log::forceStandardError(true);
+            log::echoToStandardError(true);
+            if (context.verbosity == 0) log::setMinimumLevel(log::Level::Info);
+        }
+        context.exitCode = daemon(context);
+    });
 }
 
 }  // namespace

@@ -21,7 +21,7 @@ void setup(CLI::App& app, Context& context) {
     cmd->callback([&context, json] {
         audio::MicrophoneSettings settings(platform::makePulseInputDevices(), UserDefaults::standard(), false);
         if (!settings.lastError.get().empty()) {
-            std::cerr << "vell: " << msg::kNoSoundServer.str() << settings.lastError.get() << "\n";
+            std::cerr << "vell: " << soundServerFailure(settings) << "\n";
             context.exitCode = kExitFailure;
             return;
         }

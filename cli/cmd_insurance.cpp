@@ -13,6 +13,7 @@
 #include "cli/command.h"
 #include "cli/host_client.h"
 #include "cli/insurance_messages.h"
+#include "cli/json_output.h"
 #include "insurance/insurance_buffer_store.h"
 #include "insurance/insurance_status.h"
 
@@ -31,6 +32,8 @@ std::string humanBytes(std::int64_t bytes) {
 void printStatus(const InsuranceStatus& s, bool json, bool hostRunning) {
     if (json) {
         auto j = insurance::toJson(s);
+        j["bufferedFrom"] = isoTime(s.bufferedFrom);
+        j["bufferedTo"] = isoTime(s.bufferedTo);
         j["host"] = hostRunning;
         std::cout << j.dump(2) << "\n";
         return;
@@ -70,7 +73,7 @@ int status(bool json) {
 }
 
 int needsHost() {
-    std::cerr << msg::kNeedsHost.str() << "\n";
+    std::cerr << "vell: " << msg::kNeedsHost.str() << "\n";
     return kExitFailure;
 }
 
@@ -90,7 +93,7 @@ int on(bool json, bool acceptPrivacy) {
             accepted = !line.empty() && (line[0] == 'y' || line[0] == 'Y' || line[0] == 's' || line[0] == 'S');
         }
         if (!accepted) {
-            std::cerr << msg::kNeedsAcceptance.str() << "\n";
+            std::cerr << "vell: " << msg::kNeedsAcceptance.str() << "\n";
             return kExitUsage;
         }
     }
@@ -128,6 +131,11 @@ int chunks(bool json) {
     if (!answer) return reportHostError(answer.error());
     auto list = nlohmann::json::parse(*answer, nullptr, false);
     if (json) {
+        if (!list.is_array()) list = nlohmann::json::array();
+        for (auto& c : list) {
+            c["start"] = isoFromMilliseconds(c.value("start", nlohmann::json()));
+            c["end"] = isoFromMilliseconds(c.value("end", nlohmann::json()));
+        }
         std::cout << list.dump(2) << "\n";
         return kExitOK;
     }
@@ -163,7 +171,17 @@ int requests(bool json) {
     auto list = nlohmann::json::parse(*answer, nullptr, false);
     if (!list.is_array()) list = nlohmann::json::array();
     if (json) {
-        std::cout << list.dump(2) << "\n";
+        nlohmann::json out = nlohmann::json::array();
+        for (auto r : list) {
+            // The times by their names, as everywhere else in --json.
+            for (const auto& [ms, name] : {std::pair{"fromMs", "from"}, std::pair{"toMs", "to"}, std::pair{"answeredAtMs", "answeredAt"}}) {
+                if (!r.contains(ms)) continue;
+                r[name] = isoFromMilliseconds(r[ms]);
+                r.erase(ms);
+            }
+            out.push_back(std::move(r));
+        }
+        std::cout << out.dump(2) << "\n";
         return kExitOK;
     }
     if (list.empty()) std::cout << msg::kNoRequests.str() << "\n";
@@ -201,7 +219,8 @@ void setup(CLI::App& app, Context& context) {
 
     auto minutes = std::make_shared<int>(15);
     auto* windowCmd = cmd->add_subcommand("window", msg::kWindowDescription.str());
-    windowCmd->add_option("minutes", *minutes, msg::kMinutesOption.str())->required();
+    // Out of range is refused rather than quietly clamped: the user asked for something else.
+    windowCmd->add_option("minutes", *minutes, msg::kMinutesOption.str())->required()->check(CLI::Range(5, 60));
     windowCmd->add_flag("--json", *json, msg::kJsonOption.str());
     windowCmd->callback([&context, json, minutes] { context.exitCode = window(*minutes, *json); });
 
@@ -212,7 +231,7 @@ void setup(CLI::App& app, Context& context) {
     auto exportMinutes = std::make_shared<int>(5);
     auto output = std::make_shared<std::string>();
     auto* exportCmd = cmd->add_subcommand("export", msg::kExportDescription.str());
-    exportCmd->add_option("--minutes", *exportMinutes, msg::kMinutesOption.str());
+    exportCmd->add_option("--minutes", *exportMinutes, msg::kMinutesOption.str())->check(CLI::Range(1, 60));
     exportCmd->add_option("-o,--output", *output, msg::kOutputOption.str())->required();
     exportCmd->callback([&context, exportMinutes, output] { context.exitCode = exportAudio(*exportMinutes, *output); });
 

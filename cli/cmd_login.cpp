@@ -49,12 +49,12 @@ std::optional<std::string> ask(const std::string& prompt) {
 int login(Context& context, std::string email) {
     if (email.empty()) email = ask(messages::kEmailPrompt).value_or("");
     if (email.empty()) {
-        std::cerr << messages::kMissingEmail.str() << "\n";
+        std::cerr << "vell: " << messages::kMissingEmail.str() << "\n";
         return kExitUsage;
     }
     auto password = readSecret(messages::kPasswordPrompt);
     if (!password || password->empty()) {
-        std::cerr << messages::kMissingPassword.str() << "\n";
+        std::cerr << "vell: " << messages::kMissingPassword.str() << "\n";
         return kExitUsage;
     }
     if (auto host = runningHost()) {
@@ -63,7 +63,7 @@ int login(Context& context, std::string email) {
         if (*step == "mfaRequired") {
             auto code = ask(messages::kCodePrompt);
             if (!code || code->empty()) {
-                std::cerr << messages::kMissingCode.str() << "\n";
+                std::cerr << "vell: " << messages::kMissingCode.str() << "\n";
                 return kExitUsage;
             }
             if (auto verified = host->verifyCode(*code); !verified) return reportHostError(verified.error());
@@ -88,14 +88,14 @@ int login(Context& context, std::string email) {
     });
     scope->run();
     if (failure) {
-        std::cerr << failure->descriptionWithCause() << "\n";
+        std::cerr << "vell: " << failure->descriptionWithCause() << "\n";
         return kExitFailure;
     }
     if (step == service::SignInStep::mfaRequired) {
         auto code = ask(messages::kCodePrompt);
         if (!code || code->empty()) {
             state.cancelMfa();
-            std::cerr << messages::kMissingCode.str() << "\n";
+            std::cerr << "vell: " << messages::kMissingCode.str() << "\n";
             return kExitUsage;
         }
         service::MfaAnswer answer;
@@ -111,13 +111,13 @@ int login(Context& context, std::string email) {
         });
         scope->run();
         if (failure) {
-            std::cerr << failure->descriptionWithCause() << "\n";
+            std::cerr << "vell: " << failure->descriptionWithCause() << "\n";
             return kExitFailure;
         }
     }
     auto me = state.me.get();
     if (state.sessionNotStored()) {
-        std::cerr << messages::kSessionNotStored.str() << "\n";
+        std::cerr << "vell: " << messages::kSessionNotStored.str() << "\n";
         return kExitFailure;
     }
     std::cout << messages::kSignedInAs.str() << (me ? me->email : email) << ".\n";

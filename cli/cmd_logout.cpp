@@ -28,7 +28,7 @@ int logout(Context& context) {
         auto ended = account.logoutNow();
         // A session the service already dropped is just as ended.
         if (!ended && !ended.error().isSessionRejection()) {
-            std::cerr << messages::kLogoutNotReached.str() << " (" << ended.error().description() << ")\n";
+            std::cerr << "vell: " << messages::kLogoutNotReached.str() << " (" << ended.error().description() << ")\n";
         }
     }
     core.appState().localSignOut();

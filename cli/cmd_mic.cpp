@@ -30,7 +30,7 @@ void setup(CLI::App& app, Context& context) {
         if (use->empty()) {
             printMicrophoneChoice(msg::kRecordingLabel, settings.recordingSelection.get(), settings);
             printMicrophoneChoice(msg::kInsuranceLabel, settings.insuranceSelection.get(), settings);
-            if (!settings.lastError.get().empty()) std::cerr << "vell: " << msg::kNoSoundServer.str() << settings.lastError.get() << "\n";
+            if (!settings.lastError.get().empty()) std::cerr << "vell: " << soundServerFailure(settings) << "\n";
             return;
         }
         if (choice->empty()) {

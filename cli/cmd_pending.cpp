@@ -10,6 +10,7 @@
 #include "app/core_services.h"
 #include "cli/command.h"
 #include "cli/host_client.h"
+#include "cli/json_output.h"
 #include "cli/pending_messages.h"
 #include "cli/units.h"
 #include "cli/runtime_scope.h"
@@ -64,6 +65,22 @@ size_t displayWidth(const std::string& s) {
     return n;
 }
 
+// One recording for scripts: the stored fields, with times in ISO 8601 and the file as a path.
+nlohmann::ordered_json forScripts(const recording::PendingRecording& r) {
+    auto j = recording::coding::encode(r);
+    nlohmann::ordered_json out;
+    for (const auto& item : j.items()) {
+        const auto& key = item.key();
+        const auto& value = item.value();
+        if (key == "fileURL") out["file"] = r.fileURL.string();
+        else if (key == "startedAt") out[key] = isoTime(r.startedAt);
+        else if (key == "finishedAt") out[key] = isoTime(r.finishedAt);
+        else if (key == "discardedAt") out[key] = isoTime(r.discardedAt);
+        else out[key] = value;
+    }
+    return out;
+}
+
 void printTable(const std::vector<recording::PendingRecording>& list) {
     constexpr size_t kColumns = 6;
     std::vector<std::array<std::string, kColumns>> rows;
@@ -106,7 +123,7 @@ void setup(CLI::App& app, Context& context) {
         }
         if (*json) {
             nlohmann::ordered_json array = nlohmann::ordered_json::array();
-            for (const auto& r : list) array.push_back(recording::coding::encode(r));
+            for (const auto& r : list) array.push_back(forScripts(r));
             std::cout << array.dump(2) << "\n";
         } else if (list.empty()) {
             std::cout << msg::kEmpty.str() << "\n";

@@ -75,7 +75,11 @@ public:
                       << std::endl;
             return;
         }
-        if (quiet_) return;
+        if (quiet_) {
+            // Quiet drops the hints, not the result: the id alone, for a script to keep.
+            std::cout << id << std::endl;
+            return;
+        }
         std::cout << msg::kRecording.str() << id << "\n" << msg::kFile.str() << file << std::endl;
         if (limitSeconds > 0) {
             std::cerr << msg::kStopHintLimited.str() << fmt::format("{:g}", limitSeconds) << msg::kStopHintLimitedEnd.str() << "\n";

@@ -12,13 +12,16 @@
 #include "app/composition.h"
 #include "app/composition_results.h"
 #include "app/core_services.h"
+#include "base/paths.h"
 #include "cli/command.h"
 #include "cli/host_client.h"
+#include "cli/json_output.h"
 #include "cli/results_messages.h"
 #include "cli/runtime_scope.h"
 #include "results/recording_results.h"
 #include "results/results_messages.h"
 #include "service/api_error.h"
+#include "service/upload_receipts.h"
 
 namespace vell::cli {
 
@@ -56,7 +59,7 @@ Answer inProcess(Context& context, Call call, Convert convert) {
             answer.value = convert(*r);
         } else {
             answer.error = r.error();
-            answer.signedOut = r.error() == service::APIError::unauthenticated().description();
+            answer.signedOut = results::meansSignedOut(r.error());
         }
         scope->stop();
     });
@@ -73,6 +76,41 @@ Answer fromHost(const Expected<std::string, dbus::ControlError>& reply, bool isJ
     }
     answer.value = isJson ? Json::parse(*reply, nullptr, false) : Json(*reply);
     return answer;
+}
+
+// A local id as the recorder makes them (a UUID), which only this computer knows.
+bool isLocalID(const std::string& id) {
+    if (id.size() != 36) return false;
+    for (size_t i = 0; i < id.size(); ++i) {
+        const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
+        if (dash ? id[i] != '-' : !std::isxdigit(static_cast<unsigned char>(id[i]))) return false;
+    }
+    return true;
+}
+
+// The service's id for the id a person typed: `vell recordings` prints the service's own,
+// `vell pending` the local one, which the upload receipts translate once it went up.
+Answer serviceID(const std::string& typed) {
+    Answer answer;
+    service::UploadReceipts receipts(paths::vellDataDirectory() / "upload-receipts.json");
+    if (auto receipt = receipts.find(typed); receipt && !receipt->recordingID.empty()) {
+        answer.value = receipt->recordingID;
+    } else if (isLocalID(typed)) {
+        answer.error = msg::kNotUploadedYet.str();
+    } else {
+        answer.value = typed;
+    }
+    return answer;
+}
+
+// A result as --json prints it: the service's milliseconds as an ISO 8601 time.
+Json forScripts(Json result) {
+    if (result.is_object() && result.contains("createdAt")) {
+        result["createdAt"] = result["createdAt"].is_number() && result["createdAt"].get<double>() > 0
+                                  ? isoFromMilliseconds(result["createdAt"])
+                                  : Json();
+    }
+    return result;
 }
 
 int report(Context& context, const Answer& answer) {
@@ -143,8 +181,9 @@ void printSpeakers(const RecordingResult& r) {
 }
 
 std::string headline(const RecordingResult& r) {
-    return fmt::format("{}  {}  {}  {}", r.id, r.createdAt ? dateText(r.createdAt) : std::string("-"),
-                       results::conversationClock(r.durationMs), r.stateSentence());
+    const std::string about = r.firstSummaryLine(60);
+    return fmt::format("{}  {}  {}  {}{}", r.id, r.createdAt ? dateText(r.createdAt) : std::string("-"),
+                       results::conversationClock(r.durationMs), r.stateSentence(), about.empty() ? "" : "  " + about);
 }
 
 void setupRecordings(CLI::App& app, Context& context) {
@@ -169,7 +208,9 @@ void setupRecordings(CLI::App& app, Context& context) {
             return;
         }
         if (*json) {
-            std::cout << answer.value->dump(2) << "\n";
+            Json out = Json::array();
+            for (const auto& item : *answer.value) out.push_back(forScripts(item));
+            std::cout << out.dump(2) << "\n";
             return;
         }
         if (answer.value->empty()) std::cout << msg::kNoRecordings.str() << "\n";
@@ -193,8 +234,13 @@ void setupShow(CLI::App& app, Context& context) {
     s->excludes(t)->excludes(c);
     t->excludes(c);
     cmd->add_flag("--json", *json, msg::kJsonOption.str());
-    cmd->callback([&context, id, json, summary, transcript, cues] {
-        Answer answer;
+    cmd->callback([&context, typed = id, json, summary, transcript, cues] {
+        Answer answer = serviceID(*typed);
+        if (!answer.value) {
+            context.exitCode = report(context, answer);
+            return;
+        }
+        const auto id = std::make_shared<std::string>(answer.value->get<std::string>());
         if (auto host = runningHost()) {
             answer = fromHost(host->recordingDetail(*id));
         } else {
@@ -208,7 +254,7 @@ void setupShow(CLI::App& app, Context& context) {
             return;
         }
         if (*json) {
-            Json out = *answer.value;
+            Json out = forScripts(*answer.value);
             if (*summary) out = Json{{"id", result->id}, {"state", result->state}, {"summary", out.value("summary", Json())}};
             if (*transcript) out = Json{{"id", result->id}, {"state", result->state}, {"transcript", out.value("transcript", Json())}};
             if (*cues) out = Json{{"id", result->id}, {"state", result->state}, {"cues", out.value("cues", Json())}};
@@ -255,7 +301,13 @@ void setupSpeakers(CLI::App& app, Context& context) {
             return {};
         },
         "N=NAME"));
-    cmd->callback([&context, id, names] {
+    cmd->callback([&context, typed = id, names] {
+        Answer answer = serviceID(*typed);
+        if (!answer.value) {
+            context.exitCode = report(context, answer);
+            return;
+        }
+        const auto id = std::make_shared<std::string>(answer.value->get<std::string>());
         std::map<int, std::string> wanted;
         Json namesJson = Json::object();
         for (const auto& n : *names) {
@@ -263,7 +315,6 @@ void setupSpeakers(CLI::App& app, Context& context) {
             wanted[std::stoi(n.substr(0, eq))] = n.substr(eq + 1);
             namesJson[n.substr(0, eq)] = n.substr(eq + 1);
         }
-        Answer answer;
         if (auto host = runningHost()) {
             answer = fromHost(host->renameSpeakers(*id, namesJson.dump()));
         } else {
@@ -284,8 +335,13 @@ void setupShare(CLI::App& app, Context& context) {
     auto* cmd = app.add_subcommand("share", msg::kShareDescription.str());
     auto id = std::make_shared<std::string>();
     cmd->add_option("ID", *id, msg::kIdOption.str())->required();
-    cmd->callback([&context, id] {
-        Answer answer;
+    cmd->callback([&context, typed = id] {
+        Answer answer = serviceID(*typed);
+        if (!answer.value) {
+            context.exitCode = report(context, answer);
+            return;
+        }
+        const auto id = std::make_shared<std::string>(answer.value->get<std::string>());
         if (auto host = runningHost()) {
             answer = fromHost(host->shareRecording(*id), false);
         } else {

@@ -32,7 +32,7 @@ int copyText(dbus::ControlClient& host) {
     if (out.is_discarded()) return kExitFailure;
     std::cerr << out.value("confirmation", std::string()) << "\n";
     if (out.value("copied", false)) return kExitOK;
-    if (out.contains("problem")) std::cerr << out.value("problem", std::string()) << "\n";
+    if (out.contains("problem")) std::cerr << "vell: " << out.value("problem", std::string()) << "\n";
     return kExitFailure;
 }
 
@@ -41,7 +41,7 @@ int playPreview(dbus::ControlClient& host, int run, bool draw) {
     if (!answer) return reportHostError(answer.error());
     auto started = nlohmann::json::parse(*answer, nullptr, false);
     if (started.is_discarded() || !started.value("playing", false)) {
-        std::cerr << (started.is_discarded() ? std::string() : started.value("message", std::string())) << "\n";
+        std::cerr << "vell: " << (started.is_discarded() ? std::string() : started.value("message", std::string())) << "\n";
         return kExitFailure;
     }
     for (;;) {
@@ -59,7 +59,7 @@ int playPreview(dbus::ControlClient& host, int run, bool draw) {
 int recover(const std::string& last, bool json, bool copy, bool play) {
     auto host = runningHost();
     if (!host) {
-        std::cerr << insurance_messages::kNeedsHost.str() << "\n";
+        std::cerr << "vell: " << insurance_messages::kNeedsHost.str() << "\n";
         return kExitFailure;
     }
     std::string range = "custom";
@@ -68,17 +68,12 @@ int recover(const std::string& last, bool json, bool copy, bool play) {
     else if (last == "5") range = "five";
     else if (last == "all") range = "all";
     else {
-        try {
-            minutes = std::stoi(last);
-        } catch (...) {
-            std::cerr << "--last: 1, 5, a number of minutes or all\n";
-            return kExitUsage;
-        }
+        minutes = std::stoi(last);  // checked by the option
     }
     auto run = host->recoverStart(range, minutes);
     if (!run) return reportHostError(run.error());
     if (*run == 0) {
-        std::cerr << insurance::messages::kNothingSelected.str() << "\n";
+        std::cerr << "vell: " << insurance::messages::kNothingSelected.str() << "\n";
         return kExitFailure;
     }
     const bool draw = !json && fancyTerminal();
@@ -90,7 +85,7 @@ int recover(const std::string& last, bool json, bool copy, bool play) {
         const std::string phase = progress.value("phase", "");
         if (phase == "failed" || phase == "stale") {
             if (draw && !shown.empty()) std::cerr << "\r\033[K";
-            std::cerr << progress.value("message", std::string("")) << "\n";
+            std::cerr << "vell: " << progress.value("message", std::string("")) << "\n";
             return kExitFailure;
         }
         if (phase == "idle" && progress.contains("transcript")) {
@@ -117,6 +112,7 @@ inline constexpr Text kRecoverHelp{"Transcribe the newest audio of the insurance
 inline constexpr Text kLastHelp{"1, 5, a number of minutes, or all", "1, 5, una cantidad de minutos, o all (todo)"};
 inline constexpr Text kJsonHelp{"Print the transcript as JSON", "Imprime la transcripción en JSON"};
 
+inline constexpr Text kRangeHeading{"Which audio (one of these)", "Qué audio (una de estas)"};
 inline constexpr Text kLastMinuteHelp{"The last minute (the default)", "El último minuto (lo predeterminado)"};
 inline constexpr Text kLastFiveHelp{"The last five minutes", "Los últimos cinco minutos"};
 inline constexpr Text kMinutesHelp{"The last N minutes", "Los últimos N minutos"};
@@ -129,8 +125,14 @@ void setup(CLI::App& app, Context& context) {
     auto last = std::make_shared<std::string>("1");
     auto minutes = std::make_shared<int>(0);
     auto flags = std::make_shared<std::array<bool, 6>>();  // minute, five, all, copy, play, json
-    auto* range = cmd->add_option_group("range");
-    range->add_option("--last", *last, kLastHelp.str());
+    auto* range = cmd->add_option_group("range", kRangeHeading.str());
+    range->add_option("--last", *last, kLastHelp.str())->check(CLI::Validator(
+        [](std::string& text) -> std::string {
+            if (text == "all") return {};
+            const bool digits = !text.empty() && text.size() < 6 && text.find_first_not_of("0123456789") == std::string::npos;
+            return digits && std::stoi(text) > 0 ? std::string() : kLastHelp.str();
+        },
+        ""));
     range->add_flag("--last-minute", (*flags)[0], kLastMinuteHelp.str());
     range->add_flag("--last-five", (*flags)[1], kLastFiveHelp.str());
     range->add_option("--minutes", *minutes, kMinutesHelp.str())->check(CLI::PositiveNumber);

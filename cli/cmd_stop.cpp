@@ -20,13 +20,14 @@ int stop(bool discard) {
     auto host = runningHost();
     if (!host) {
         // Nobody owns the folder, so nothing can be recording.
-        std::cerr << app::messages::kNothingRecording.str() << "\n";
+        std::cerr << "vell: " << app::messages::kNothingRecording.str() << "\n";
         return kExitFailure;
     }
     auto stopped = host->stopRecording(discard);
     if (!stopped) return reportHostError(stopped.error());
     const double length = lengthOf(nlohmann::json::parse(*stopped, nullptr, false));
     if (!discard) std::cout << record_messages::kSaved.str() << fmt::format("{:.1f}", length) << " s\n";
+    else std::cout << record_messages::kDiscarded.str() << "\n";
     return kExitOK;
 }
 

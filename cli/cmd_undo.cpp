@@ -35,11 +35,11 @@ int undo(Context& context, bool json) {
         discards.start();
         const auto latest = discards.latest.get();
         if (!latest) {
-            std::cerr << automation::messages::kNothingToUndo.str() << "\n";
+            std::cerr << "vell: " << automation::messages::kNothingToUndo.str() << "\n";
             return kExitFailure;
         }
         if (!discards.undo()) {
-            std::cerr << recorder.state.lastError.get().value_or(automation::messages::kTooLateToUndo.str()) << "\n";
+            std::cerr << "vell: " << recorder.state.lastError.get().value_or(automation::messages::kTooLateToUndo.str()) << "\n";
             return kExitFailure;
         }
         restored = Json{{"takeID", latest->takeID}, {"meeting", nullptr}};

@@ -99,7 +99,7 @@ int report(const service::PassSummary& summary, const nlohmann::json& attempts, 
     if (summary.storageFailure) {
         std::cout << messages::kUploadSummary.str() << summary.uploaded << messages::kFailedSummary.str() << summary.failed
                   << "\n";
-        std::cerr << messages::kUploadStopped.str() << *summary.storageFailure << messages::kUploadStoppedEnd.str() << "\n";
+        std::cerr << "vell: " << messages::kUploadStopped.str() << *summary.storageFailure << messages::kUploadStoppedEnd.str() << "\n";
         return kExitFailure;
     }
     if (summary.uploaded == 0 && summary.failed == 0 && !summary.unauthenticated) {
@@ -143,7 +143,7 @@ int upload(Context& context, bool json) {
     auto& main = scope->executor();
     auto& core = app::core();
     if (!core.account().hasSession()) {
-        std::cerr << messages::kNotSignedIn.str() << "\n";
+        std::cerr << "vell: " << messages::kNotSignedIn.str() << "\n";
         return kExitSignedOut;
     }
     // The recorder first: its recovery puts interrupted recordings and orphaned files back
@@ -157,11 +157,11 @@ int upload(Context& context, bool json) {
     main.run();
     auto& state = core.appState();
     if (checkFailed) {
-        std::cerr << checkFailed->descriptionWithCause() << "\n";
+        std::cerr << "vell: " << checkFailed->descriptionWithCause() << "\n";
         return kExitFailure;
     }
     if (state.phase.get() != app::AppState::Phase::signedIn) {
-        std::cerr << service::APIError::unauthenticated().description() << "\n";
+        std::cerr << "vell: " << service::APIError::unauthenticated().description() << "\n";
         return kExitSignedOut;
     }
 
@@ -181,7 +181,7 @@ int upload(Context& context, bool json) {
         bar.clear();
         nlohmann::json attempt{{"file", r.fileURL.filename().string()}};
         if (result) attempt["recordingId"] = *result;
-        else attempt["error"] = result.error().description();
+        else attempt["error"] = result.error().descriptionWithCause();
         attempts.push_back(attempt);
         if (json) return;
         std::cout << r.fileURL.filename().string() << ": "

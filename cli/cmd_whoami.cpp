@@ -36,17 +36,17 @@ int whoami() {
     service::APIClient client;
     service::AccountClient account(client);
     if (!account.hasSession()) {
-        std::cerr << messages::kNotSignedIn.str() << "\n";
+        std::cerr << "vell: " << messages::kNotSignedIn.str() << "\n";
         return kExitSignedOut;
     }
     auto me = account.fetchMeNow();
     if (!me) {
         if (me.error().isSessionRejection()) {
             account.clearSession();
-            std::cerr << me.error().descriptionWithCause() << "\n";
+            std::cerr << "vell: " << me.error().descriptionWithCause() << "\n";
             return kExitSignedOut;
         }
-        std::cerr << me.error().descriptionWithCause() << "\n";
+        std::cerr << "vell: " << me.error().descriptionWithCause() << "\n";
         return kExitFailure;
     }
     printMe(*me);

@@ -44,6 +44,11 @@ inline constexpr Text kExitCodes{
     "Código de salida: 0 éxito, 1 falla, 2 uso incorrecto, 3 sin sesión, 4 otro Vell usa la carpeta de datos."};
 // Followed by the word that is not a command.
 inline constexpr Text kUnknownCommand{"not a vell command: ", "no es un comando de vell: "};
+inline constexpr Text kUnknownOption{"unknown option: ", "opción desconocida: "};
+inline constexpr Text kSimilarCommand{"The most similar command is", "El comando más parecido es"};
+inline constexpr Text kSimilarCommands{"The most similar commands are", "Los comandos más parecidos son"};
+inline constexpr Text kDidYouMean{"Did you mean this?", "¿Quisiste decir esto?"};
+inline constexpr Text kDidYouMeanOneOf{"Did you mean one of these?", "¿Quisiste decir alguno de estos?"};
 inline constexpr Text kSeeHelp{"Run \"vell --help\" to see the commands.", "Ejecutá \"vell --help\" para ver los comandos."};
 inline constexpr Text kRunWithHelp{"Run with --help for more information.", "Ejecutá con --help para más información."};
 

@@ -14,7 +14,7 @@ inline std::unique_ptr<dbus::ControlClient> runningHost() { return dbus::Control
 
 // Prints the host's sentence; the exit code a signed-out answer or any other failure has.
 inline int reportHostError(const dbus::ControlError& error) {
-    std::cerr << error.message << "\n";
+    std::cerr << "vell: " << error.message << "\n";
     return error.signedOut() ? kExitSignedOut : kExitFailure;
 }
 

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <iostream>
+#include <optional>
+#include <sstream>
 #include <string_view>
 #include <vector>
 
@@ -10,7 +12,10 @@
 #include "base/language.h"
 #include "base/log.h"
 #include "cli/command.h"
+#include "cli/help_format.h"
 #include "cli/help_messages.h"
+#include "cli/manual.h"
+#include "cli/suggestions.h"
 
 namespace vell::cli {
 
@@ -45,9 +50,12 @@ void applyLanguageFlag(int argc, char** argv) {
 
 void localizeHelpLayout(CLI::App& app) {
     using namespace vell::cli;
-    auto formatter = app.get_formatter();
+    // Set before any command is added: each command copies its parent's formatter.
+    auto formatter = std::make_shared<HelpFormatter>(terminalWidth());
+    app.formatter(formatter);
     for (const auto& text : {help::kUsage, help::kOptionsMarker, help::kSubcommandMarker, help::kSubcommandsMarker,
-                             help::kPositionals, help::kRequired, help::kNeeds, help::kExcludes}) {
+                             help::kPositionals, help::kRequired, help::kNeeds, help::kExcludes, help::kOptions,
+                             help::kSubcommands}) {
         formatter->label(std::string(text.en), text.str());
     }
     app.option_defaults()->group(help::kOptions.str());
@@ -103,66 +111,65 @@ CLI::App* findCommand(CLI::App& app, std::string_view name) {
     return nullptr;
 }
 
-std::string roff(std::string text) {
-    std::string out;
-    for (char c : text) {
-        if (c == '\\') out += "\\e";
-        else if (c == '-') out += "\\-";
-        else out += c;
-    }
-    return out;
-}
-
-std::vector<std::string> optionNames(const CLI::App& command) {
+std::vector<std::string> commandNames(const CLI::App& app) {
     std::vector<std::string> names;
-    for (const auto* option : command.get_options()) {
-        for (const auto& name : option->get_lnames()) names.push_back("--" + name);
-        for (const auto& name : option->get_snames()) names.push_back("-" + name);
+    for (const auto* sub : app.get_subcommands({})) {
+        if (!sub->get_group().empty()) names.push_back(sub->get_name());
     }
     return names;
 }
 
-// The manual page and the shell completions come from the same command table as the help.
-void printManual(CLI::App& app) {
-    std::cout << ".TH VELL 1 \"\" \"vell " << VELL_VERSION << "\" \"User Commands\"\n.SH NAME\nvell \\- "
-              << roff(vell::cli::help::kProgram.str()) << "\n.SH SYNOPSIS\n\\fBvell\\fR [\\fIOPTIONS\\fR] \\fICOMMAND\\fR "
-              << "[\\fIARGS\\fR]\n.SH OPTIONS\n";
-    for (const auto* option : app.get_options()) {
-        std::cout << ".TP\n\\fB" << roff(option->get_name(false, true)) << "\\fR\n" << roff(option->get_description()) << "\n";
-    }
-    std::cout << ".SH COMMANDS\n";
-    for (auto* sub : app.get_subcommands({})) {
-        if (sub->get_group().empty()) continue;
-        std::cout << ".TP\n\\fB" << roff(sub->get_name()) << "\\fR\n" << roff(sub->get_description()) << "\n";
-        for (const auto* option : sub->get_options()) {
-            if (option->get_name() == "--help") continue;
-            std::cout << ".RS\n.TP\n\\fB" << roff(option->get_name(true, true)) << "\\fR\n" << roff(option->get_description())
-                      << "\n.RE\n";
-        }
-    }
-    std::cout << ".SH EXIT STATUS\n" << roff(vell::cli::help::kExitCodes.str()) << "\n.SH FILES\n"
-              << "$XDG_DATA_HOME/Vell (recordings, pending list, insurance buffer), $XDG_CONFIG_HOME/Vell/defaults.json\n";
+void reportUnknownCommand(const CLI::App& app, std::string_view word) {
+    using namespace vell::cli;
+    std::cerr << "vell: " << help::kUnknownCommand.str() << word << "\n"
+              << suggestionLines(word, commandNames(app), help::kSimilarCommand, help::kSimilarCommands) << help::kSeeHelp.str()
+              << "\n";
 }
 
-void printCompletion(CLI::App& app, std::string_view shell) {
-    std::string commands;
-    for (auto* sub : app.get_subcommands({})) {
-        if (!sub->get_group().empty()) commands += (commands.empty() ? "" : " ") + sub->get_name();
+// An option before the command that vell does not have (vell --bogus) is said as such,
+// not as a missing command.
+std::optional<std::string> unknownLeadingOption(const CLI::App& app, int argc, char** argv) {
+    const auto known = vell::cli::optionNames(app);
+    auto isKnown = [&](const std::string& name) { return std::find(known.begin(), known.end(), name) != known.end(); };
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--" || arg.empty() || arg.front() != '-') return std::nullopt;
+        if (arg.rfind("--", 0) == 0) {
+            const std::string name = arg.substr(0, arg.find('='));
+            if (!isKnown(name)) return name;
+            if (name == "--lang" && arg.find('=') == std::string::npos) ++i;
+            continue;
+        }
+        for (size_t c = 1; c < arg.size(); ++c) {  // -vv, -qv
+            if (!isKnown(std::string("-") + arg[c])) return arg;
+        }
     }
-    if (shell == "zsh") std::cout << "#compdef vell\nautoload -U bashcompinit && bashcompinit\n";
-    std::cout << "_vell() {\n  local cur=${COMP_WORDS[COMP_CWORD]} cmd=\"\"\n  local w\n"
-              << "  for w in \"${COMP_WORDS[@]:1:COMP_CWORD-1}\"; do case $w in -*) ;; *) cmd=$w; break;; esac; done\n"
-              << "  local words=\"" << commands;
-    for (const auto& name : optionNames(app)) std::cout << " " << name;
-    std::cout << "\"\n  case $cmd in\n";
-    for (auto* sub : app.get_subcommands({})) {
-        if (sub->get_group().empty()) continue;
-        std::cout << "    " << sub->get_name() << ") words=\"";
-        bool first = true;
-        for (const auto& name : optionNames(*sub)) std::cout << (first ? "" : " ") << name, first = false;
-        std::cout << "\";;\n";
+    return std::nullopt;
+}
+
+// The command the parse got to (vell insurance window ...: "window").
+const CLI::App* deepestCommand(const CLI::App& app) {
+    const CLI::App* at = &app;
+    for (auto selected = at->get_subcommands(); !selected.empty(); selected = at->get_subcommands()) at = selected.front();
+    return at;
+}
+
+// What the words CLI11 did not expect most likely meant, among the options and commands of
+// the command they followed.
+std::string extrasSuggestions(const CLI::App& app, const std::string& what) {
+    using namespace vell::cli;
+    const auto colon = what.find(": ");
+    if (colon == std::string::npos) return {};
+    const CLI::App* command = deepestCommand(app);
+    auto candidates = vell::cli::optionNames(*command);
+    for (const auto* sub : command->get_subcommands({})) candidates.push_back(sub->get_name());
+    for (const auto& name : vell::cli::optionNames(app)) candidates.push_back(name);
+    std::string out;
+    std::istringstream extras(what.substr(colon + 2));
+    for (std::string word; extras >> word;) {
+        out += suggestionLines(word.substr(0, word.find('=')), candidates, help::kDidYouMean, help::kDidYouMeanOneOf);
     }
-    std::cout << "  esac\n  COMPREPLY=($(compgen -W \"$words\" -- \"$cur\"))\n}\ncomplete -F _vell vell\n";
+    return out;
 }
 
 }  // namespace
@@ -174,7 +181,8 @@ int main(int argc, char** argv) {
     vell::app::installPlatformBindings();
     using namespace vell;
     applyLanguageFlag(argc, argv);
-    CLI::App app{cli::help::kProgram.str()};
+    // Named here, not after argv[0], so every usage line reads "vell ...".
+    CLI::App app{cli::help::kProgram.str(), "vell"};
     localizeHelpLayout(app);
     app.set_version_flag("--version", std::string("vell ") + VELL_VERSION + " (" + VELL_BUILD_NUMBER + ")",
                          cli::help::kVersion.str());
@@ -182,8 +190,9 @@ int main(int argc, char** argv) {
     // Global options may come after the command too (vell pending --lang es).
     app.fallthrough();
     app.footer(cli::help::kExitCodes.str());
-    app.failure_message([](const CLI::App*, const CLI::Error& e) {
-        return "vell: " + localizedParseError(e.what()) + "\n" + cli::help::kRunWithHelp.str() + "\n";
+    app.failure_message([&app](const CLI::App*, const CLI::Error& e) {
+        const std::string suggestions = dynamic_cast<const CLI::ExtrasError*>(&e) ? extrasSuggestions(app, e.what()) : "";
+        return "vell: " + localizedParseError(e.what()) + "\n" + suggestions + cli::help::kRunWithHelp.str() + "\n";
     });
 
     cli::Context context;
@@ -197,36 +206,48 @@ int main(int argc, char** argv) {
     auto& commands = cli::registry();
     std::stable_sort(commands.begin(), commands.end(), [](auto& a, auto& b) { return a.first < b.first; });
     for (auto& [order, setup] : commands) setup(app, context);
-    // vell help [COMMAND]
+    // vell help [COMMAND [SUBCOMMAND]]
     auto* help = app.add_subcommand("help", cli::help::kHelpCommand.str());
-    auto helpTopic = std::make_shared<std::string>();
+    auto helpTopic = std::make_shared<std::vector<std::string>>();
     help->add_option("command", *helpTopic, cli::help::kHelpCommandName.str());
+    // The same screens as "vell --help" and "vell COMMAND --help", word for word.
     help->callback([&app, helpTopic] {
-        if (helpTopic->empty()) {
-            std::cout << app.help();
-            return;
+        CLI::App* topic = &app;
+        std::string path = app.get_name();
+        for (const auto& word : *helpTopic) {
+            topic = findCommand(*topic, word);
+            if (!topic) {
+                reportUnknownCommand(app, word);
+                throw CLI::RuntimeError(cli::kExitUsage);
+            }
+            path += " " + word;
         }
-        if (auto* sub = findCommand(app, *helpTopic)) {
-            std::cout << sub->help();
-            return;
-        }
-        std::cerr << "vell: " << cli::help::kUnknownCommand.str() << *helpTopic << "\n" << cli::help::kSeeHelp.str() << "\n";
-        throw CLI::RuntimeError(cli::kExitUsage);
+        std::cout << topic->get_formatter()->make_help(topic, path, CLI::AppFormatMode::Normal);
     });
 
     // Generated by the build for installation (not listed in the help).
-    if (argc == 2 && std::string_view(argv[1]) == "--print-manual") {
-        printManual(app);
+    if (argc == 3 && std::string_view(argv[1]) == "--print-manual") {
+        cli::printManual(app, argv[2]);
         return cli::kExitOK;
     }
     if (argc == 3 && std::string_view(argv[1]) == "--print-completion") {
-        printCompletion(app, argv[2]);
+        return cli::printCompletion(app, argv[2]) ? cli::kExitOK : cli::kExitUsage;
+    }
+    // For the completions: the recording ids, from the files alone.
+    if (argc == 2 && std::string_view(argv[1]) == "--print-ids") {
+        cli::printRecordingIDs();
         return cli::kExitOK;
     }
 
     // A word that is no command gets its own sentence, not "a subcommand is required".
+    if (auto option = unknownLeadingOption(app, argc, argv)) {
+        std::cerr << "vell: " << cli::help::kUnknownOption.str() << *option << "\n"
+                  << cli::suggestionLines(*option, cli::optionNames(app), cli::help::kDidYouMean, cli::help::kDidYouMeanOneOf)
+                  << cli::help::kSeeHelp.str() << "\n";
+        return cli::kExitUsage;
+    }
     if (auto word = commandWord(argc, argv); !word.empty() && !findCommand(app, word)) {
-        std::cerr << "vell: " << cli::help::kUnknownCommand.str() << word << "\n" << cli::help::kSeeHelp.str() << "\n";
+        reportUnknownCommand(app, word);
         return cli::kExitUsage;
     }
     for (auto* sub : app.get_subcommands({})) {

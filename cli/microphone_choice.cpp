@@ -24,6 +24,12 @@ bool isValidUtf8(const std::string& text) {
 
 }  // namespace
 
+std::string soundServerFailure(const audio::MicrophoneSettings& settings) {
+    // "No sound server is running" already says it all.
+    const auto& error = settings.lastError.get();
+    return error == msg::kNoSoundServerRunning.str() ? error : msg::kNoSoundServer.str() + error;
+}
+
 Expected<MicrophoneArgument, std::string> parseMicrophoneArgument(const std::string& text,
                                                                   const audio::MicrophoneSettings& settings, bool force) {
     if (!isValidUtf8(text)) return unexpected(msg::kUIDNotText.str());

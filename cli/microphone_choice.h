@@ -23,6 +23,9 @@ struct MicrophoneArgument {
 Expected<MicrophoneArgument, std::string> parseMicrophoneArgument(const std::string& text,
                                                                   const audio::MicrophoneSettings& settings, bool force);
 
+// Why the sound server's list could not be read, as one sentence (settings.lastError set).
+std::string soundServerFailure(const audio::MicrophoneSettings& settings);
+
 // One stored choice: its label, its encoded form and what it opens now.
 nlohmann::ordered_json describeMicrophoneChoice(const audio::MicrophoneSelection& selection,
                                                 const audio::MicrophoneSettings& settings);

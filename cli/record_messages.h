@@ -28,6 +28,8 @@ inline constexpr Text kDidNotStart{"The recording did not start: ", "La grabaci�
 inline constexpr Text kHostGone{"The Vell host stopped answering during the recording; what it saved is recovered when it starts again: ",
                                 "El anfitri처n de Vell dej처 de responder durante la grabaci처n; lo que guard처 se recupera cuando vuelva a arrancar: "};
 // Followed by the length in seconds and " s".
+inline constexpr Text kDiscarded{"Discarded. vell undo brings it back within 5 minutes.",
+                                 "Descartada. vell undo la recupera dentro de los 5 minutos."};
 inline constexpr Text kSaved{"Saved, ready to upload. Length: ", "Guardada, lista para subir. Duraci처n: "};
 
 inline constexpr Text kLiveOption{"Print the live advice (cues) as it arrives",

@@ -13,8 +13,11 @@ inline constexpr Text kSpeakersDescription{"Name the speakers of a recording (N=
 inline constexpr Text kShareDescription{"Share a recording's summary and transcript; prints the link",
                                         "Comparte el resumen y la transcripción de una grabación; muestra el enlace"};
 inline constexpr Text kJsonOption{"Print JSON for scripts", "Muestra JSON para scripts"};
-inline constexpr Text kIdOption{"The recording's id on the service (see vell recordings)",
-                                "El id de la grabación en el servicio (ver vell recordings)"};
+inline constexpr Text kIdOption{"The recording's id, as vell recordings or vell pending prints it",
+                                "El id de la grabación, como lo muestra vell recordings o vell pending"};
+inline constexpr Text kNotUploadedYet{
+    "This recording is not on the service yet; it goes up when Vell can reach the service (vell upload sends it now).",
+    "Esta grabación todavía no está en el servicio; se sube cuando Vell pueda contactarlo (vell upload la manda ahora)."};
 inline constexpr Text kSummaryOption{"Only the summary", "Solo el resumen"};
 inline constexpr Text kTranscriptOption{"Only the transcript", "Solo la transcripción"};
 inline constexpr Text kCuesOption{"Only the cues", "Solo los consejos"};

@@ -7,13 +7,14 @@
 # Vell writes it itself when it first opens, and removes it when the user turns "open at
 # login" off. An entry under /etc/xdg/autostart would start Vell for every user even after
 # they had turned it off. What that entry needs from the installation is here: the program
-# it names beside `vell` (vell-tray, or `vell daemon` without the tray) and the icon "vell".
+# it names beside `vell` (vell-tray, or `vell daemon` without the tray) and the icon, named
+# after the application's id.
 
 include(GNUInstallDirs)
 
 # The application's identifier: the desktop entry, the AppStream component and the name the
 # tray gives the desktop (QGuiApplication::setDesktopFileName) so windows find their icon.
-set(VELL_APP_ID "app.quillon.mac.Vell")
+set(VELL_APP_ID "app.quillon.Vell")  # base/application_id.h says the same
 # Date of this version's release, for the AppStream metadata and the Debian changelog;
 # moved on together with the project version.
 set(VELL_RELEASE_DATE "2026-11-23")
@@ -37,6 +38,7 @@ add_custom_command(OUTPUT ${CMAKE_BINARY_DIR}/vell.1.gz
 install(FILES ${CMAKE_BINARY_DIR}/vell.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES ${CMAKE_BINARY_DIR}/vell.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME vell)
 install(FILES ${CMAKE_BINARY_DIR}/_vell DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
+install(FILES ${CMAKE_BINARY_DIR}/vell.fish DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
 
 configure_file(${CMAKE_SOURCE_DIR}/data/${VELL_APP_ID}.desktop.in ${CMAKE_BINARY_DIR}/${VELL_APP_ID}.desktop @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/${VELL_APP_ID}.desktop DESTINATION ${CMAKE_INSTALL_DATADIR}/applications)
@@ -60,7 +62,7 @@ install(CODE "
 # its SVG. Below 32 pixels the mark drawn on a 16-pixel grid stays sharp.
 set(VELL_ICON_DIR ${CMAKE_SOURCE_DIR}/data/icons)
 set(VELL_HICOLOR ${CMAKE_INSTALL_DATADIR}/icons/hicolor)
-install(FILES ${VELL_ICON_DIR}/vell.svg DESTINATION ${VELL_HICOLOR}/scalable/apps)
+install(FILES ${VELL_ICON_DIR}/vell.svg DESTINATION ${VELL_HICOLOR}/scalable/apps RENAME ${VELL_APP_ID}.svg)
 file(GLOB VELL_STATUS_ICONS ${VELL_ICON_DIR}/status/*.svg)
 install(FILES ${VELL_STATUS_ICONS} DESTINATION ${VELL_HICOLOR}/scalable/status)
 file(GLOB VELL_SYMBOLIC_ICONS ${VELL_ICON_DIR}/symbolic/*.svg)
@@ -75,7 +77,7 @@ if(RSVG_CONVERT)
     else()
       set(source ${VELL_ICON_DIR}/vell.svg)
     endif()
-    set(png ${CMAKE_BINARY_DIR}/icons/${size}x${size}/vell.png)
+    set(png ${CMAKE_BINARY_DIR}/icons/${size}x${size}/${VELL_APP_ID}.png)
     add_custom_command(OUTPUT ${png}
       COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/icons/${size}x${size}
       COMMAND ${RSVG_CONVERT} --width ${size} --height ${size} --output ${png} ${source}

@@ -4,6 +4,7 @@
 #include <thread>
 
 #include "audio/capture_messages.h"
+#include "audio/error_sentence.h"
 #include "audio/errors.h"
 #include "audio/mic_capture.h"
 #include "audio/microphone_settings.h"
@@ -162,7 +163,7 @@ void InsuranceRecorder::startListening() {
             } catch (const audio::MicrophonePermissionError& e) {
                 outcome = StartOutcome{false, outcome.fellBack, true, e.what()};
             } catch (const std::exception& e) {
-                outcome = StartOutcome{false, outcome.fellBack, false, e.what()};
+                outcome = StartOutcome{false, outcome.fellBack, false, audio::failureSentence(e)};
             }
         };
         if (mic->isRunning()) {

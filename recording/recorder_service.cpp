@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "audio/adts_frames.h"
+#include "audio/error_sentence.h"
 #include "audio/errors.h"
 #include "base/log.h"
 #include "base/runtime.h"
@@ -294,7 +295,7 @@ void RecorderService::startOnMicQueue(std::shared_ptr<Session> session, audio::M
             kLog.error(std::string("sound server not answering: ") + e.what());
             failure = messages::kSoundServerNotAnswering.str();
         } catch (const std::exception& e) {
-            failure = e.what();
+            failure = audio::failureSentence(e);
         }
         if (!failure && parts_.systemAudio) {
             auto mixer = session->mixer;
@@ -359,7 +360,7 @@ void RecorderService::reopenMic(const std::weak_ptr<Session>& weak, const audio:
     } catch (const std::exception& e) {
         std::string detail = dynamic_cast<const audio::MicrophonePermissionError*>(&e)
                                  ? messages::kMicrophonePermissionMissing.str()
-                                 : std::string(e.what());
+                                 : audio::failureSentence(e);
         if (retrying) {
             kLog.debug("startMic(mixer:restart:) failed again: " + detail);
         } else {

@@ -1,6 +1,7 @@
 #include "results/recording_result.h"
 
 #include <cstdio>
+#include <sstream>
 
 #include "results/results_messages.h"
 #include "service/api_client.h"
@@ -15,6 +16,36 @@ std::string RecordingResult::speakerName(int index) const {
     for (const auto& s : speakers)
         if (s.index == index && s.name && !s.name->empty()) return *s.name;
     return messages::kSpeaker.str() + std::to_string(index);
+}
+
+std::string RecordingResult::firstSummaryLine(size_t limit) const {
+    // A heading ("## Key points") says little about this conversation: the first line of
+    // text under it does; the heading only when there is nothing else.
+    std::string heading, text;
+    std::istringstream lines(summary);
+    for (std::string line; text.empty() && std::getline(lines, line);) {
+        const bool isHeading = line.find_first_not_of(" \t") != std::string::npos && line[line.find_first_not_of(" \t")] == '#';
+        std::string plain;
+        for (char c : line) {
+            if (c != '*' && c != '_' && c != '`') plain += c;
+        }
+        const auto start = plain.find_first_not_of(" \t#->");
+        if (start == std::string::npos) continue;
+        plain = plain.substr(start);
+        while (!plain.empty() && (plain.back() == ' ' || plain.back() == '\r')) plain.pop_back();
+        if (isHeading) {
+            if (heading.empty()) heading = plain;
+        } else {
+            text = plain;
+        }
+    }
+    std::string chosen = text.empty() ? heading : text;
+    // Cut on a character boundary, never inside a UTF-8 sequence.
+    size_t chars = 0, at = 0;
+    for (; at < chosen.size(); ++at) {
+        if ((static_cast<unsigned char>(chosen[at]) & 0xC0) != 0x80 && chars++ == limit) break;
+    }
+    return at < chosen.size() ? chosen.substr(0, at) + "\u2026" : chosen;
 }
 
 std::string RecordingResult::stateSentence() const {

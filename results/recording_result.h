@@ -51,6 +51,9 @@ struct RecordingResult {
     std::string speakerName(int index) const;
     // The state as one sentence in the interface language.
     std::string stateSentence() const;
+    // What a person finds the conversation by: the summary's first line as plain text (no
+    // Markdown marks), cut to `limit` characters; empty before there is a summary.
+    std::string firstSummaryLine(size_t limit = 80) const;
 };
 
 // Nothing when "id" or "state" is missing; a processed result missing other fields comes

@@ -90,7 +90,12 @@ void RecordingResults::keep(const RecordingResult& result) {
     results.modify([&](auto& all) { all[result.id] = result; });
 }
 
+bool meansSignedOut(const std::string& sentence) {
+    return sentence == messages::kSignedOut.str() || sentence == APIError::unauthenticated().description();
+}
+
 void RecordingResults::list(Done<std::vector<Fetched>> done) {
+    if (!client_.hasSessionCookie()) return main_.post([done] { done(unexpected(messages::kSignedOut.str())); });
     std::weak_ptr<int> alive = alive_;
     const auto& client = client_;
     client_.async<std::vector<RecordingResult>>([&client] { return fetchList(client); },
@@ -110,8 +115,8 @@ void RecordingResults::list(Done<std::vector<Fetched>> done) {
                 }
                 return done(std::move(out));
             }
-            if (!offlineError(r.error())) return done(unexpected(r.error().description()));
-            for (const auto& [_, kept] : results.get()) out.push_back({kept, r.error().description()});
+            if (!offlineError(r.error())) return done(unexpected(r.error().descriptionWithCause()));
+            for (const auto& [_, kept] : results.get()) out.push_back({kept, r.error().descriptionWithCause()});
             std::sort(out.begin(), out.end(), [](const Fetched& a, const Fetched& b) { return a.result.createdAt > b.result.createdAt; });
             done(std::move(out));
         });
@@ -131,10 +136,10 @@ void RecordingResults::detail(const std::string& id, Done<Fetched> done) {
             const auto mine = kept(id);
             if (mine && (offlineError(r.error()) || r.error().kind == APIError::Kind::decoding)) {
                 return done(Fetched{*mine, r.error().kind == APIError::Kind::decoding ? messages::kUnreadable.str()
-                                                                                        : r.error().description()});
+                                                                                        : r.error().descriptionWithCause()});
             }
             if (r.error().kind == APIError::Kind::decoding) return done(unexpected(messages::kUnreadable.str()));
-            done(unexpected(r.error().description()));
+            done(unexpected(r.error().descriptionWithCause()));
         });
 }
 
@@ -153,7 +158,8 @@ void RecordingResults::renameSpeakers(const std::string& id, const std::map<int,
         },
         [this, alive, done](Expected<RecordingResult, APIError> r) {
             if (alive.expired()) return;
-            if (!r) return done(unexpected(r.error().description()));
+            if (!r && r.error().code == "unknown_speaker") return done(unexpected(messages::kNoSuchSpeaker.str()));
+            if (!r) return done(unexpected(r.error().descriptionWithCause()));
             if (r->finished()) keep(*r);
             done(*r);
         });
@@ -172,7 +178,7 @@ void RecordingResults::share(const std::string& id, Done<std::string> done) {
         },
         [this, alive, id, done](Expected<std::string, APIError> r) {
             if (alive.expired()) return;
-            if (!r) return done(unexpected(r.error().description()));
+            if (!r) return done(unexpected(r.error().descriptionWithCause()));
             if (auto mine = kept(id)) {
                 mine->shareUrl = *r;
                 keep(*mine);

@@ -41,6 +41,9 @@ struct ResultsSettings {
     double pollCapSeconds = 60;
 };
 
+// The failure sentence means no account is signed in (none was, or its session ended).
+bool meansSignedOut(const std::string& sentence);
+
 class RecordingResults {
 public:
     template <class T>
@@ -55,6 +58,7 @@ public:
     // Every result kept here, by service recording id.
     Published<std::map<std::string, RecordingResult>> results;
 
+    // Signed out, the list is refused (meansSignedOut) rather than shown empty.
     void list(Done<std::vector<Fetched>> done);
     void detail(const std::string& id, Done<Fetched> done);
     void renameSpeakers(const std::string& id, const std::map<int, std::string>& names, Done<RecordingResult> done);

@@ -18,6 +18,10 @@ inline constexpr Text kIncomplete{
     "Parte de los resultados de esta grabación no llegó del servicio; se muestra lo que llegó."};
 inline constexpr Text kUnreadable{"The service sent results that could not be read.",
                                   "El servicio mandó resultados que no se pudieron leer."};
+inline constexpr Text kSignedOut{"Not signed in: sign in to see your recordings on the service.",
+                                 "No hay sesión iniciada: iniciá sesión para ver tus grabaciones en el servicio."};
+inline constexpr Text kNoSuchSpeaker{"This recording has no speaker with that number; the recording's details list its speakers.",
+                                    "Esta grabación no tiene ningún participante con ese número; el detalle de la grabación los lista."};
 inline constexpr Text kOffline{"Showing the copy kept on this computer: ", "Se muestra la copia guardada en esta computadora: "};
 inline constexpr Text kNotKept{"This recording's results are not on this computer yet: ",
                                "Los resultados de esta grabación todavía no están en esta computadora: "};

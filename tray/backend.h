@@ -180,6 +180,8 @@ public:
     // Stop and quit: a recording stops and stays ready for upload; done once the host
     // let go (a front end of another host only closes itself).
     virtual void quit(std::function<void()> done) = 0;
+    // The same, and the host quits too (a front end's "stop and quit"); a host is itself.
+    virtual void quitHost(std::function<void()> done) { quit(std::move(done)); }
 
 signals:
     void changed();

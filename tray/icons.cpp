@@ -71,10 +71,37 @@ QPixmap draw(IconState state, const QPalette& palette, int size) {
 
 }  // namespace
 
+QIcon recordSymbol() {
+    QIcon drawn;
+    for (int size : {16, 22, 24, 32, 48}) {
+        QPixmap pixmap(size, size);
+        pixmap.fill(Qt::transparent);
+        QPainter p(&pixmap);
+        p.setRenderHint(QPainter::Antialiasing);
+        p.setPen(Qt::NoPen);
+        p.setBrush(recordingColor());
+        p.drawEllipse(QRectF(size * 0.2, size * 0.2, size * 0.6, size * 0.6));
+        drawn.addPixmap(pixmap);
+    }
+    return QIcon::fromTheme(QStringLiteral("media-record"), drawn);
+}
+
+QString themeName(IconState state) {
+    switch (state) {
+        case IconState::idle: return QStringLiteral("vell-idle");
+        case IconState::recording: return QStringLiteral("vell-recording");
+        case IconState::insurance: return QStringLiteral("vell-insurance");
+        case IconState::uploadTrouble: return QStringLiteral("vell-upload-trouble");
+    }
+    return QStringLiteral("vell-idle");
+}
+
 QIcon trayIcon(IconState state, const QPalette& palette) {
-    QIcon icon;
-    for (int size : {16, 22, 24, 32, 48, 64, 128}) icon.addPixmap(draw(state, palette, size));
-    return icon;
+    QIcon drawn;
+    for (int size : {16, 22, 24, 32, 48, 64, 128}) drawn.addPixmap(draw(state, palette, size));
+    // Installed, the icon goes to the panel by its theme name, so the panel scales and
+    // recolours it itself; a build that is not installed sends the drawn pictures.
+    return QIcon::fromTheme(themeName(state), drawn);
 }
 
 }  // namespace vell::tray

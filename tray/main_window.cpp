@@ -12,6 +12,7 @@
 
 #include "automation/automation_messages.h"
 #include "tray/backend.h"
+#include "tray/icons.h"
 #include "tray/language_choice.h"
 #include "tray/live_view.h"
 #include "tray/results_view.h"
@@ -139,7 +140,7 @@ void MainWindow::render() {
     if (s.recording && !wasRecording_) tabs_->setCurrentWidget(live_);
     wasRecording_ = s.recording;
     record_->setText(s.recording ? q(m::kStop) : s.starting ? q(m::kStarting) : q(m::kRecord));
-    record_->setIcon(style()->standardIcon(s.recording ? QStyle::SP_MediaStop : QStyle::SP_MediaPlay));
+    record_->setIcon(s.recording ? style()->standardIcon(QStyle::SP_MediaStop) : recordSymbol());
     record_->setEnabled(!s.starting || s.recording);
     elapsed_->setText(s.recording ? elapsedText(s.elapsed) : QString());
     account_->setText(s.phase == SignInPhase::signedIn ? q(m::kSignedInAs) + q(s.email) : q(m::kNotSignedIn));

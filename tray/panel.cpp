@@ -13,6 +13,7 @@
 #include "audio/capture_messages.h"
 #include "automation/automation_messages.h"
 #include "tray/backend.h"
+#include "tray/icons.h"
 #include "tray/language_choice.h"
 #include "tray/tray_messages.h"
 #include "tray/ui_text.h"
@@ -216,7 +217,7 @@ void Panel::render() {
     if (s.recording && !s.calendarMeeting.empty()) status += QString::fromUtf8(" \u201c") + q(s.calendarMeeting) + QString::fromUtf8("\u201d");
     statusLabel_->setText(status);
     recordButton_->setText(s.recording ? q(m::kStop) : s.starting ? q(m::kStarting) : q(m::kRecord));
-    recordButton_->setIcon(style()->standardIcon(s.recording ? QStyle::SP_MediaStop : QStyle::SP_MediaPlay));
+    recordButton_->setIcon(s.recording ? style()->standardIcon(QStyle::SP_MediaStop) : recordSymbol());
     recordButton_->setEnabled(!s.starting || s.recording);
     elapsedLabel_->setText(elapsedText(s.recording ? s.elapsed : 0));
     microphoneCaption_->setText(q(m::kMicrophone));
@@ -338,19 +339,26 @@ void Panel::renderPending() {
         }
         pendingLayout_->addWidget(row);
     }
+    // Rows that came while it is open make it grow rather than squeeze their text.
+    if (isVisible()) QMetaObject::invokeMethod(this, [this] { place(); }, Qt::QueuedConnection);
 }
 
-void Panel::popUpAt(const QPoint& anchor) {
+void Panel::place() {
     adjustSize();
-    QScreen* screen = QGuiApplication::screenAt(anchor);
+    QScreen* screen = QGuiApplication::screenAt(anchor_);
     if (!screen) screen = QGuiApplication::primaryScreen();
     const QRect area = screen ? screen->availableGeometry() : QRect(0, 0, 1920, 1080);
-    QPoint at(anchor.x() - width() / 2, anchor.y());
+    QPoint at(anchor_.x() - width() / 2, anchor_.y());
     // Below a panel at the top of the screen, above one at the bottom.
-    if (anchor.y() > area.center().y()) at.setY(anchor.y() - height());
+    if (anchor_.y() > area.center().y()) at.setY(anchor_.y() - height());
     at.setX(std::clamp(at.x(), area.left(), std::max(area.left(), area.right() - width())));
     at.setY(std::clamp(at.y(), area.top(), std::max(area.top(), area.bottom() - height())));
     move(at);
+}
+
+void Panel::popUpAt(const QPoint& anchor) {
+    anchor_ = anchor;
+    place();
     show();
     raise();
     activateWindow();

@@ -31,8 +31,11 @@ signals:
 
 private:
     void renderPending();
+    // Sized to its content and kept on the screen at the anchor it was shown at.
+    void place();
 
     Backend& backend_;
+    QPoint anchor_;
     QLabel* title_;
     QLabel* statusLabel_;
     QPushButton* recordButton_;

@@ -152,7 +152,7 @@ void RemoteBackend::poll() {
             if (!status) {
                 lost_ = true;
                 timer_.stop();
-                emit hostLost();
+                if (!quittingHost_) emit hostLost();
                 return;
             }
             auto& s = state_;
@@ -432,6 +432,18 @@ void RemoteBackend::shareRecording(const std::string& id, Answer<SharedLink> don
 void RemoteBackend::quit(std::function<void()> done) {
     timer_.stop();
     if (done) done();
+}
+
+void RemoteBackend::quitHost(std::function<void()> done) {
+    // No more polls: the host going away now is what was asked, not a host lost.
+    timer_.stop();
+    quittingHost_ = true;
+    enqueue([this, done = std::move(done)](dbus::ControlClient& client) {
+        (void)client.quit();
+        onGui([done] {
+            if (done) done();
+        });
+    });
 }
 
 }  // namespace vell::tray

@@ -65,6 +65,7 @@ public:
                         Answer<results::RecordingResult> done) override;
     void shareRecording(const std::string& id, Answer<SharedLink> done) override;
     void quit(std::function<void()> done) override;
+    void quitHost(std::function<void()> done) override;
 
 signals:
     void hostLost();
@@ -86,7 +87,7 @@ private:
     TrayState state_;
     RecoveryView recovery_;
     int recoveryRun_ = 0;
-    bool polling_ = false, lost_ = false;
+    bool polling_ = false, lost_ = false, quittingHost_ = false;
     int polls_ = 0;
     // Polls that still read the live advice after a recording ended (its last cues).
     int liveTail_ = 0;

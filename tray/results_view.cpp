@@ -37,9 +37,13 @@ QString recordingDate(const results::RecordingResult& r) {
 
 QString lengthOf(const results::RecordingResult& r) { return elapsedText(double(r.durationMs) / 1000.0); }
 
-// The date on the first line; the length and state below.
+// What the conversation was about (the summary's first line) on the first line, the date
+// there until a summary exists; then the date, the length and the state.
 QString rowText(const ResultItem& item) {
-    QString text = recordingDate(item.result) + "\n" + lengthOf(item.result) + "  ·  " + q(item.result.stateSentence());
+    const std::string about = item.result.firstSummaryLine(60);
+    QString text = (about.empty() ? recordingDate(item.result) : q(about)) + "\n" +
+                   (about.empty() ? QString() : recordingDate(item.result) + "  ·  ") + lengthOf(item.result) + "  ·  " +
+                   q(item.result.stateSentence());
     if (!item.offline.empty()) text += q(m::kOfflineCopyNote);
     return text;
 }

@@ -10,7 +10,9 @@
 #include <QListWidget>
 #include <QPointer>
 #include <QPushButton>
+#include <QScreen>
 #include <QScrollArea>
+#include <QScrollBar>
 #include <QSpinBox>
 #include <QVBoxLayout>
 
@@ -40,8 +42,11 @@ SettingsWindow::SettingsWindow(Backend& backend, UserDefaults& defaults, QWidget
     setObjectName("settings");
     auto* outer = new QVBoxLayout(this);
     auto* scroll = new QScrollArea(this);
+    scroll_ = scroll;
     scroll->setWidgetResizable(true);
     scroll->setFrameShape(QFrame::NoFrame);
+    // Long pages scroll down; sideways the window is as wide as its widest line needs.
+    scroll->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     outer->addWidget(scroll);
     auto* content = new QWidget(scroll);
     scroll->setWidget(content);
@@ -186,8 +191,12 @@ SettingsWindow::SettingsWindow(Backend& backend, UserDefaults& defaults, QWidget
     });
     connect(&backend_, &Backend::changed, this, &SettingsWindow::render);
     connect(&languageSignal(), &LanguageSignal::changed, this, &SettingsWindow::render);
-    resize(fontMetrics().averageCharWidth() * 80, fontMetrics().height() * 40);
     render();
+    // Sized from its content in this language and font: its width, and as much of its
+    // height as a screen holds.
+    const QRect area = screen() ? screen()->availableGeometry() : QRect(0, 0, 1920, 1080);
+    resize(std::max(minimumSizeHint().width(), fontMetrics().averageCharWidth() * 80),
+           std::min(scroll_->widget()->sizeHint().height() + fontMetrics().height() * 2, area.height() * 4 / 5));
 }
 
 void SettingsWindow::fillMicrophones(QComboBox* box, const std::string& chosen) {
@@ -266,6 +275,9 @@ void SettingsWindow::render() {
     }
     sources_->setToolTip(sources.isEmpty() ? q(m::kNoCalendars) : QString());
     removeSource_->setEnabled(!sources.isEmpty());
+    // The texts of this language decide the narrowest the window may be.
+    scroll_->setMinimumWidth(scroll_->widget()->minimumSizeHint().width() + scroll_->verticalScrollBar()->sizeHint().width() +
+                             2 * scroll_->frameWidth());
 }
 
 }  // namespace vell::tray

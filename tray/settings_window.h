@@ -12,6 +12,7 @@ class QLabel;
 class QLineEdit;
 class QListWidget;
 class QPushButton;
+class QScrollArea;
 class QSpinBox;
 
 namespace vell {
@@ -35,6 +36,7 @@ signals:
 private:
     void fillMicrophones(QComboBox* box, const std::string& chosen);
 
+    QScrollArea* scroll_ = nullptr;
     Backend& backend_;
     UserDefaults& defaults_;
     QGroupBox* general_;

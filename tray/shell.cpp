@@ -9,6 +9,7 @@
 #include <QPushButton>
 #include <QSystemTrayIcon>
 
+#include "app/app_messages.h"
 #include "app/quit_decision.h"
 #include "automation/automation_messages.h"
 #include "base/preference_keys.h"
@@ -205,13 +206,17 @@ bool Shell::eventFilter(QObject* watched, QEvent* event) {
 
 void Shell::requestQuit() {
     if (quitting_) return;
-    const auto alert = backend_.remote() ? std::nullopt : app::quitAlert(backend_.state().recording);
-    if (!alert) return finishQuit();
     if (quitAlert_) {
         quitAlert_->raise();
         quitAlert_->activateWindow();
         return;
     }
+    if (backend_.remote()) {
+        if (backend_.state().recording) return askFrontEndQuit();
+        return finishQuit();
+    }
+    const auto alert = app::quitAlert(backend_.state().recording);
+    if (!alert) return finishQuit();
     auto* box = new QMessageBox();
     box->setObjectName("quitAlert");
     box->setAttribute(Qt::WA_DeleteOnClose);
@@ -234,14 +239,44 @@ void Shell::requestQuit() {
     box->activateWindow();
 }
 
-void Shell::finishQuit() {
+// A front end of a host that records: quitting may mean the host and its recording, or
+// only this window and icon.
+void Shell::askFrontEndQuit() {
+    auto* box = new QMessageBox();
+    box->setObjectName("quitAlert");
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    box->setIcon(QMessageBox::Question);
+    box->setWindowTitle(q(m::kAppName));
+    box->setText(q(m::kHostRecordingQuit));
+    box->setInformativeText(q(m::kHostRecordingQuitInformative));
+    auto* stop = box->addButton(q(app::messages::kQuitStopAndQuit), QMessageBox::DestructiveRole);
+    stop->setObjectName("stopAndQuit");
+    auto* close = box->addButton(q(m::kCloseOnly), QMessageBox::AcceptRole);
+    close->setObjectName("closeFrontEnd");
+    auto* cancel = box->addButton(QMessageBox::Cancel);
+    cancel->setObjectName("cancelQuit");
+    box->setDefaultButton(close);
+    box->setEscapeButton(cancel);
+    connect(box, &QMessageBox::buttonClicked, this, [this, stop, close](QAbstractButton* clicked) {
+        if (clicked == stop) finishQuit(true);
+        else if (clicked == close) finishQuit();
+    });
+    quitAlert_ = box;
+    box->open();
+    box->raise();
+    box->activateWindow();
+}
+
+void Shell::finishQuit(bool withHost) {
     quitting_ = true;
     if (panel_) panel_->hide();
     for (auto& [id, w] : windows_) w->hide();
     QPointer<Shell> self(this);
-    backend_.quit([self] {
+    auto done = [self] {
         if (self && self->onQuit) self->onQuit();
-    });
+    };
+    if (withHost) backend_.quitHost(done);
+    else backend_.quit(done);
 }
 
 }  // namespace vell::tray

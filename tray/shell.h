@@ -65,7 +65,8 @@ protected:
 
 private:
     void render();
-    void finishQuit();
+    void finishQuit(bool withHost = false);
+    void askFrontEndQuit();
 
     Backend& backend_;
     UserDefaults& defaults_;

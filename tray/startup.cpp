@@ -6,10 +6,14 @@
 #include <QMessageBox>
 #include <QTimer>
 #include <chrono>
+#include <iostream>
+#include <optional>
+#include <string_view>
 #include <thread>
 
 #include "app/composition.h"
 #include "app/host.h"
+#include "base/application_id.h"
 #include "base/instance_lock.h"
 #include "base/log.h"
 #include "base/paths.h"
@@ -19,6 +23,7 @@
 #include "platform/dbus/control_client.h"
 #include "platform/dbus/control_reopen.h"
 #include "platform/dbus/control_server.h"
+#include "tray/front_end_claim.h"
 #include "tray/language_choice.h"
 #include "tray/local_backend.h"
 #include "tray/qt_executor.h"
@@ -74,9 +79,22 @@ int runFrontEnd(std::unique_ptr<dbus::ControlClient> client, cli::SignalWatcher&
         kLog.info("Vell runs already; its window was brought to the front");
         return 0;
     }
+    // One icon per session: a front end that runs already shows its window instead.
+    Shell* shown = nullptr;
+    bool handedOver = false;
+    auto claim = FrontEndClaim::claim(
+        wanted, [&shown](const QString& window) {
+            if (shown) shown->reopen(window);
+        },
+        &handedOver);
+    if (handedOver) {
+        kLog.info("Vell's icon is in this session already; its window was brought to the front");
+        return 0;
+    }
     kLog.info("another Vell hosts the recordings; this tray is its front end");
     RemoteBackend backend(std::move(client));
     Shell shell(backend, UserDefaults::standard());
+    shown = &shell;
     watcher.watch([] { QMetaObject::invokeMethod(qApp, [] { QCoreApplication::quit(); }, Qt::QueuedConnection); });
     // When that host quits, this tray starts over: as the host, or as the front end of
     // whichever host came up meanwhile.
@@ -128,13 +146,35 @@ int runHost(cli::SignalWatcher& watcher) {
     return code;
 }
 
+std::optional<int> answeredFromArguments(int argc, char** argv) {
+    // Before anything else: asking for the help or the version starts nothing, writes
+    // nothing and needs no display.
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view arg = argv[i];
+        if (arg == "--") break;
+        if (arg == "-h" || arg == "--help" || arg == "-help") {
+            namespace m = messages;
+            std::cout << m::kUsage.str() << "\n\n" << m::kAbout.str() << "\n\n" << m::kOptionsHeading.str() << "\n"
+                      << m::kOpenOption.str() << "\n" << m::kHelpOption.str() << "\n" << m::kVersionOption.str() << "\n\n"
+                      << m::kQtOptions.str() << "\n";
+            return 0;
+        }
+        if (arg == "--version" || arg == "-v") {
+            std::cout << "vell-tray " << VELL_VERSION << " (" << VELL_BUILD_NUMBER << ")\n";
+            return 0;
+        }
+    }
+    return std::nullopt;
+}
+
 }  // namespace
 
 int runTray(int argc, char** argv) {
+    if (auto answered = answeredFromArguments(argc, argv)) return *answered;
     cli::SignalWatcher watcher;  // first: every thread inherits its mask
     QApplication application(argc, argv);
     QApplication::setApplicationName("Vell");
-    QApplication::setDesktopFileName("vell");
+    QApplication::setDesktopFileName(kApplicationID);
     QApplication::setQuitOnLastWindowClosed(false);
     applyStoredLanguage(UserDefaults::standard());
     app::installPlatformBindings();

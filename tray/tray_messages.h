@@ -8,6 +8,21 @@ namespace vell::tray::messages {
 
 inline constexpr Text kAppName{"Vell", "Vell"};
 
+// vell-tray --help
+inline constexpr Text kUsage{"Usage: vell-tray [--open WINDOW]...", "Uso: vell-tray [--open VENTANA]..."};
+inline constexpr Text kAbout{"Vell's icon in the panel, its menu and its windows.",
+                             "El ícono de Vell en el panel, su menú y sus ventanas."};
+inline constexpr Text kOptionsHeading{"Options:", "Opciones:"};
+inline constexpr Text kOpenOption{
+    "  --open WINDOW  show a window at start: main, login, settings, recover, onboarding or panel\n"
+    "                 (repeatable)",
+    "  --open VENTANA muestra una ventana al empezar: main, login, settings, recover, onboarding o panel\n"
+    "                 (se puede repetir)"};
+inline constexpr Text kHelpOption{"  -h, --help     print this help and exit", "  -h, --help     muestra esta ayuda y sale"};
+inline constexpr Text kVersionOption{"  --version      print the version and exit", "  --version      muestra la versión y sale"};
+inline constexpr Text kQtOptions{"Qt's own options (such as -platform) are accepted too. See also: vell --help, man vell-tray.",
+                                 "También acepta las opciones de Qt (como -platform). Ver también: vell --help, man vell-tray."};
+
 // Icon
 inline constexpr Text kTipIdle{"Vell", "Vell"};
 inline constexpr Text kTipRecording{"Vell: recording ", "Vell: grabando "};  // + elapsed time
@@ -49,6 +64,14 @@ inline constexpr Text kSignOut{"Sign out", "Cerrar sesión"};
 inline constexpr Text kOpenVell{"Open Vell", "Abrir Vell"};
 inline constexpr Text kSettingsEllipsis{"Settings…", "Configuración…"};
 inline constexpr Text kQuitVell{"Quit Vell", "Salir de Vell"};
+// Quitting a front end while its host (vell daemon) records.
+inline constexpr Text kHostRecordingQuit{"Vell is recording in the background.", "Vell está grabando en segundo plano."};
+inline constexpr Text kHostRecordingQuitInformative{
+    "Stop the recording and quit Vell, or close only this window and its icon: the recording goes on, and the saved part "
+    "uploads when Vell can connect.",
+    "Detené la grabación y salí de Vell, o cerrá solo esta ventana y su ícono: la grabación sigue, y lo guardado se sube "
+    "cuando Vell pueda conectarse."};
+inline constexpr Text kCloseOnly{"Close only the window", "Cerrar solo la ventana"};
 inline constexpr Text kFrontEndOf{"Connected to the Vell that is already running",
                                   "Conectado al Vell que ya está en marcha"};
 

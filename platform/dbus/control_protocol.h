@@ -89,16 +89,16 @@
 
 namespace vell::dbus {
 
-inline constexpr const char* kControlName = "app.quillon.mac.Vell1";
-inline constexpr const char* kControlPath = "/app/quillon/mac/Vell1";
-inline constexpr const char* kControlInterface = "app.quillon.mac.Vell1";
+inline constexpr const char* kControlName = "app.quillon.Vell1";
+inline constexpr const char* kControlPath = "/app/quillon/Vell1";
+inline constexpr const char* kControlInterface = "app.quillon.Vell1";
 
 namespace errors {
-inline constexpr const char* kFailed = "app.quillon.mac.Vell1.Error.Failed";
-inline constexpr const char* kSignedOut = "app.quillon.mac.Vell1.Error.SignedOut";
-inline constexpr const char* kNotRecording = "app.quillon.mac.Vell1.Error.NotRecording";
+inline constexpr const char* kFailed = "app.quillon.Vell1.Error.Failed";
+inline constexpr const char* kSignedOut = "app.quillon.Vell1.Error.SignedOut";
+inline constexpr const char* kNotRecording = "app.quillon.Vell1.Error.NotRecording";
 // An argument out of its length, range or form (the message says which bound).
-inline constexpr const char* kInvalidArgument = "app.quillon.mac.Vell1.Error.InvalidArgument";
+inline constexpr const char* kInvalidArgument = "app.quillon.Vell1.Error.InvalidArgument";
 }  // namespace errors
 
 }  // namespace vell::dbus

@@ -8,7 +8,8 @@
 // RenameSpeakers(s id, s names) -> s: names is a JSON object {"1": "Ana", ...}; answers the
 //   recording's results after the change.
 // ShareRecording(s id) -> s: the link to the recording's summary and transcript.
-// Every failure is the error app.quillon.mac.Vell1.Error.Failed with the sentence to show.
+// Every failure is the interface's error Failed (SignedOut when no account is
+// signed in) with the sentence to show.
 #include "platform/dbus/control_results.h"
 
 #include <nlohmann/json.hpp>
@@ -30,6 +31,11 @@ json withOffline(const results::Fetched& f) {
 }
 
 std::string unavailable() { return results::messages::kResultsUnavailable.str(); }
+
+// The client's exit status tells signed out from other failures, so the error does too.
+sdbus::Error failure(const std::string& sentence) {
+    return sdbus::Error(results::meansSignedOut(sentence) ? errors::kSignedOut : errors::kFailed, sentence);
+}
 }  // namespace
 
 void registerResultsControl(ControlContext& context) {
@@ -46,7 +52,7 @@ void registerResultsControl(ControlContext& context) {
             auto* all = results::runningResults().results;
             if (!all) return r->returnError(sdbus::Error(errors::kFailed, unavailable()));
             all->list([r](Expected<std::vector<results::Fetched>, std::string> list) {
-                if (!list) return r->returnError(sdbus::Error(errors::kFailed, list.error()));
+                if (!list) return r->returnError(failure(list.error()));
                 json out = json::array();
                 for (const auto& f : *list) out.push_back(withOffline(f));
                 r->returnResults(out.dump());
@@ -60,7 +66,7 @@ void registerResultsControl(ControlContext& context) {
                 auto* all = results::runningResults().results;
                 if (!all) return r->returnError(sdbus::Error(errors::kFailed, unavailable()));
                 all->detail(id, [r](Expected<results::Fetched, std::string> f) {
-                    if (!f) return r->returnError(sdbus::Error(errors::kFailed, f.error()));
+                    if (!f) return r->returnError(failure(f.error()));
                     r->returnResults(withOffline(*f).dump());
                 });
             });
@@ -73,7 +79,7 @@ void registerResultsControl(ControlContext& context) {
                 auto* all = results::runningResults().results;
                 if (!all) return r->returnError(sdbus::Error(errors::kFailed, unavailable()));
                 all->renameSpeakers(id, names, [r](Expected<results::RecordingResult, std::string> done) {
-                    if (!done) return r->returnError(sdbus::Error(errors::kFailed, done.error()));
+                    if (!done) return r->returnError(failure(done.error()));
                     r->returnResults(results::encodeResult(*done).dump());
                 });
             });
@@ -85,7 +91,7 @@ void registerResultsControl(ControlContext& context) {
                 auto* all = results::runningResults().results;
                 if (!all) return r->returnError(sdbus::Error(errors::kFailed, unavailable()));
                 all->share(id, [r](Expected<std::string, std::string> url) {
-                    if (!url) return r->returnError(sdbus::Error(errors::kFailed, url.error()));
+                    if (!url) return r->returnError(failure(url.error()));
                     r->returnResults(*url);
                 });
             });

@@ -169,7 +169,7 @@ void ControlServer::Impl::watchHost() {
                                const Expected<std::string, service::UploadError>& result) {
         Json attempt{{"file", r.fileURL.filename().string()}};
         if (result) attempt["recordingId"] = *result;
-        else attempt["error"] = result.error().description();
+        else attempt["error"] = result.error().descriptionWithCause();
         for (auto& collector : uploadCollectors) (*collector)["attempts"].push_back(attempt);
     };
 }
@@ -286,7 +286,7 @@ void ControlServer::Impl::registerInterface() {
                     return r->returnError(sdbus::Error(errors::kFailed, app::messages::kAlreadySignedIn.str() + me->email + "."));
                 }
                 state.signIn(email, password, [r](Expected<service::SignInStep, service::APIError> step) {
-                    if (!step) return r->returnError(sdbus::Error(errors::kFailed, step.error().description()));
+                    if (!step) return r->returnError(sdbus::Error(errors::kFailed, step.error().descriptionWithCause()));
                     r->returnResults(std::string(*step == service::SignInStep::mfaRequired ? "mfaRequired" : "signedIn"));
                 });
             });
@@ -301,7 +301,7 @@ void ControlServer::Impl::registerInterface() {
                 return r->returnError(sdbus::Error(errors::kFailed, app::messages::kNoCodeAsked.str()));
             }
             state.verifyMfa(answer, [r](Expected<Unit, service::APIError> done) {
-                if (!done) return r->returnError(sdbus::Error(errors::kFailed, done.error().description()));
+                if (!done) return r->returnError(sdbus::Error(errors::kFailed, done.error().descriptionWithCause()));
                 r->returnResults();
             });
         });
@@ -325,7 +325,7 @@ void ControlServer::Impl::registerInterface() {
                         core.appState().handleUnauthenticated();
                         return r->returnError(sdbus::Error(errors::kSignedOut, me.error().description()));
                     }
-                    return r->returnError(sdbus::Error(errors::kFailed, me.error().description()));
+                    return r->returnError(sdbus::Error(errors::kFailed, me.error().descriptionWithCause()));
                 }
                 r->returnResults(Json{{"id", me->id}, {"email", me->email}, {"role", me->role}, {"isAdmin", me->isAdmin}}.dump());
             });

@@ -4,6 +4,7 @@
 
 #include "platform/dbus/bus_loop.h"
 
+#include "base/application_id.h"
 #include "base/log.h"
 
 namespace vell::dbus {
@@ -64,7 +65,7 @@ void DesktopNotifications::post(const app::Notification& notification) {
         withdrawWhenShown_.erase(notification.identifier);
     }
     std::map<std::string, sdbus::Variant> hints;
-    hints["desktop-entry"] = sdbus::Variant(std::string("vell"));
+    hints["desktop-entry"] = sdbus::Variant(std::string(kApplicationID));
     try {
         proxy_->callMethodAsync("Notify")
             .onInterface(kInterface)

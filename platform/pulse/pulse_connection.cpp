@@ -112,6 +112,14 @@ int Connection::lastError() const {
     return context_ ? pa_context_errno(context_) : PA_ERR_CONNECTIONTERMINATED;
 }
 
+namespace {
+// Nobody listening on the socket (or no socket) means no server runs: the user can start one.
+[[noreturn]] void throwConnectFailure(int error) {
+    if (error == PA_ERR_CONNECTIONREFUSED || error == PA_ERR_NOENTITY) throw audio::SoundServerAbsent(error, "pa_context_connect");
+    throw CoreAudioError(error, "pa_context_connect");
+}
+}  // namespace
+
 void Connection::connect() {
     Lock lock(*this);
     if (context_ && pa_context_get_state(context_) == PA_CONTEXT_READY) return;
@@ -125,7 +133,7 @@ void Connection::connect() {
     if (!context_) throw CoreAudioError(PA_ERR_INTERNAL, "pa_context_new");
     pa_context_set_state_callback(context_, &Callbacks::state, this);
     if (pa_context_connect(context_, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0) {
-        throw CoreAudioError(pa_context_errno(context_), "pa_context_connect");
+        throwConnectFailure(pa_context_errno(context_));
     }
     const bool settled = waitFor([&] {
         auto state = pa_context_get_state(context_);
@@ -135,7 +143,7 @@ void Connection::connect() {
     const int error = settled ? pa_context_errno(context_) : PA_ERR_TIMEOUT;
     releaseContext();
     if (!settled) throw SoundServerNotAnswering(error, "pa_context_connect");
-    throw CoreAudioError(error, "pa_context_connect");
+    throwConnectFailure(error);
 }
 
 void Connection::disconnect() {

@@ -109,7 +109,7 @@ TEST_F(DiscardedRecordingsTest, AMeetingRecordingNobodySpokeInIsDiscardedWithIts
     ASSERT_EQ(posted.size(), 2u);
     EXPECT_EQ(posted[1].identifier, "app.quillon.mac.silentMeeting." + id);
     EXPECT_EQ(posted[1].title, "Nobody spoke, so nothing was kept");
-    EXPECT_EQ(posted[1].body, "Undo from the menu bar within 5 minutes.");
+    EXPECT_EQ(posted[1].body, "Undo from the Vell icon in the panel within 5 minutes.");
     ASSERT_TRUE(d.undo());
     EXPECT_EQ(entry(id)->status, Status::ready);
 }

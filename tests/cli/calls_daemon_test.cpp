@@ -138,7 +138,10 @@ TEST_F(CallsDaemonTest, ACallStartsARecordingAndItsStopEndsIt) {
     EXPECT_NE(run("status").output.find("In a call: "), std::string::npos) << run("status").output;
     auto status = json("calls --json");
     EXPECT_EQ(status["callers"][0].value("bundleID", ""), "us.zoom.xos") << status.dump();
-    EXPECT_TRUE(status["state"].value("ownsRecording", false)) << status.dump();
+    EXPECT_TRUE(status.value("recording", false)) << status.dump();
+    EXPECT_EQ(status.value("call", ""), "inCall") << status.dump();
+    EXPECT_FALSE(status.contains("state")) << "the recorder's internals stay inside";
+    EXPECT_NE(run("calls").output.find("Call: in progress"), std::string::npos) << run("calls").output;
 
     std::optional<NotificationServer::Shown> started;
     ASSERT_TRUE(eventually([&] { return (started = notifications.find("Recording the call")).has_value(); })) << log();
@@ -151,7 +154,7 @@ TEST_F(CallsDaemonTest, ACallStartsARecordingAndItsStopEndsIt) {
     ASSERT_TRUE(eventually([&] { return !recording(); })) << log();
     std::this_thread::sleep_for(3s);
     EXPECT_FALSE(recording()) << log();
-    EXPECT_TRUE(json("calls --json")["state"].value("suppressedUntilIdle", false));
+    EXPECT_TRUE(json("calls --json").value("waitingForCallEnd", false));
     auto pending = nlohmann::json::parse(run("pending --json").output, nullptr, false);
     ASSERT_TRUE(pending.is_array() && pending.size() == 1u) << pending.dump();
     EXPECT_NE(pending[0].value("status", ""), "recording");
@@ -195,7 +198,7 @@ TEST_F(CallsDaemonTest, AManualRecordingIsOfferedToFinishWhenTheCallEnds) {
     startCall();
     ASSERT_TRUE(eventually([&] { return !json("calls --json")["callers"].empty(); })) << log();
     std::this_thread::sleep_for(1500ms);  // seen on more than one poll
-    EXPECT_FALSE(json("calls --json")["state"].value("ownsRecording", true));
+    EXPECT_FALSE(json("calls --json").value("recording", true));
 
     endCall();
     ASSERT_TRUE(eventually([&] { return json("calls --json")["callers"].empty(); }, 3s)) << log();

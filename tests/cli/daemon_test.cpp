@@ -129,7 +129,7 @@ TEST_F(DaemonTest, SigtermMidRecordingLeavesAReadyRecordingWithItsAudio) {
     ASSERT_EQ(list.size(), 1u);
     EXPECT_EQ(list[0]["status"], "ready");
     EXPECT_FALSE(list[0].contains("lastError")) << "stopped, not recovered after a crash";
-    auto decoded = test::decodeAudioFile(list[0]["fileURL"].get<std::string>().substr(7));
+    auto decoded = test::decodeAudioFile(list[0]["file"].get<std::string>());
     ASSERT_TRUE(decoded.ok) << decoded.error;
     EXPECT_GT(decoded.seconds(), 1.5);
 }

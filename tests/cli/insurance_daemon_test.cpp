@@ -114,7 +114,10 @@ TEST_F(InsuranceDaemon, OnBuffersTheMicrophoneOffErasesItAndQuittingErasesItToo)
     EXPECT_FALSE(chunks[0]["open"].get<bool>());
     EXPECT_GT(chunks[0]["activity"].get<int>(), 50) << "a tone is sound";
 
-    auto window = run("insurance window 90");
+    // A window out of range is refused, not quietly clamped.
+    auto tooLong = run("insurance window 90");
+    EXPECT_EQ(tooLong.status, 2) << tooLong.output;
+    auto window = run("insurance window 60");
     EXPECT_EQ(window.status, 0);
     EXPECT_NE(window.output.find("Window kept: 60 min"), std::string::npos) << window.output;
 

@@ -92,6 +92,7 @@ TEST_F(LiveDaemonTest, ADiscardedRecordingsLiveSessionIsPurgedOnTheService) {
     }, 10s)) << readAll(daemonLog());
     auto stop = run("stop --discard");
     EXPECT_EQ(stop.status, 0) << stop.output;
+    EXPECT_NE(stop.output.find("Discarded. vell undo brings it back within 5 minutes."), std::string::npos) << stop.output;
     int status = 0;
     waitpid(recording, &status, 0);
     EXPECT_TRUE(test::eventually([&] { return server.admin("GET", "admin/live").empty(); }, 10s))

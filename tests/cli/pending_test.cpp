@@ -36,7 +36,7 @@ TEST_F(PendingCommand, OrphanRecordingIsListedAsReadyWithTheRecoveryNote) {
     EXPECT_EQ(list[0]["status"], "ready");
     EXPECT_EQ(list[0]["lastError"], "Recovered after an interrupted recording.");
     EXPECT_EQ(list[0]["attempts"], 0);
-    EXPECT_EQ(list[0]["fileURL"], "file://" + (recordings() / "vell_rec_4F1C2D3E-0000-4000-8000-00000000ABCD.aac").string());
+    EXPECT_EQ(list[0]["file"], (recordings() / "vell_rec_4F1C2D3E-0000-4000-8000-00000000ABCD.aac").string());
     EXPECT_FALSE(list[0].contains("accountID"));
     // The list was saved, so a second run shows the same entry without recovering it again.
     EXPECT_TRUE(fs::exists(recordings() / "manifest.json"));

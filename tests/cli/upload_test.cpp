@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <thread>
 #include <nlohmann/json.hpp>
@@ -80,6 +81,21 @@ TEST(CliUpload, UploadsPendingRecordingsAndReportsFailures) {
         auto file = paths::recordingsDirectory() / r.value("filename", "");
         EXPECT_EQ(r.value("sha256", ""), sha256File(file));
     }
+
+    // The id `vell pending` prints reaches the service's copy of that recording.
+    auto shown = runVell(home, "show two --json");
+    auto detail = nlohmann::json::parse(shown.output, nullptr, false);
+    ASSERT_TRUE(detail.is_object()) << shown.output;
+    EXPECT_EQ(detail.value("id", "").rfind("rec_", 0), 0u) << shown.output;
+    // For scripts: ISO 8601 times with an offset, plain paths.
+    auto pending = nlohmann::json::parse(runVell(home, "pending --json").output, nullptr, false);
+    ASSERT_TRUE(pending.is_array() && pending.size() == 2u) << pending.dump();
+    EXPECT_EQ(pending[1].value("file", ""), (paths::recordingsDirectory() / "vell_rec_two.aac").string());
+    EXPECT_FALSE(pending[1].contains("fileURL"));
+    EXPECT_TRUE(std::regex_match(pending[1].value("startedAt", ""),
+                                 std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[+-]\d\d:\d\d)")))
+        << pending[1].dump();
+    EXPECT_TRUE(std::regex_match(detail.value("createdAt", ""), std::regex(R"(\d{4}-.*T.*[+-]\d\d:\d\d)"))) << detail.dump();
 }
 
 std::size_t occurrences(const std::string& text, const std::string& part) {

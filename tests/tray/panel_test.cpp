@@ -116,7 +116,7 @@ TEST(PanelTest, ADiscardCanBeUndoneFromItsPanelAndTheMenu) {
     ASSERT_TRUE(waitFor([&] { return undo.isVisible(); })) << "a discard shows the undo panel";
     EXPECT_EQ(statusOf(rig), Status::discarded);
     EXPECT_EQ(textOf(&undo, "headline"), "Nothing from this recording was kept.");
-    EXPECT_EQ(child<QAbstractButton>(&undo, "closeButton")->toolTip(), "Close (Undo stays in the menu bar)");
+    EXPECT_EQ(child<QAbstractButton>(&undo, "closeButton")->toolTip(), "Close (Undo stays at the Vell icon in the panel)");
     // Closing it leaves Undo in the menu and the panel.
     QTest::mouseClick(child<QAbstractButton>(&undo, "closeButton"), Qt::LeftButton);
     EXPECT_FALSE(undo.isVisible());

@@ -11,6 +11,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
+#include <QMessageBox>
 #include <QPushButton>
 #include <QTextBrowser>
 #include <nlohmann/json.hpp>
@@ -34,21 +35,33 @@ namespace {
 using test::child;
 using test::waitFor;
 
-TEST(RemoteBackendTest, ThePanelDrivesTheRunningDaemon) {
+// A `vell daemon` on a private session bus and sound server, in a home of its own, and a
+// client of its control interface; the daemon ends with the test.
+struct DaemonHost {
     vell::test::TempHome home;
     vell::test::PrivateBus bus;
     vell::test::PulseServer pulse;
-    setInterfaceLanguage(Language::English);
-    home.defaults().set(prefs::kAutoRecordCalls, false);
-    home.defaults().set(prefs::kOpenAtLoginDefaultApplied, true);
-    const auto log = home.root() / "daemon.log";
-    pid_t daemon = vell::test::spawnLogged({vell::test::binaryPath("vell").string(), "daemon"}, log);
-    struct Reap {
-        pid_t& pid;
-        ~Reap() { vell::test::endProcess(pid); }
-    } reap{daemon};
+    std::filesystem::path log = home.root() / "daemon.log";
+    pid_t daemon = -1;
     std::unique_ptr<dbus::ControlClient> client;
-    ASSERT_TRUE(waitFor([&] { return (client = dbus::ControlClient::connect()) != nullptr; }, 10000)) << vell::test::readAll(log);
+
+    DaemonHost() {
+        setInterfaceLanguage(Language::English);
+        home.defaults().set(prefs::kAutoRecordCalls, false);
+        home.defaults().set(prefs::kOpenAtLoginDefaultApplied, true);
+        daemon = vell::test::spawnLogged({vell::test::binaryPath("vell").string(), "daemon"}, log);
+        waitFor([&] { return (client = dbus::ControlClient::connect()) != nullptr; }, 10000);
+    }
+    ~DaemonHost() { vell::test::endProcess(daemon); }
+};
+
+TEST(RemoteBackendTest, ThePanelDrivesTheRunningDaemon) {
+    DaemonHost host;
+    ASSERT_NE(host.client, nullptr) << vell::test::readAll(host.log);
+    auto& home = host.home;
+    auto& client = host.client;
+    auto& daemon = host.daemon;
+    const auto& log = host.log;
 
     auto reopened = client->reopen("");
     ASSERT_TRUE(reopened.has_value());
@@ -96,6 +109,46 @@ TEST(RemoteBackendTest, ThePanelDrivesTheRunningDaemon) {
     waitpid(daemon, nullptr, 0);
     daemon = -1;
     EXPECT_TRUE(waitFor([&] { return lost; }, 5000));
+}
+
+// Quitting a front end while its host records asks: close only this front end (the
+// recording goes on) or stop the recording and the host, which keeps what was recorded.
+TEST(RemoteBackendTest, QuittingAFrontEndWhileTheHostRecordsAsksWhatToQuit) {
+    DaemonHost host;
+    ASSERT_NE(host.client, nullptr) << vell::test::readAll(host.log);
+    auto& home = host.home;
+    auto& client = host.client;
+    auto& daemon = host.daemon;
+    const auto& log = host.log;
+    ASSERT_TRUE(client->startRecording().has_value());
+    ASSERT_TRUE(waitFor([&] { return client->status()->recording; }, 10000)) << vell::test::readAll(log);
+
+    for (const std::string choice : {"cancelQuit", "closeFrontEnd", "stopAndQuit"}) {
+        RemoteBackend front(dbus::ControlClient::connect());
+        Shell shell(front, home.defaults());
+        int quits = 0;
+        shell.onQuit = [&] { ++quits; };
+        ASSERT_TRUE(waitFor([&] { return front.state().recording; }, 10000)) << choice;
+        shell.requestQuit();
+        QMessageBox* alert = shell.quitAlert();
+        ASSERT_NE(alert, nullptr) << choice;
+        EXPECT_EQ(alert->text(), "Vell is recording in the background.");
+        alert->findChild<QAbstractButton*>(QString::fromStdString(choice))->click();
+        if (choice == "cancelQuit") {
+            QTest::qWait(200);
+            EXPECT_EQ(quits, 0);
+            continue;
+        }
+        ASSERT_TRUE(waitFor([&] { return quits == 1; }, 10000)) << choice;
+        if (choice == "closeFrontEnd") {
+            EXPECT_TRUE(client->status()->recording) << "the host records on";
+        }
+    }
+    // The host stopped its recording without discarding it, and quit.
+    ASSERT_TRUE(waitFor([&] { return ::waitpid(daemon, nullptr, WNOHANG) == daemon; }, 10000)) << vell::test::readAll(log);
+    daemon = -1;
+    const auto manifest = vell::test::readAll(home.dataHome() / "Vell" / "Recordings" / "manifest.json");
+    EXPECT_NE(manifest.find("\"ready\""), std::string::npos) << manifest;
 }
 
 // The live advice and the results of the daemon's recordings reach the front end's main

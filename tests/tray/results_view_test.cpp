@@ -118,6 +118,8 @@ TEST_F(ResultsViewTest, ShowsTheListAndTheChosenRecordingsSummaryTranscriptAndCu
     backend.lists.pop_front();
     EXPECT_TRUE(child<QLabel>(view, "resultsStatus")->isHidden());
     EXPECT_TRUE(row(view, "rec-1")->text().endsWith("1:35  ·  Processed."));
+    // Found by what was said: the summary's first line of text, not its heading, not the date.
+    EXPECT_TRUE(row(view, "rec-1")->text().startsWith("The budget is ten thousand.\n")) << row(view, "rec-1")->text().toStdString();
     EXPECT_TRUE(row(view, "rec-2")->text().endsWith("0:30  ·  Being processed…"));
     EXPECT_EQ(text(view, "detailStatus"), "Choose a recording to see its summary, transcript and cues.");
 

@@ -10,7 +10,11 @@
 
 int main(int argc, char** argv) {
     ::setenv(vell::test::kSuiteMarker, VELL_BINARY_DIR, 1);  // see tests/main.cpp
-    if (!qEnvironmentVariableIsSet("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
+    // Off screen on a 4K screen: the windows at twice the font size must fit as they would
+    // on a desktop scaled to 200 %, not on the plugin's 800x600 default.
+    if (!qEnvironmentVariableIsSet("QT_QPA_PLATFORM")) {
+        qputenv("QT_QPA_PLATFORM", "offscreen:configfile=" VELL_SOURCE_DIR "/tests/tray/offscreen-screen.json");
+    }
     QApplication application(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
     vell::app::installPlatformBindings();

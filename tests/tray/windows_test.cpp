@@ -106,7 +106,7 @@ TEST(SettingsWindowTest, EveryPreferenceReachesTheHostAndItsStore) {
     EXPECT_EQ(child<QCheckBox>(settings, "recordCalendar")->text(), "Record calendar meetings");
     EXPECT_EQ(labelText(settings, "calendarNote"),
               "Starts recording when a meeting in your calendar begins: a timed event you haven't declined, with other "
-              "people or a video link. Delete it from the menu bar if it started at the wrong moment; Undo stays "
+              "people or a video link. Delete it from the Vell icon in the panel if it started at the wrong moment; Undo stays "
               "available for 5 minutes. Any recording stops after 10 minutes without speech, and a meeting recording "
               "nobody spoke in is removed.");
     EXPECT_EQ(child<QCheckBox>(settings, "recordCalls")->text(), "Record calls automatically");
