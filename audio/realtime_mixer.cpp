@@ -156,7 +156,23 @@ void RealtimeMixer::take(Stream& stream, bool isSystem, const PcmBufferPtr& buff
         const std::size_t count = left->size();
         const std::size_t due = framesSinceOpen(arrivedAt);
         const std::size_t reached = position(stream) + count;
-        if (reached <= due + static_cast<std::size_t>(kAheadSeconds * sampleRate_)) {
+        const auto stallFrames = static_cast<std::size_t>(kStallSeconds * sampleRate_);
+        const Stream& other = isSystem ? mic_ : system_;
+        const bool otherCarries = (isSystem || systemEnabled_) && arrivedAt - other.lastArrival <= kStallSeconds;
+        if (!otherCarries && reached + stallFrames < due) {
+            // Nothing carried the file through a gap this stream will not fill (a device resumed,
+            // a source that started late or had rendered ahead): silence stands for the gap, so
+            // what is heard now lands at its time and the file stays as long as the recording.
+            logDropped(stream, isSystem);
+            const std::size_t gap = due - reached;
+            for (int c = 0; c < kTargetChannels; ++c) {
+                const auto& side = c == 0 ? *left : *right;
+                trimmed_[c].assign(gap, 0.0f);
+                trimmed_[c].insert(trimmed_[c].end(), side.begin(), side.end());
+            }
+            left = &trimmed_[0];
+            right = &trimmed_[1];
+        } else if (reached <= due + static_cast<std::size_t>(kAheadSeconds * sampleRate_)) {
             logDropped(stream, isSystem);  // a burst before this block is over
         } else {
             const std::size_t excess = reached - due;
@@ -238,6 +254,13 @@ void RealtimeMixer::mix(bool force) {
     // The file never runs ahead of the clock: what a stream holds beyond it waits (and its
     // oldest part is dropped as more comes, or at the end).
     std::size_t room = SIZE_MAX;
+    if (keepToClock_) {
+        // A burst is over once its stream goes quiet: holding the file for it any longer would
+        // leave the other stream unwritten, or the file short, for as long as the quiet lasts.
+        for (Stream* stream : {&mic_, &system_}) {
+            if (stream->droppedRun > 0 && now - stream->lastArrival > kStallSeconds) logDropped(*stream, stream == &system_);
+        }
+    }
     if (keepToClock_ && !force && (mic_.droppedRun > 0 || system_.droppedRun > 0)) {
         return;  // a backlog is still coming: only its newest part is worth writing
     }

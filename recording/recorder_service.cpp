@@ -590,6 +590,7 @@ void RecorderService::stop(bool userInitiated, bool discard) {
     session_.reset();
     const std::string id = *currentID_;
     RecordingStopOutcome outcome{id, true, duration};
+    const bool stoppedOnWriteError = stoppingOnWriteError_;
     if (stoppingOnWriteError_) {
         stoppingOnWriteError_ = false;
         outcome.kept = keepAfterWriteError(file);
@@ -618,9 +619,11 @@ void RecorderService::stop(bool userInitiated, bool discard) {
             r.discardedAt = discard ? std::optional<WallTime>(now) : std::nullopt;
         });
         if (saveFailure_) {
-            // The audio is safe and the next start settles the entry, but the user hears of it.
+            // The audio is safe and the next start settles the entry, but the user hears of it,
+            // unless the stop already says the disk refused the audio: that sentence tells what
+            // happened to the recording, the list's failure is the same full disk.
             kLog.error("recording " + id + " stopped; the pending list could not be saved: " + *saveFailure_);
-            state.lastError.set(messages::kListNotSaved.str() + *saveFailure_);
+            if (!stoppedOnWriteError) state.lastError.set(messages::kListNotSaved.str() + *saveFailure_);
         }
     }
     kLog.info("recording " + id + (discard ? " discarded" : " stopped") + " after " + std::to_string(duration) + " s");

@@ -281,6 +281,9 @@ struct BurstCase {
     double backlog;         // seconds of stale audio let go with the block due then
     double stalledFor;      // instead: seconds without blocks before `at`, then all of them at once
     double expectDropped;   // seconds
+    // Then: seconds without blocks after the burst, the stream resuming at the clock. A source
+    // that renders ahead (PulseAudio's sine source hands out its whole latency at once) does this.
+    double quietAfter = 0;
 };
 
 TEST_F(MixerTest, StreamsDeliveringFasterThanRealTimeKeepTheFileToTheClock) {
@@ -291,6 +294,8 @@ TEST_F(MixerTest, StreamsDeliveringFasterThanRealTimeKeepTheFileToTheClock) {
         {"system backlog mid-recording", true, true, 3.0, 5, 0, 5},
         {"microphone alone backlog mid-recording", false, false, 3.0, 5, 0, 5},
         {"microphone alone stalls and catches up", false, false, 5.0, 0, 2.0, 0},
+        {"microphone renders two seconds ahead, then is quiet", false, true, 0.1, 1.9, 0, 1.9, 1.9},
+        {"microphone alone renders ahead, then is quiet", false, false, 0.1, 1.9, 0, 1.9, 1.9},
     };
     keepToClock = true;
     for (const auto& c : cases) {
@@ -320,7 +325,16 @@ TEST_F(MixerTest, StreamsDeliveringFasterThanRealTimeKeepTheFileToTheClock) {
             const double now = step * 0.1;
             clock.advance(0.1);
             const bool burstNow = std::abs(now - c.at) < 1e-6;
-            const bool stalled = c.stalledFor > 0 && now > c.at - c.stalledFor + 1e-6 && now < c.at - 1e-6;
+            const bool quiet = now > c.at + 1e-6 && now < c.at + c.quietAfter + 1e-6;
+            const bool stalled = quiet || (c.stalledFor > 0 && now > c.at - c.stalledFor + 1e-6 && now < c.at - 1e-6);
+            if (c.quietAfter > 0 && std::abs(now - (c.at + c.quietAfter + 0.1)) < 1e-6) {
+                deliveredUntil = now - 0.1;  // resumes at the clock: what it rendered ahead covered the gap
+            }
+            if (c.quietAfter > 0 && c.systemEnabled && std::abs(now - (c.at + c.quietAfter + 0.1)) < 1e-6) {
+                std::size_t written = 0;
+                for (const auto& b : out.mixed) written += b->frames();
+                EXPECT_NEAR(double(written) / kRate, now - 0.1, 0.7) << "the file kept growing while the source was quiet";
+            }
             const double from = deliveredUntil;
             if (!stalled) deliveredUntil = now;
             const double stale = burstNow ? c.backlog : 0;
