@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <sstream>
 
+#include "base/private_folder.h"
 #include "base/application_id.h"
 #include "base/files.h"
 
@@ -73,7 +74,7 @@ LoginItemStatus XdgAutostartLoginItem::status() const {
 
 Expected<Unit, std::string> XdgAutostartLoginItem::registerItem() {
     std::error_code ec;
-    fs::create_directories(entry_.parent_path(), ec);
+    files::createPrivateDirectories(entry_.parent_path(), ec);
     if (ec) return unexpected("cannot create " + entry_.parent_path().string() + ": " + ec.message());
     std::string text =
         "[Desktop Entry]\n"

@@ -46,7 +46,7 @@ bool writeAtomically(const fs::path& path, std::string_view data, std::error_cod
     fs::path dir = path.parent_path().empty() ? fs::path(".") : path.parent_path();
     std::random_device rd;
     fs::path tmp = dir / ("." + path.filename().string() + ".tmp-" + std::to_string(::getpid()) + "-" + std::to_string(rd()));
-    int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0) {
         error = lastError();
         return false;

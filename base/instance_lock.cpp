@@ -7,14 +7,17 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/files.h"
 #include "base/language.h"
+#include "base/log.h"
+#include "base/private_folder.h"
 
 namespace vell {
 
 Expected<std::shared_ptr<InstanceLock>, InstanceLock::Refusal> InstanceLock::acquire(
     const std::filesystem::path& dataDirectory) {
     std::error_code ec;
-    std::filesystem::create_directories(dataDirectory, ec);
+    files::createPrivateDirectories(dataDirectory, ec);
     auto path = dataDirectory / "instance.lock";
     int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (fd < 0) {
@@ -30,6 +33,15 @@ Expected<std::shared_ptr<InstanceLock>, InstanceLock::Refusal> InstanceLock::acq
         return unexpected(Refusal{
             true, localized("Another Vell is already running with the data folder " + dataDirectory.string() + ".",
                             "Ya hay otro Vell abierto con la carpeta de datos " + dataDirectory.string() + ".")});
+    }
+    // Whichever program owns the folder: what older versions made open to others is narrowed
+    // before anything is read from it (once the folder is private there is nothing to walk).
+    const auto open = std::filesystem::status(dataDirectory, ec).permissions() &
+                      (std::filesystem::perms::group_all | std::filesystem::perms::others_all);
+    if (!ec && open != std::filesystem::perms::none) {
+        if (const int narrowed = files::narrowToOwner(dataDirectory); narrowed > 0) {
+            log::Logger("App").info("made " + std::to_string(narrowed) + " files and folders private to their owner");
+        }
     }
     // The holder's pid helps a user find the other process.
     if (::ftruncate(fd, 0) == 0) {

@@ -19,7 +19,8 @@ public:
     };
 
     // Takes the lock file in <dataDirectory>; fails at once (never waits) when another
-    // process holds it, or when the folder cannot be created or written.
+    // process holds it, or when the folder cannot be created or written. Once taken, whatever
+    // in the folder is open to others is narrowed to the owner.
     static Expected<std::shared_ptr<InstanceLock>, Refusal> acquire(const std::filesystem::path& dataDirectory);
     ~InstanceLock();
     InstanceLock(const InstanceLock&) = delete;

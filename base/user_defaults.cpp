@@ -5,6 +5,7 @@
 #include <limits>
 #include <memory>
 
+#include "base/private_folder.h"
 #include "base/files.h"
 #include "base/log.h"
 #include "base/paths.h"
@@ -131,7 +132,7 @@ bool UserDefaults::remove(std::string_view key) {
 
 bool UserDefaults::save() {
     std::error_code error;
-    fs::create_directories(file_.parent_path(), error);
+    files::createPrivateDirectories(file_.parent_path(), error);
     if (!files::writeAtomically(file_, values_.dump(2), error)) {
         kLog.error("defaults write failed (" + error.message() + "): " + file_.string());
         return false;

@@ -1,7 +1,8 @@
 // vell insurance [status|on|off|window MINUTES|chunks|export --minutes N -o FILE|requests]
 // [--json]:
-// insurance mode through the running host. Without a host only the status is shown (read
-// from the stored settings and the folder), since listening needs a process that stays.
+// insurance mode through the running host. Without a host the status is read from the stored
+// settings and the folder, and "off" is stored (erasing a buffer a crash left); turning it on
+// needs a process that stays.
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -9,6 +10,9 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 
+#include "base/instance_lock.h"
+#include "base/paths.h"
+#include "base/preference_keys.h"
 #include "base/user_defaults.h"
 #include "cli/command.h"
 #include "cli/host_client.h"
@@ -105,9 +109,28 @@ int on(bool json, bool acceptPrivacy) {
     return after->lastError ? kExitFailure : kExitOK;
 }
 
+// Without a host the user still means "off": the setting is stored and a buffer a crash left
+// behind is erased, while this command holds the data folder as its only owner.
+int offWithoutHost(bool json) {
+    auto lock = InstanceLock::acquire(paths::vellDataDirectory());
+    if (!lock) {
+        // A host is starting right now: it takes the request.
+        if (lock.error().busy) return needsHost();
+        std::cerr << "vell: " << lock.error().sentence << "\n";
+        return kExitFailure;
+    }
+    UserDefaults::standard().set(prefs::kInsuranceEnabled, false);
+    insurance::InsuranceBufferStore store(insurance::InsuranceBufferStore::defaultDirectory());
+    const bool hadBuffer = !store.chunks().empty();
+    store.removeAll();
+    printStatus(insurance::storedStatus(UserDefaults::standard(), store), json, false);
+    if (hadBuffer && !json) std::cout << msg::kLeftoverErased.str() << "\n";
+    return kExitOK;
+}
+
 int off(bool json) {
     auto host = runningHost();
-    if (!host) return needsHost();
+    if (!host) return offWithoutHost(json);
     auto answer = host->insuranceDisable();
     if (!answer) return reportHostError(answer.error());
     if (auto s = parse(*answer)) printStatus(*s, json, true);

@@ -43,6 +43,8 @@ inline constexpr Text kHostNotRunning{"(no Vell host is running: nothing listens
                                       "(no hay un anfitrión de Vell en marcha: nada escucha hasta que corra \"vell daemon\")"};
 inline constexpr Text kOn{"Insurance mode: on", "Modo respaldo: activado"};
 inline constexpr Text kOff{"Insurance mode: off", "Modo respaldo: desactivado"};
+inline constexpr Text kLeftoverErased{"The buffer an earlier run left on disk was erased.",
+                                      "Se borró el respaldo que una ejecución anterior dejó en el disco."};
 inline constexpr Text kListening{"Listening: ", "Escuchando: "};
 inline constexpr Text kYes{"yes", "sí"};
 inline constexpr Text kNo{"no", "no"};

@@ -11,6 +11,7 @@
 #include "app/composition.h"
 #include "base/language.h"
 #include "base/log.h"
+#include "base/process_start.h"
 #include "cli/command.h"
 #include "cli/help_format.h"
 #include "cli/help_messages.h"
@@ -175,9 +176,7 @@ std::string extrasSuggestions(const CLI::App& app, const std::string& what) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    // Everything Vell creates (recordings, the pending list, receipts, the insurance buffer,
-    // the session) is for this user alone.
-    ::umask(077);
+    vell::process::start();
     vell::app::installPlatformBindings();
     using namespace vell;
     applyLanguageFlag(argc, argv);

@@ -8,8 +8,9 @@
 
 namespace vell::cli {
 
-// Ctrl-C, SIGTERM (and SIGUSR1, our own wake-up) are taken by one thread with sigwait, so
-// a command stops on its main loop like on any other request. Make it first in a command,
+// Ctrl-C, SIGTERM, SIGHUP (a closed terminal or session), SIGQUIT (and SIGUSR1, our own
+// wake-up) are taken by one thread with sigwait, so a command stops on its main loop like on
+// any other request: a host that quits this way erases the insurance buffer as any quit does. Make it first in a command,
 // before any thread exists, so that every thread inherits the mask.
 class SignalWatcher {
 public:
@@ -17,6 +18,8 @@ public:
         sigemptyset(&set_);
         sigaddset(&set_, SIGINT);
         sigaddset(&set_, SIGTERM);
+        sigaddset(&set_, SIGHUP);
+        sigaddset(&set_, SIGQUIT);
         sigaddset(&set_, SIGUSR1);
         // Before any other thread exists, so that every thread inherits the mask.
         pthread_sigmask(SIG_BLOCK, &set_, &previous_);
@@ -35,7 +38,7 @@ public:
                 int signal = 0;
                 if (sigwait(&set_, &signal) != 0) continue;
                 if (done_) return;
-                if (signal == SIGINT || signal == SIGTERM) onStop();
+                if (signal != SIGUSR1) onStop();
             }
         });
     }

@@ -36,7 +36,7 @@ FileSink::~FileSink() { close(); }
 
 bool FileSink::open(const std::filesystem::path& path, int64_t keepBytes) {
     close();
-    fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     if (fd_ < 0) return false;
     if (::ftruncate(fd_, keepBytes) != 0 || ::lseek(fd_, keepBytes, SEEK_SET) < 0) {
         close();

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <thread>
 
+#include "base/process_start.h"
 #include "devserver/crypto.h"
 #include "devserver/server.h"
 
@@ -37,6 +38,7 @@ bool parseInt(const std::string& text, int64_t& out) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    vell::process::start();
     CLI::App app{"Vell reference service: the web service's endpoints on 127.0.0.1, with durable state"};
     Config config;
     std::string dataDir;
@@ -92,9 +94,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     // Signals are taken by one thread with sigwait, so every other thread keeps them
-    // blocked; a dropped connection must not kill the process through SIGPIPE. SIGUSR2 only
-    // wakes that thread when the server ended by itself.
-    ::signal(SIGPIPE, SIG_IGN);
+    // blocked. SIGUSR2 only wakes that thread when the server ended by itself.
     sigset_t stopSignals;
     sigemptyset(&stopSignals);
     sigaddset(&stopSignals, SIGINT);

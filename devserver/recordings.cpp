@@ -4,6 +4,7 @@
 #include <cctype>
 #include <fstream>
 
+#include "base/private_folder.h"
 #include "devserver/crypto.h"
 #include "devserver/uploads.h"
 
@@ -68,7 +69,7 @@ std::optional<fs::path> LiveChunks::next(const std::string& accountId, const std
     std::lock_guard lock(mutex_);
     const fs::path dir = store_.liveDir() / accountId / sessionId;
     std::error_code error;
-    fs::create_directories(dir, error);
+    files::createPrivateDirectories(dir, error);
     if (error) return std::nullopt;
     size_t count = 0;
     for (auto it = fs::directory_iterator(dir, error); !error && it != fs::directory_iterator(); it.increment(error)) ++count;

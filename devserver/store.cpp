@@ -1,5 +1,6 @@
 #include "devserver/store.h"
 
+#include "base/private_folder.h"
 #include "base/files.h"
 
 namespace vell::devserver {
@@ -10,7 +11,7 @@ Store::Store(fs::path dataDir) : dataDir_(std::move(dataDir)) {}
 
 bool Store::load(std::error_code& error) {
     for (const auto& dir : {dataDir_, uploadsDir(), recordingsDir(), liveDir()}) {
-        fs::create_directories(dir, error);
+        files::createPrivateDirectories(dir, error);
         if (error) return false;
     }
     std::error_code readError;

@@ -1,5 +1,6 @@
 #include "insurance/buffered_audio_upload.h"
 
+#include "base/private_folder.h"
 #include "base/log.h"
 #include "base/uuid.h"
 #include "insurance/insurance_messages.h"
@@ -35,7 +36,7 @@ void BufferedAudioUpload::upload(const std::vector<InsuranceChunk>& chunks, Done
     if (chunks.empty()) return done(unexpected(messages::kNothingSelected.str()));
     const std::string id = newUUIDString();
     std::error_code ec;
-    std::filesystem::create_directories(parts_.directory, ec);
+    files::createPrivateDirectories(parts_.directory, ec);
     const auto file = parts_.directory / ("vell_rec_" + id + ".aac");
     if (auto joined = parts_.concatenate(chunks, file); !joined) {
         // A chunk the prune removed meanwhile, or a full disk: nothing half-made stays.

@@ -10,6 +10,7 @@
 #include <charconv>
 #include <fstream>
 
+#include "base/private_folder.h"
 #include "base/paths.h"
 
 namespace vell::insurance {
@@ -131,7 +132,7 @@ fs::path InsuranceBufferStore::defaultDirectory() {
 
 fs::path InsuranceBufferStore::openChunkURL(WallTime start) const {
     std::error_code ec;
-    fs::create_directories(directory_, ec);
+    files::createPrivateDirectories(directory_, ec);
     return directory_ / chunk_names::openName(start);
 }
 

@@ -57,7 +57,14 @@ InsuranceRecorder::~InsuranceRecorder() {
 void InsuranceRecorder::launch(Published<bool>* asleep) {
     if (launched_) return;
     launched_ = true;
-    prune();
+    // A buffer on disk at start was left by a run that ended without its quit (a crash, a
+    // power cut): nobody chose to keep it, so it goes before anything is recorded.
+    parts_.micQueue->post([store = store_] {
+        if (!store->chunks().empty()) {
+            log::Logger("Insurance").info("erased an insurance buffer left by an earlier run");
+            store->removeAll();
+        }
+    });
     std::weak_ptr<int> alive = alive_;
     if (asleep) {
         sleepWatch_ = asleep->subscribe([this, alive](bool willSleep) {

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "base/paths.h"
+#include "base/private_folder.h"
 #include "base/runtime.h"
 #include "base/uuid.h"
 #include "insurance/insurance_chunk_writer.h"
@@ -14,13 +14,15 @@
 namespace vell::insurance {
 
 namespace {
-std::filesystem::path uploadFile() {
-    return paths::temporaryDirectory() / ("vell-insurance-text-" + newUUIDString() + ".aac");
+// In Vell's private temporary folder; without one the path is empty and writing it fails.
+std::filesystem::path temporaryFile(const std::string& prefix) {
+    auto folder = files::temporaryFolder();
+    return folder ? *folder / (prefix + newUUIDString() + ".aac") : std::filesystem::path();
 }
 
-std::filesystem::path previewFileName() {
-    return paths::temporaryDirectory() / ("vell-insurance-preview-" + newUUIDString() + ".aac");
-}
+std::filesystem::path uploadFile() { return temporaryFile("insurance-text-"); }
+
+std::filesystem::path previewFileName() { return temporaryFile("insurance-preview-"); }
 
 void removeFile(const std::filesystem::path& file) {
     std::error_code ignored;

@@ -1,12 +1,19 @@
 #include "recording/live_segment_writer.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <array>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <regex>
 #include <fstream>
 #include <thread>
 
 #include "base/log.h"
-#include "base/paths.h"
+#include "base/private_folder.h"
 #include "base/runtime.h"
 
 namespace vell::recording {
@@ -54,7 +61,7 @@ bool hasTopLevelMoov(const std::filesystem::path& file) {
 
 LiveSegmentWriter::LiveSegmentWriter(Options options)
     : writerFactory_(options.writerFactory ? std::move(options.writerFactory) : media::defaultAacWriterFactory()),
-      directory_(options.directory.empty() ? paths::temporaryDirectory() / "vell-live-segments" : options.directory),
+      directory_(std::move(options.directory)),
       mainExecutor_(options.mainExecutor),
       sealTimeout_(options.sealTimeoutSeconds),
       sealPoll_(options.sealPollSeconds),
@@ -68,10 +75,27 @@ LiveSegmentWriter::~LiveSegmentWriter() {
     }
 }
 
+std::filesystem::path LiveSegmentWriter::directory() const {
+    std::optional<std::filesystem::path> base;
+    if (!directory_.empty()) {
+        base = directory_;
+    } else if (auto temporary = files::temporaryFolder()) {
+        base = *temporary / "live-segments";
+    }
+    if (!base) return {};
+    std::string refusal;
+    auto folder = files::privateFolder(*base, refusal);
+    if (!folder) {
+        logger().error("[live-segments] no segments are written: " + refusal);
+        return {};
+    }
+    return *folder;
+}
+
 std::filesystem::path LiveSegmentWriter::segmentPath(int index) const {
     char number[16];
     std::snprintf(number, sizeof number, "%06d", index);
-    return directory_ / ("seg_" + sessionToken_ + "_" + number + ".m4a");
+    return folder_ / ("seg_" + sessionToken_ + "_" + number + ".m4a");
 }
 
 void LiveSegmentWriter::begin(const std::string& sessionToken) {
@@ -79,6 +103,7 @@ void LiveSegmentWriter::begin(const std::string& sessionToken) {
     {
         std::lock_guard lock(lock_);
         previous = closeSegment();  // a writer begun twice hands over what it had
+        folder_ = directory();
         sessionToken_ = sessionToken;
         totalFrames_ = 0;
         segmentStartFrames_ = 0;
@@ -93,12 +118,20 @@ void LiveSegmentWriter::openSegment() {
     const auto path = segmentPath(segmentIndex_);
     segmentStartFrames_ = totalFrames_;
     segmentURL_.reset();
-    std::error_code error;
-    std::filesystem::create_directories(directory_, error);
+    if (folder_.empty()) return;
+    // Made here, new and never through a link: a file that is already there is not ours.
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        logger().error("[live-segments] cannot create segment " + path.filename().string() + ": " + std::strerror(errno));
+        return;
+    }
+    ::close(fd);
     auto opened = writerFactory_(path, media::AacSettings{media::AacContainer::mpeg4, kSampleRate, kChannels, kBitRate});
     if (!opened) {
         // The recording itself goes on; the next segment is tried normally.
         logger().error("[live-segments] cannot create segment: " + opened.error());
+        std::error_code ignored;
+        std::filesystem::remove(path, ignored);
         return;
     }
     segmentFile_ = std::move(*opened);
@@ -201,12 +234,17 @@ void LiveSegmentWriter::release(const std::filesystem::path& segment) {
 }
 
 void LiveSegmentWriter::cleanUpStaleFiles() {
+    const auto folder = directory();
+    if (folder.empty()) return;
+    static const std::regex kSegmentName("seg_[A-Za-z0-9-]{1,64}_[0-9]{6}\\.m4a");
     std::lock_guard lock(lock_);
     std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator(directory_, error)) {
+    for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
         const auto& path = entry.path();
-        if (path.extension() != ".m4a") continue;
         const auto name = path.filename().string();
+        if (!std::regex_match(name, kSegmentName)) continue;
+        std::error_code statusError;
+        if (entry.symlink_status(statusError).type() != std::filesystem::file_type::regular || statusError) continue;
         if (pendingHandoffs_.contains(name)) continue;
         if (segmentURL_ && *segmentURL_ == path) continue;  // the segment being written now
         std::error_code ignored;

@@ -29,7 +29,7 @@ public:
 
     struct Options {
         media::AacWriterFactory writerFactory;  // FFmpeg when absent
-        std::filesystem::path directory;        // <temporary directory>/vell-live-segments when empty
+        std::filesystem::path directory;        // "live-segments" in Vell's private temporary folder when empty
         Executor* mainExecutor = nullptr;       // runtime::main() when absent
         double sealTimeoutSeconds = 2.0;
         double sealPollSeconds = 0.05;
@@ -50,16 +50,19 @@ public:
 
     // The consumer is done with a handed-over segment: forget it and delete the file.
     void release(const std::filesystem::path& segment);
-    // Deletes segment files of earlier runs (every ".m4a" not awaiting release).
+    // Deletes segment files of earlier runs: regular files named as this writer names its
+    // segments and not awaiting release. Nothing else in the folder, and never a link.
     void cleanUpStaleFiles();
 
-    std::filesystem::path directory() const { return directory_; }
+    // The folder segments go to, made private (0700) when missing; empty when it is refused
+    // (a link, or a folder of someone else's): then no segment is written.
+    std::filesystem::path directory() const;
     std::set<std::string> pendingHandoffs() const;
     int segmentIndex() const;
     std::int64_t totalFrames() const;
 
 private:
-    std::filesystem::path segmentPath(int index) const;
+    std::filesystem::path segmentPath(int index) const;  // under lock_, in folder_
     void openSegment();                            // under lock_
     std::optional<std::filesystem::path> closeSegment();  // under lock_; the closed file, if any
     void handOver(std::filesystem::path file, bool final);
@@ -72,6 +75,7 @@ private:
     std::int64_t segmentFrames_;
 
     mutable std::mutex lock_;
+    std::filesystem::path folder_;  // resolved when a recording begins
     bool active_ = false;
     std::unique_ptr<media::AacWriter> segmentFile_;
     std::optional<std::filesystem::path> segmentURL_;

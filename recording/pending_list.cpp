@@ -13,6 +13,7 @@
 #include <map>
 #include <unordered_map>
 
+#include "base/private_folder.h"
 #include "base/files.h"
 #include "base/log.h"
 #include "base/utf8.h"
@@ -77,7 +78,7 @@ std::optional<std::vector<PendingRecording>> PendingListFile::load() const {
 }
 
 bool PendingListFile::save(const std::vector<PendingRecording>& list, std::error_code& error) const {
-    fs::create_directories(directory_, error);
+    files::createPrivateDirectories(directory_, error);
     if (error) return false;
     return files::writeAtomically(manifest(), coding::encodeList(list), error);
 }

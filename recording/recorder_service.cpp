@@ -5,6 +5,7 @@
 #include <cctype>
 #include <mutex>
 
+#include "base/private_folder.h"
 #include "audio/adts_frames.h"
 #include "audio/error_sentence.h"
 #include "audio/errors.h"
@@ -244,7 +245,7 @@ void RecorderService::start(StartOptions options, std::function<void(bool)> done
     auto session = std::make_shared<Session>();
     session->id = newUUIDString();
     std::error_code dirError;
-    fs::create_directories(listFile_.directory(), dirError);
+    files::createPrivateDirectories(listFile_.directory(), dirError);
     const fs::path file = listFile_.directory() / (std::string(kRecordingFilePrefix) + session->id + ".aac");
     try {
         if (dirError) throw audio::MixerOpenError("cannot create " + listFile_.directory().string() + ": " + dirError.message());

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "base/private_folder.h"
 #include "base/files.h"
 #include "base/log.h"
 #include "results/results_messages.h"
@@ -83,7 +84,7 @@ std::optional<RecordingResult> RecordingResults::kept(const std::string& id) con
 void RecordingResults::keep(const RecordingResult& result) {
     if (!safeID(result.id)) return;
     std::error_code ec;
-    fs::create_directories(directory_, ec);
+    files::createPrivateDirectories(directory_, ec);
     if (!files::writeAtomically(fileFor(result.id), encodeResult(result).dump(), ec)) {
         kLog.error("cannot keep the results of " + result.id + ": " + ec.message());
     }

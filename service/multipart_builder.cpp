@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "base/files.h"
-#include "base/paths.h"
+#include "base/private_folder.h"
 #include "base/uuid.h"
 
 namespace vell::service {
@@ -19,8 +19,11 @@ std::error_code lastError() { return {errno, std::generic_category()}; }
 
 Expected<std::unique_ptr<MultipartBuilder>, std::error_code> MultipartBuilder::create() {
     std::string boundary = "vell-" + newUUIDString();
-    auto url = paths::temporaryDirectory() / ("upload-" + newUUIDString() + ".multipart");
-    int fd = ::open(url.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    // A copy of what is uploaded (a recording's audio): in Vell's private folder, never shared.
+    auto folder = files::temporaryFolder();
+    if (!folder) return unexpected(std::make_error_code(std::errc::permission_denied));
+    auto url = *folder / ("upload-" + newUUIDString() + ".multipart");
+    int fd = ::open(url.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0) return unexpected(lastError());
     return std::unique_ptr<MultipartBuilder>(new MultipartBuilder(std::move(boundary), std::move(url), fd));
 }

@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "base/private_folder.h"
 #include "base/files.h"
 #include "base/log.h"
 
@@ -52,7 +53,7 @@ bool UploadReceipts::save() const {
         json[id] = {{"uploadedAt", millisecondsSince1970(r.uploadedAt)}, {"recordingId", r.recordingID}};
     }
     std::error_code ec;
-    std::filesystem::create_directories(file_.parent_path(), ec);
+    files::createPrivateDirectories(file_.parent_path(), ec);
     if (!files::writeAtomically(file_, json.dump(), ec)) {
         logger().error("upload receipts not saved: " + ec.message());
         return false;

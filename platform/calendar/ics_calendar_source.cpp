@@ -5,6 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "base/private_folder.h"
 #include "base/files.h"
 #include "base/log.h"
 #include "base/preference_keys.h"
@@ -206,7 +207,7 @@ std::optional<std::string> IcsCalendarSource::download(const std::string& source
         if (!parsed) {
             error = parsed.error();
         } else {
-            fs::create_directories(cacheDirectory_, ec);
+            files::createPrivateDirectories(cacheDirectory_, ec);
             if (!files::writeAtomically(file, fetched->body, ec)) error = "cannot save the copy: " + ec.message();
             nlohmann::json j{{"etag", fetched->etag}, {"lastModified", fetched->lastModified}};
             files::writeAtomically(meta, j.dump(), ec);

@@ -102,7 +102,7 @@ Expected<std::unique_ptr<AdtsFileSink>, std::string> AdtsFileSink::create(const 
                                                                           const AVCodecContext& encoder) {
     auto config = adtsConfigFor(encoder);
     if (!config) return unexpected(config.error());
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0) return unexpected(systemError("open", errno));
     std::unique_ptr<AdtsFileSink> sink(new AdtsFileSink(fd, *config));
     sink->buffer_.reserve(kFlushThreshold + 4096);

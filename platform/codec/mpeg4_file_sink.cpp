@@ -44,13 +44,15 @@ Expected<Unit, std::string> Mpeg4FileSink::open(const std::filesystem::path& pat
     stream_->time_base = encoder_.time_base;
     rc = ff().avcodec_parameters_from_context(stream_->codecpar, &encoder_);
     if (rc < 0) return fail("avcodec_parameters_from_context", rc);
+    // Made here, the user's alone and never through a link, before FFmpeg opens it (FFmpeg
+    // would create it open to whatever the mask allows).
+    syncFd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (syncFd_ < 0) return unexpected(std::string("open: ") + std::strerror(errno));
+    createdFile = true;
     rc = lib_.ioOpen(&format_->pb, path.c_str(), AVIO_FLAG_WRITE);
     if (rc < 0) return fail("avio_open", rc);
-    createdFile = true;
     rc = lib_.writeHeader(format_, nullptr);
     if (rc < 0) return fail("avformat_write_header", rc);
-    syncFd_ = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
-    if (syncFd_ < 0) return unexpected(std::string("open for syncing: ") + std::strerror(errno));
     open_ = true;
     return Unit{};
 }

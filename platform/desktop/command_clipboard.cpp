@@ -95,17 +95,13 @@ private:
             kLog.error("cannot start " + command[0]);
             return false;
         }
-        // A tool that exits early must not kill us with SIGPIPE.
-        struct sigaction ignore {}, previous {};
-        ignore.sa_handler = SIG_IGN;
-        ::sigaction(SIGPIPE, &ignore, &previous);
+        // A tool that exits early shows as a failed write: SIGPIPE is ignored for the process.
         size_t sent = 0;
         while (sent < text.size()) {
             const ssize_t n = ::write(pipeFds[1], text.data() + sent, text.size() - sent);
             if (n <= 0) break;
             sent += static_cast<size_t>(n);
         }
-        ::sigaction(SIGPIPE, &previous, nullptr);
         ::close(pipeFds[1]);
         int status = 0;
         while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {

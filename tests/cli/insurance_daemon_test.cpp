@@ -9,7 +9,9 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <algorithm>
 #include <fstream>
+#include <set>
 #include <nlohmann/json.hpp>
 #include <thread>
 
@@ -140,6 +142,41 @@ TEST_F(InsuranceDaemon, OnBuffersTheMicrophoneOffErasesItAndQuittingErasesItToo)
     auto needs = run("insurance on --accept-privacy");
     EXPECT_EQ(needs.status, cli::kExitFailure);
     EXPECT_NE(needs.output.find("vell daemon"), std::string::npos) << needs.output;
+}
+
+std::set<std::string> names(const fs::path& dir) {
+    std::set<std::string> out;
+    std::error_code ec;
+    for (auto& e : fs::directory_iterator(dir, ec)) out.insert(e.path().filename().string());
+    return out;
+}
+
+// A host that dies without its quit leaves the buffer behind: the next host erases it before
+// it records, and "off" erases it with no host running at all.
+TEST_F(InsuranceDaemon, ABufferACrashLeftIsErasedByTheNextHostAndByOffWithoutAHost) {
+    ASSERT_EQ(run("insurance on --accept-privacy").status, 0) << readAll(log());
+    auto crash = [&] {
+        EXPECT_TRUE(within(5s, [&] { return hasOpenChunk(folder()); })) << readAll(log());
+        ::kill(daemon, SIGKILL);
+        waitpid(daemon, nullptr, 0);
+        daemon = -1;
+        return names(folder());
+    };
+    const auto left = crash();
+    ASSERT_FALSE(left.empty());
+    daemon = spawnLogged({vell(), "--lang", "en", "-v", "daemon"}, log());
+    ASSERT_TRUE(within(10s, [&] {
+        const auto now = names(folder());
+        return std::none_of(left.begin(), left.end(), [&](const std::string& n) { return now.count(n) > 0; });
+    })) << readAll(log());
+    ASSERT_FALSE(crash().empty());
+
+    auto off = run("insurance off");
+    EXPECT_EQ(off.status, 0) << off.output;
+    EXPECT_NE(off.output.find("The buffer an earlier run left on disk was erased."), std::string::npos) << off.output;
+    EXPECT_FALSE(hasOpenChunk(folder()));
+    EXPECT_TRUE(names(folder()).empty());
+    EXPECT_FALSE(nlohmann::json::parse(run("insurance status --json").output)["enabled"].get<bool>());
 }
 
 }  // namespace

@@ -58,7 +58,21 @@ protected:
     }
     std::string vell() const { return test::binaryPath("vell").string(); }
     fs::path recordings() const { return home.dataHome() / "Vell" / "Recordings"; }
-    fs::path segments() const { return home.tmp() / "vell-live-segments"; }
+    // The private sound server's runtime folder is the recorder's XDG_RUNTIME_DIR.
+    fs::path segments() const { return fs::path(std::getenv("XDG_RUNTIME_DIR")) / "vell" / "live-segments"; }
+    // What Vell left directly in the shared temporary folder (the test's own files aside).
+    std::vector<std::string> vellFilesInTmp() const {
+        std::vector<std::string> found;
+        std::error_code ec;
+        for (fs::directory_iterator it(home.tmp(), ec), end; !ec && it != end; it.increment(ec)) {
+            const auto name = it->path().filename().string();
+            const bool rig = name.starts_with("vell-devserver-") || name.starts_with("vell-pulse-");
+            if (!rig && (name.find("vell") != std::string::npos || name.find("seg_") == 0 || name.find("upload-") == 0)) {
+                found.push_back(name);
+            }
+        }
+        return found;
+    }
     test::CommandResult run(const std::string& arguments, const std::string& input = "") {
         std::string command = vell() + " --lang en " + arguments + " 2>&1";
         if (!input.empty()) command = "printf '%s\\n' '" + input + "' | " + command;
@@ -98,6 +112,8 @@ TEST_F(LiveRecording, SegmentsArriveInOrderWhileRecordingTilesAreFetchedAndTheSe
         return live.size() == 1 && live[0]["chunks"].size() >= 2;
     }, 8s)) << live.dump() << test::readAll(out);
     EXPECT_TRUE(running(recorder)) << "the segments came only after the recording";
+    EXPECT_EQ(vellFilesInTmp(), std::vector<std::string>{}) << "segments and uploads stay in Vell's private folder";
+    EXPECT_EQ(fs::status(segments().parent_path()).permissions(), fs::perms::owner_all);
     EXPECT_EQ(live[0]["state"], "open");
     for (size_t i = 0; i < live[0]["chunks"].size(); ++i) EXPECT_EQ(live[0]["chunks"][i]["index"], int(i));
     EXPECT_LE(segmentFiles(), 4u);

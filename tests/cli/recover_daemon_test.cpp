@@ -93,12 +93,24 @@ TEST_F(RecoverDaemon, SpokenEnglishInTheBufferComesBackAsWordsOnTheClipboardAndP
         if (!heard) std::this_thread::sleep_for(100ms);
     }
     EXPECT_TRUE(heard) << readAll(home.tmp() / "play.log") << readAll(log());
+    // The preview is in Vell's private folder, the user's alone.
+    const fs::path temporary = fs::path(std::getenv("XDG_RUNTIME_DIR")) / "vell";
+    bool previewSeen = false;
+    for (const auto& e : fs::directory_iterator(temporary)) {
+        if (!e.path().filename().string().starts_with("insurance-preview-")) continue;
+        previewSeen = true;
+        EXPECT_EQ(e.symlink_status().permissions(), fs::perms::owner_read | fs::perms::owner_write);
+    }
+    EXPECT_TRUE(previewSeen);
+    EXPECT_EQ(fs::status(temporary).permissions(), fs::perms::owner_all);
     int status = -1;
     waitpid(player, &status, 0);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << readAll(home.tmp() / "play.log");
     bool leftOver = false;
-    for (const auto& e : fs::directory_iterator(home.tmp())) {
-        leftOver = leftOver || e.path().filename().string().starts_with("vell-insurance-");
+    for (const auto& folder : {home.tmp(), temporary}) {
+        for (const auto& e : fs::directory_iterator(folder)) {
+            leftOver = leftOver || e.path().filename().string().find("insurance-") != std::string::npos;
+        }
     }
     EXPECT_FALSE(leftOver) << "temporary files of the transcription or the preview stayed";
 }

@@ -1,7 +1,11 @@
 // Live segments: frame-exact rotation, hand-over only of sealed MPEG-4 files, clean-up.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <fstream>
+#include <functional>
 #include <mutex>
 
 #include "base/log.h"
@@ -85,7 +89,7 @@ protected:
 
 TEST_F(LiveSegmentTest, RotatesAtExactly1323000FramesAndHandsOverASealedSegment) {
     auto writer = make();
-    EXPECT_EQ(writer->directory(), home.tmp() / "vell-live-segments");
+    EXPECT_EQ(writer->directory(), home.runtime() / "vell" / "live-segments");
     writer->begin("TOKEN");
     feed(*writer, 1'322'999);
     EXPECT_EQ(writer->segmentIndex(), 0);
@@ -175,18 +179,66 @@ TEST_F(LiveSegmentTest, ASegmentThatCannotBeCreatedIsSkippedAndTheNextOneWorks) 
     EXPECT_NEAR(test::decodeAudioFile(delivered[0]).seconds(), 0.5, 0.03);
 }
 
+// Where the folder should be, someone planted a link or a folder of their own: it is refused
+// with a log line, nothing is written through it, and the recording's other work goes on.
+TEST_F(LiveSegmentTest, APlantedLinkOrSomeoneElsesFolderIsNeverUsed) {
+    const auto runtime = home.runtime() / "vell";
+    std::filesystem::create_directory(runtime);
+    const auto planted = home.tmp() / "planted";
+    std::filesystem::create_directory(planted);
+    struct Case {
+        const char* name;
+        std::function<bool()> plant;
+    } cases[] = {
+        {"a link to another folder", [&] {
+             std::filesystem::create_directory_symlink(planted, runtime / "live-segments");
+             return true;
+         }},
+        {"a folder of another user", [&] {
+             if (::geteuid() != 0) return false;  // only root can give a folder away
+             std::filesystem::create_directory(runtime / "live-segments");
+             return ::chown((runtime / "live-segments").c_str(), 65534, 65534) == 0;
+         }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::filesystem::remove_all(runtime / "live-segments");
+        if (!c.plant()) continue;
+        std::vector<std::string> errors;
+        log::setSink([&](log::Level level, const std::string&, const std::string& text) {
+            if (level == log::Level::Error) errors.push_back(text);
+        });
+        auto writer = make();
+        EXPECT_EQ(writer->directory(), std::filesystem::path());
+        writer->begin("P");
+        feed(*writer, LiveSegmentWriter::kSegmentFrames + 4410);
+        writer->finish();
+        writer->cleanUpStaleFiles();
+        log::setSink(nullptr);
+        EXPECT_TRUE(delivered.empty());
+        EXPECT_TRUE(std::filesystem::is_empty(planted));
+        EXPECT_TRUE(std::filesystem::is_empty(runtime / "live-segments"));
+        ASSERT_FALSE(errors.empty());
+        EXPECT_NE(errors.front().find("live-segments"), std::string::npos) << errors.front();
+    }
+}
+
 TEST_F(LiveSegmentTest, CleanUpRemovesLeftoversButKeepsSegmentsAwaitingRelease) {
     auto writer = make();
-    std::filesystem::create_directories(writer->directory());
     const auto dir = writer->directory();
     writeBytes(dir / "seg_OLD_000003.m4a", "old");
     writeBytes(dir / "notes.txt", "keep");
+    // A link named like a segment is not ours to delete, nor is what it points at.
+    writeBytes(home.tmp() / "elsewhere.m4a", "someone's");
+    std::filesystem::create_symlink(home.tmp() / "elsewhere.m4a", dir / "seg_LINK_000000.m4a");
     writer->begin("NEW");
     feed(*writer, LiveSegmentWriter::kSegmentFrames);
     ASSERT_TRUE(main.runUntil([&] { return !delivered.empty(); }));
     writer->cleanUpStaleFiles();
     EXPECT_FALSE(std::filesystem::exists(dir / "seg_OLD_000003.m4a"));
     EXPECT_TRUE(std::filesystem::exists(dir / "notes.txt"));
+    EXPECT_TRUE(std::filesystem::is_symlink(dir / "seg_LINK_000000.m4a"));
+    EXPECT_TRUE(std::filesystem::exists(home.tmp() / "elsewhere.m4a"));
     EXPECT_TRUE(std::filesystem::exists(dir / "seg_NEW_000000.m4a")) << "awaiting release";
     EXPECT_TRUE(std::filesystem::exists(dir / "seg_NEW_000001.m4a")) << "being written";
     writer->finish();

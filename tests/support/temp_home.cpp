@@ -36,9 +36,13 @@ TempHome::TempHome() {
     fs::create_directories(dataHome());
     fs::create_directories(configHome());
     fs::create_directories(tmp());
+    fs::create_directory(runtime());
+    fs::permissions(runtime(), fs::perms::owner_all, fs::perm_options::replace);
     save("XDG_DATA_HOME", savedData_, hadData_);
     save("XDG_CONFIG_HOME", savedConfig_, hadConfig_);
     save("TMPDIR", savedTmp_, hadTmp_);
+    save("XDG_RUNTIME_DIR", savedRuntime_, hadRuntime_);
+    ::setenv("XDG_RUNTIME_DIR", runtime().c_str(), 1);
     ::setenv("XDG_DATA_HOME", dataHome().c_str(), 1);
     ::setenv("XDG_CONFIG_HOME", configHome().c_str(), 1);
     ::setenv("TMPDIR", tmp().c_str(), 1);
@@ -56,6 +60,7 @@ TempHome::~TempHome() {
     restore("XDG_DATA_HOME", savedData_, hadData_);
     restore("XDG_CONFIG_HOME", savedConfig_, hadConfig_);
     restore("TMPDIR", savedTmp_, hadTmp_);
+    restore("XDG_RUNTIME_DIR", savedRuntime_, hadRuntime_);
     std::error_code ec;
     fs::remove_all(root_, ec);
 }

@@ -22,14 +22,16 @@ public:
     std::filesystem::path dataHome() const { return root_ / "data"; }
     std::filesystem::path configHome() const { return root_ / "config"; }
     std::filesystem::path tmp() const { return root_ / "tmp"; }
+    // XDG_RUNTIME_DIR (0700), unless a private sound server started later points it at its own.
+    std::filesystem::path runtime() const { return root_ / "runtime"; }
     UserDefaults& defaults() { return *defaults_; }
     // Re-reads the defaults file, as a new launch would.
     void reloadDefaults();
 
 private:
     std::filesystem::path root_;
-    std::string savedData_, savedConfig_, savedTmp_;
-    bool hadData_ = false, hadConfig_ = false, hadTmp_ = false;
+    std::string savedData_, savedConfig_, savedTmp_, savedRuntime_;
+    bool hadData_ = false, hadConfig_ = false, hadTmp_ = false, hadRuntime_ = false;
     std::unique_ptr<UserDefaults> defaults_;
 };
 

@@ -16,6 +16,7 @@
 #include <iostream>
 
 #include "base/language.h"
+#include "base/process_start.h"
 #include "base/user_defaults.h"
 #include "tray/language_choice.h"
 #include "tray/login_window.h"
@@ -74,6 +75,7 @@ bool save(QWidget* w, const QString& file, bool fit = true) {
 int main(int argc, char** argv) {
     using namespace vell;
     using namespace vell::tray;
+    process::start();
     QApplication application(argc, argv);
     if (argc < 2) {
         std::cerr << "usage: vell-tray-screenshots OUTPUT_DIR\n";
