@@ -134,7 +134,8 @@ TEST_F(Recovery, RangesSelectChunksByStartAndSendExactlyThoseBytes) {
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_EQ(seals, 1);
     EXPECT_EQ(calls[0].body, std::string(100, 'b') + std::string(100, 'c'));
-    EXPECT_EQ(calls[0].file.filename().string().rfind("vell-insurance-text-", 0), 0u);
+    EXPECT_EQ(calls[0].file.filename().string().rfind("insurance-text-", 0), 0u);
+    EXPECT_EQ(calls[0].file.parent_path(), home.runtime() / "vell") << "in the private folder, not the shared one";
     EXPECT_EQ(controller->phase.get().kind, Kind::transcribing);
 
     calls[0].draft("hello wor");
@@ -264,7 +265,9 @@ TEST_F(Recovery, PreviewPlaysTheSelectionPublishesItsPositionAndRemovesItsFileAt
     controller->play();
     ASSERT_TRUE(controller->isPlaying.get());
     ASSERT_TRUE(player->file);
-    EXPECT_EQ(player->file->filename().string().rfind("vell-insurance-preview-", 0), 0u);
+    EXPECT_EQ(player->file->filename().string().rfind("insurance-preview-", 0), 0u);
+    EXPECT_EQ(player->file->parent_path(), home.runtime() / "vell");
+    EXPECT_EQ(fs::symlink_status(*player->file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
     EXPECT_EQ(player->bytes, std::string(100, 'b') + std::string(100, 'c'));
     EXPECT_TRUE(fs::exists(*player->file));
 

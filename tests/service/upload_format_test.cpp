@@ -60,7 +60,9 @@ TEST(MultipartBody, ExactBytesEmptyFieldsLeftOutFileRemovedAfterwards) {
         ASSERT_TRUE(created);
         auto& b = **created;
         bodyPath = b.url();
-        EXPECT_EQ(bodyPath.parent_path(), home.tmp());
+        // A copy of a recording's audio: in the private folder, the user's alone.
+        EXPECT_EQ(bodyPath.parent_path(), home.runtime() / "vell");
+        EXPECT_EQ(std::filesystem::status(bodyPath).permissions(), std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
         EXPECT_EQ(bodyPath.filename().string().rfind("upload-", 0), 0u);
         EXPECT_EQ(bodyPath.extension(), ".multipart");
         EXPECT_EQ(b.boundary().rfind("vell-", 0), 0u);
