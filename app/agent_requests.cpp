@@ -1,10 +1,12 @@
 #include "app/agent_requests.h"
 
 #include "app/core_services.h"
+#include "app/host.h"
 #include "base/paths.h"
 #include "base/runtime.h"
 #include "insurance/buffered_audio_upload.h"
 #include "insurance/insurance_agent_requests.h"
+#include "insurance/insurance_messages.h"
 #include "insurance/insurance_recorder.h"
 #include "recording/recorder_service.h"
 
@@ -45,6 +47,19 @@ insurance::InsuranceAgentRequests& agentRequests(CoreServices& core) {
         return new insurance::InsuranceAgentRequests(std::move(parts));
     }();
     return *made;
+}
+
+void startAgentRequests(Host& host) {
+    auto& agent = agentRequests(host.core());
+    agent.onAnswer = [&host](const insurance::AgentAnswer& answer) {
+        if (answer.status != "uploaded") return;
+        // One notification per request: a repeat of the same request (its report was lost)
+        // replaces it rather than piling up.
+        host.post(Notification{std::string(notifications::kAgentUploadPrefix) + answer.request.id, "",
+                               insurance::messages::kSentTitle.str(),
+                               insurance::sentNotice(answer, interfaceLanguage())});
+    };
+    agent.start();
 }
 
 }  // namespace vell::app

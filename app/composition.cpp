@@ -129,7 +129,7 @@ Host& host() {
         HostServices services;
         // Each long-lived service joins the launch sequence here, at its place.
         services.startInsuranceRecorder = [] { insurance::InsuranceRecorder::shared().launch(&host().asleep); };
-        services.startAgentPoller = [] { agentRequests(core()).start(); };
+        services.startAgentPoller = [] { startAgentRequests(host()); };
         services.shutdownInsurance = [](std::function<void()> done) { insurance::InsuranceRecorder::shared().shutdown(std::move(done)); };
         services.startCallRecorder = [] { startCallRecorder(host()); };
         services.startDiscardedPurge = [] {

@@ -13,6 +13,8 @@ inline constexpr std::string_view kCallEnded = "app.quillon.mac.callEnded";
 inline constexpr std::string_view kMeetingRecording = "app.quillon.mac.meetingRecording";
 // Per-meeting notification identifiers begin with this.
 inline constexpr std::string_view kMeetingRecordingPrefix = "app.quillon.mac.meetingRecording.";
+// Audio sent to an outside agent: this, then the request's id (no category, no actions).
+inline constexpr std::string_view kAgentUploadPrefix = "app.quillon.mac.agentUpload.";
 
 inline constexpr std::string_view kStopAutoRecording = "app.quillon.mac.stopAutoRecording";
 inline constexpr std::string_view kFinishRecording = "app.quillon.mac.finishRecording";

@@ -33,11 +33,23 @@ std::string humanBytes(std::int64_t bytes) {
     return fmt::format("{:.1f} MB", double(bytes) / (1024 * 1024));
 }
 
+// An answered agent request with its times by their names, as everywhere else in --json.
+nlohmann::json withNamedTimes(nlohmann::json r) {
+    for (const auto& [ms, name] : {std::pair{"fromMs", "from"}, std::pair{"toMs", "to"}, std::pair{"answeredAtMs", "answeredAt"},
+                                   std::pair{"sentFromMs", "sentFrom"}, std::pair{"sentToMs", "sentTo"}}) {
+        if (!r.contains(ms)) continue;
+        r[name] = isoFromMilliseconds(r[ms]);
+        r.erase(ms);
+    }
+    return r;
+}
+
 void printStatus(const InsuranceStatus& s, bool json, bool hostRunning) {
     if (json) {
         auto j = insurance::toJson(s);
         j["bufferedFrom"] = isoTime(s.bufferedFrom);
         j["bufferedTo"] = isoTime(s.bufferedTo);
+        for (auto& r : j["agentRequests"]) r = withNamedTimes(std::move(r));
         j["host"] = hostRunning;
         std::cout << j.dump(2) << "\n";
         return;
@@ -52,6 +64,7 @@ void printStatus(const InsuranceStatus& s, bool json, bool hostRunning) {
               << fmt::format("{}:{:02}, {}, {} chunk(s)", int(seconds) / 60, int(seconds) % 60, humanBytes(s.bytes), s.chunks)
               << "\n";
     if (s.lastError) std::cout << msg::kLastError.str() << *s.lastError << "\n";
+    for (const auto& a : s.agentRequests) std::cout << insurance::answerLine(a, interfaceLanguage()) << "\n";
     if (!hostRunning) std::cout << msg::kHostNotRunning.str() << "\n";
 }
 
@@ -194,17 +207,8 @@ int requests(bool json) {
     auto list = nlohmann::json::parse(*answer, nullptr, false);
     if (!list.is_array()) list = nlohmann::json::array();
     if (json) {
-        nlohmann::json out = nlohmann::json::array();
-        for (auto r : list) {
-            // The times by their names, as everywhere else in --json.
-            for (const auto& [ms, name] : {std::pair{"fromMs", "from"}, std::pair{"toMs", "to"}, std::pair{"answeredAtMs", "answeredAt"}}) {
-                if (!r.contains(ms)) continue;
-                r[name] = isoFromMilliseconds(r[ms]);
-                r.erase(ms);
-            }
-            out.push_back(std::move(r));
-        }
-        std::cout << out.dump(2) << "\n";
+        for (auto& r : list) r = withNamedTimes(std::move(r));
+        std::cout << list.dump(2) << "\n";
         return kExitOK;
     }
     if (list.empty()) std::cout << msg::kNoRequests.str() << "\n";

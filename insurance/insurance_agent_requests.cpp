@@ -8,12 +8,6 @@ namespace vell::insurance {
 
 namespace {
 const log::Logger kLog("InsuranceAgentRequests");
-
-std::optional<double> number(const nlohmann::json& object, const char* key) {
-    auto it = object.find(key);
-    if (it == object.end() || !it->is_number()) return std::nullopt;
-    return it->get<double>();
-}
 }  // namespace
 
 nlohmann::json reportBody(const AgentAnswer& answer) {
@@ -21,17 +15,6 @@ nlohmann::json reportBody(const AgentAnswer& answer) {
     if (answer.status == "uploaded" && answer.recordingID) body["recordingId"] = *answer.recordingID;
     if (answer.status == "failed") body["error"] = answer.error.value_or("");
     return body;
-}
-
-std::optional<AgentRequest> decodeAgentRequest(const nlohmann::json& answer) {
-    if (!answer.is_object()) return std::nullopt;
-    auto it = answer.find("request");
-    if (it == answer.end() || !it->is_object()) return std::nullopt;
-    auto id = it->find("id");
-    auto from = number(*it, "fromMs");
-    auto to = number(*it, "toMs");
-    if (id == it->end() || !id->is_string() || !from || !to) return std::nullopt;
-    return AgentRequest{id->get<std::string>(), *from, *to};
 }
 
 void useServiceClient(AgentRequestParts& parts, const service::APIClient& client) {
@@ -106,8 +89,14 @@ void InsuranceAgentRequests::handle(const AgentRequest& request) {
         outcome.status = "empty";
         return answer(std::move(outcome));
     }
+    SentAudio sent{chunks.front().start, chunks.front().end, 0};
+    for (const auto& c : chunks) {
+        sent.from = std::min(sent.from, c.start);
+        sent.to = std::max(sent.to, c.end);
+        sent.seconds += std::chrono::duration<double>(c.end - c.start).count();
+    }
     std::weak_ptr<int> alive = alive_;
-    parts_.upload(chunks, [this, alive, outcome](BufferedAudioUpload::Result result) mutable {
+    parts_.upload(chunks, [this, alive, outcome, sent](BufferedAudioUpload::Result result) mutable {
         if (!alive.lock()) return;
         if (!result) {
             outcome.status = "failed";
@@ -118,6 +107,7 @@ void InsuranceAgentRequests::handle(const AgentRequest& request) {
         } else {
             outcome.status = "uploaded";
             outcome.recordingID = **result;
+            outcome.sent = sent;
         }
         answer(std::move(outcome));
     });
@@ -132,9 +122,19 @@ void InsuranceAgentRequests::answer(AgentAnswer outcome) {
         outcome.answeredAt = parts_.now();
         if (!reported) kLog.error("report of agent request " + outcome.request.id + " failed: " +
                                   reported.error().description(Language::English));
-        answered.modify([&](std::vector<AgentAnswer>& list) { list.push_back(outcome); });
+        answered.modify([&](std::vector<AgentAnswer>& list) {
+            list.push_back(outcome);
+            if (list.size() > kAnswersKept) list.erase(list.begin(), list.end() - kAnswersKept);
+        });
         idle();
+        if (onAnswer) onAnswer(outcome);
     });
+}
+
+std::vector<AgentAnswer> InsuranceAgentRequests::recentAnswers() const {
+    auto list = answered.get();
+    if (list.size() > kRecentAnswers) list.erase(list.begin(), list.end() - kRecentAnswers);
+    return list;
 }
 
 }  // namespace vell::insurance

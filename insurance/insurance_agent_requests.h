@@ -3,7 +3,8 @@
 // while insurance mode is on and the user is signed in, asks the service for a pending
 // request, cuts the asked span out of the buffer, hands it over as an ordinary recording and
 // reports the outcome ("uploaded" with the recording id, "empty", or "failed" with the
-// reason). Only the asked audio leaves the computer. One request at a time.
+// reason). Only the chunks that overlap the asked span leave the computer, and each answer
+// that sent audio is handed to `onAnswer` so the user is told. One request at a time.
 //
 // Main executor only, except `seal`, which blocks on the chunk writer's queue, and the
 // network calls, whose answers come back on the main executor.
@@ -19,6 +20,7 @@
 #include "base/executor.h"
 #include "base/expected.h"
 #include "base/published.h"
+#include "insurance/agent_answer.h"
 #include "insurance/buffered_audio_upload.h"
 #include "insurance/insurance_buffer_store.h"
 #include "service/api_error.h"
@@ -32,29 +34,13 @@ namespace vell::insurance {
 inline constexpr double kAgentPollSeconds = 5;
 inline constexpr const char* kAgentRequestsPath = "api/insurance/requests";
 
-struct AgentRequest {
-    std::string id;
-    double fromMs = 0;  // milliseconds since 1970
-    double toMs = 0;
-    bool operator==(const AgentRequest&) const = default;
-};
-
-// One request answered in this run, as reported (or as it would have been, when the report
-// did not reach the service: the service then asks again).
-struct AgentAnswer {
-    AgentRequest request;
-    std::string status;  // "uploaded", "failed", "empty"
-    std::optional<std::string> recordingID;
-    std::optional<std::string> error;
-    bool reported = false;
-    WallTime answeredAt;
-    bool operator==(const AgentAnswer&) const = default;
-};
+// The answers kept for the control interface (oldest dropped first), and how many of the
+// newest a status shows.
+inline constexpr size_t kAnswersKept = 100;
+inline constexpr size_t kRecentAnswers = 5;
 
 // The report body of an answer.
 nlohmann::json reportBody(const AgentAnswer& answer);
-// The "request" of a poll's answer; nothing when absent, null or not a request.
-std::optional<AgentRequest> decodeAgentRequest(const nlohmann::json& answer);
 
 struct AgentRequestParts {
     std::function<bool()> insuranceEnabled;
@@ -87,8 +73,12 @@ public:
     void tick();
     bool busy() const { return busy_; }
 
-    // The requests answered since start, oldest first.
+    // The requests answered since start, oldest first; at most kAnswersKept.
     Published<std::vector<AgentAnswer>> answered;
+    // The newest kRecentAnswers of them, oldest first.
+    std::vector<AgentAnswer> recentAnswers() const;
+    // Each answer as it is made, after `answered` holds it.
+    std::function<void(const AgentAnswer&)> onAnswer;
 
     // The chunks a request takes: sealed, overlapping the span strictly, not empty.
     static std::vector<InsuranceChunk> chunksFor(const std::vector<InsuranceChunk>& all, WallTime from, WallTime to);

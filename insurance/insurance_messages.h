@@ -29,6 +29,21 @@ inline constexpr Text kCouldNotPlay{"Could not play this part.", "No se pudo rep
 inline constexpr Text kNothingSelected{"Nothing selected", "Nada seleccionado"};
 inline constexpr Text kUploadFailed{"Upload failed. Vell will retry from the menu.",
                                     "Falló la subida. Vell reintentará desde el menú."};
+// What an outside agent got from the buffer; "{}" are filled in order (a duration such as
+// "2 minutes", a span of local times such as "10:02-10:04", a time of day).
+inline constexpr Text kSentTitle{"Audio sent to your assistant", "Se envió audio a tu asistente"};
+inline constexpr Text kSentNotice{"Vell sent {} of audio ({}) to your assistant",
+                                  "Vell envió {} de audio ({}) a tu asistente"};
+inline constexpr Text kSentLine{"Sent to your assistant: {} ({}), at {}", "Enviado a tu asistente: {} ({}), a las {}"};
+inline constexpr Text kEmptyLine{"Asked for by your assistant, nothing was kept then: {} ({}), at {}",
+                                 "Pedido por tu asistente, no había nada guardado: {} ({}), a las {}"};
+inline constexpr Text kFailedLine{"Asked for by your assistant, the upload failed: {} ({}), at {}",
+                                  "Pedido por tu asistente, falló la subida: {} ({}), a las {}"};
+inline constexpr Text kOneSecond{"1 second", "1 segundo"};
+inline constexpr Text kSeconds{"{} seconds", "{} segundos"};
+inline constexpr Text kOneMinute{"1 minute", "1 minuto"};
+inline constexpr Text kMinutes{"{} minutes", "{} minutos"};
+
 // Reported to the agent when the upload went through but gave no recording id.
 inline constexpr const char* kUploadedWithoutId =
     "Uploaded, but the recording id is unknown; look in the recordings list.";

@@ -58,6 +58,8 @@ nlohmann::json toJson(const InsuranceStatus& s) {
         j["bufferedTo"] = millisecondsSince1970(*s.bufferedTo);
         j["bufferedSeconds"] = std::chrono::duration<double>(*s.bufferedTo - *s.bufferedFrom).count();
     }
+    j["agentRequests"] = nlohmann::json::array();
+    for (const auto& a : s.agentRequests) j["agentRequests"].push_back(answerJson(a));
     return j;
 }
 
@@ -73,6 +75,9 @@ InsuranceStatus statusFromJson(const nlohmann::json& j) {
     if (j.contains("bufferedTo") && j["bufferedTo"].is_number()) s.bufferedTo = fromMs(j["bufferedTo"].get<std::int64_t>());
     s.bytes = j.value("bytes", std::int64_t(0));
     s.chunks = j.value("chunks", 0);
+    if (auto it = j.find("agentRequests"); it != j.end() && it->is_array()) {
+        for (const auto& a : *it) s.agentRequests.push_back(answerFromJson(a));
+    }
     return s;
 }
 

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "insurance/agent_answer.h"
 #include "insurance/insurance_buffer_store.h"
 
 namespace vell {
@@ -25,13 +26,16 @@ struct InsuranceStatus {
     std::optional<WallTime> bufferedFrom, bufferedTo;
     std::int64_t bytes = 0;
     int chunks = 0;
+    // The host's newest answers to agent requests, oldest first (the host fills them in).
+    std::vector<AgentAnswer> agentRequests;
 };
 
 InsuranceStatus statusOf(InsuranceRecorder& recorder);
 InsuranceStatus storedStatus(UserDefaults& defaults, const InsuranceBufferStore& store);
 
 // {"enabled","privacyAccepted","listening","windowMinutes","device","lastError",
-//  "bufferedFrom","bufferedTo" (ms since 1970),"bufferedSeconds","bytes","chunks"}
+//  "bufferedFrom","bufferedTo" (ms since 1970),"bufferedSeconds","bytes","chunks",
+//  "agentRequests" (answerJson each)}
 nlohmann::json toJson(const InsuranceStatus& status);
 InsuranceStatus statusFromJson(const nlohmann::json& json);
 // [{"file","start","end" (ms since 1970),"activity" (absent while open),"bytes","open"}]

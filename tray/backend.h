@@ -12,6 +12,7 @@
 
 #include "base/clock.h"
 #include "base/expected.h"
+#include "insurance/agent_answer.h"
 #include "live/live_api.h"
 #include "results/recording_result.h"
 
@@ -89,6 +90,7 @@ struct TrayState {
     int insuranceWindowMinutes = 15;
     double bufferedSeconds = 0;
     std::string insuranceDevice, insuranceError;
+    std::vector<insurance::AgentAnswer> agentRequests;  // the host's newest answers, oldest first
 
     bool callsEnabled = true, calendarEnabled = false;
     std::vector<std::string> calendarSources;

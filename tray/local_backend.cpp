@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <regex>
 
+#include "app/agent_requests.h"
 #include "app/composition.h"
 #include "app/core_services.h"
 #include "app/host.h"
@@ -21,6 +22,7 @@
 #include "base/preference_keys.h"
 #include "base/runtime.h"
 #include "base/user_defaults.h"
+#include "insurance/insurance_agent_requests.h"
 #include "insurance/insurance_messages.h"
 #include "insurance/insurance_recorder.h"
 #include "insurance/insurance_recovery_controller.h"
@@ -83,6 +85,7 @@ LocalParts processParts() {
     parts.defaults = &UserDefaults::standard();
     parts.loginItem = desktopLoginItem();
     parts.insurance = [] { return &insurance::InsuranceRecorder::shared(); };
+    parts.agentRequests = [] { return &app::agentRequests(app::core()); };
     parts.microphones = [] { return &audio::MicrophoneSettings::shared(); };
     parts.calls = [] { return automation::AutomaticCallRecorder::shared(); };
     parts.advisor = [] { return results::runningResults().advisor; };
@@ -167,6 +170,12 @@ void LocalBackend::watchLate() {
             lateWatches_.push_back(ins->lastError.subscribe(again));
             lateWatches_.push_back(ins->windowMinutes.subscribe(again));
             lateWatches_.push_back(ins->listeningDeviceName.subscribe(again));
+        }
+    }
+    if (!agentWatched_) {
+        if (auto* agent = parts_.agentRequests ? parts_.agentRequests() : nullptr) {
+            agentWatched_ = true;
+            lateWatches_.push_back(agent->answered.subscribe(again));
         }
     }
     if (!callsWatched_) {
@@ -304,6 +313,7 @@ void LocalBackend::rebuild() {
     } else if (parts_.defaults) {
         s.privacyAccepted = parts_.defaults->boolValue(prefs::kInsurancePrivacyAccepted).value_or(false);
     }
+    if (auto* agent = parts_.agentRequests ? parts_.agentRequests() : nullptr) s.agentRequests = agent->recentAnswers();
 
     if (auto* calls = parts_.calls ? parts_.calls() : nullptr) {
         s.callsEnabled = calls->isEnabled.get();
@@ -341,7 +351,8 @@ void LocalBackend::rebuild() {
                       s.insuranceEnabled == state_.insuranceEnabled && s.insuranceListening == state_.insuranceListening &&
                       s.privacyAccepted == state_.privacyAccepted && s.insuranceWindowMinutes == state_.insuranceWindowMinutes &&
                       int(s.bufferedSeconds) == int(state_.bufferedSeconds) && s.insuranceDevice == state_.insuranceDevice &&
-                      s.insuranceError == state_.insuranceError && s.callsEnabled == state_.callsEnabled &&
+                      s.insuranceError == state_.insuranceError && s.agentRequests == state_.agentRequests &&
+                      s.callsEnabled == state_.callsEnabled &&
                       s.calendarEnabled == state_.calendarEnabled && s.calendarSources == state_.calendarSources &&
                       s.showsDockIcon == state_.showsDockIcon && s.opensAtLogin == state_.opensAtLogin &&
                       s.loginNeedsApproval == state_.loginNeedsApproval && s.loginItemMissing == state_.loginItemMissing &&

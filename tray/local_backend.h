@@ -23,6 +23,7 @@ namespace vell::automation {
 class AutomaticCallRecorder;
 }
 namespace vell::insurance {
+class InsuranceAgentRequests;
 class InsuranceRecorder;
 class InsuranceRecoveryController;
 }
@@ -40,6 +41,7 @@ struct LocalParts {
     UserDefaults* defaults = nullptr;
     std::shared_ptr<app::LoginItemService> loginItem;
     std::function<insurance::InsuranceRecorder*()> insurance;  // null while there is none
+    std::function<insurance::InsuranceAgentRequests*()> agentRequests;  // null while there is none
     std::function<audio::MicrophoneSettings*()> microphones;
     std::function<automation::AutomaticCallRecorder*()> calls;
     // The live advisor and the recording results the launch makes; null before (or without).
@@ -123,7 +125,7 @@ private:
     std::unique_ptr<insurance::InsuranceRecoveryController> recovery_controller_;
     std::vector<Subscription> watches_, lateWatches_, recoveryWatches_;
     bool insuranceWatched_ = false, callsWatched_ = false, calendarWatched_ = false, discardsWatched_ = false;
-    bool adviceWatched_ = false, resultsWatched_ = false;
+    bool adviceWatched_ = false, resultsWatched_ = false, agentWatched_ = false;
     std::map<std::string, std::string> resultStates_;  // id -> processing state, of the results kept
     std::optional<std::string> lastDiscard_;
     bool rebuildPosted_ = false;

@@ -261,6 +261,11 @@ void Panel::render() {
         insurance += " · " + q(m::kBuffered) + spanText(s.bufferedSeconds);
         if (!s.insuranceError.empty()) insurance += "\n" + q(s.insuranceError);
     }
+    // Shown even after the mode is switched off: the user should still see what left.
+    for (const auto& answer : s.agentRequests) {
+        if (!insurance.isEmpty()) insurance += "\n";
+        insurance += q(vell::insurance::answerLine(answer, interfaceLanguage()));
+    }
     insuranceLabel_->setText(insurance);
     insuranceLabel_->setVisible(!insurance.isEmpty());
 

@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "insurance/insurance_messages.h"
+#include "insurance/insurance_status.h"
 #include "live/live_advisor.h"
 #include "results/results_messages.h"
 #include "base/user_defaults.h"
@@ -197,6 +198,7 @@ void RemoteBackend::poll() {
                 };
                 s.insuranceDevice = text("device");
                 s.insuranceError = text("lastError");
+                s.agentRequests = vell::insurance::statusFromJson(*insurance).agentRequests;
             }
             if (calls) {
                 s.callsEnabled = calls->value("enabled", true);

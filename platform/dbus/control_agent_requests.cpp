@@ -1,6 +1,5 @@
 // InsuranceRequests () -> s: JSON list, oldest first, of the agent requests answered since
-// the host started: [{"id", "fromMs", "toMs", "status" (uploaded|failed|empty),
-// "recordingId"?, "error"?, "reported" (the service got the report), "answeredAtMs"}].
+// the host started (the newest 100), each as insurance::answerJson writes it.
 #include "platform/dbus/control_agent_requests.h"
 
 #include <nlohmann/json.hpp>
@@ -17,15 +16,7 @@ void registerAgentRequestsControl(ControlContext& context) {
             ctx->onMain(std::move(result), [ctx](auto& r) {
                 nlohmann::json list = nlohmann::json::array();
                 for (const auto& a : app::agentRequests(ctx->host.core()).answered.get()) {
-                    nlohmann::json item = {{"id", a.request.id},
-                                           {"fromMs", a.request.fromMs},
-                                           {"toMs", a.request.toMs},
-                                           {"status", a.status},
-                                           {"reported", a.reported},
-                                           {"answeredAtMs", millisecondsSince1970(a.answeredAt)}};
-                    if (a.recordingID) item["recordingId"] = *a.recordingID;
-                    if (a.error) item["error"] = *a.error;
-                    list.push_back(item);
+                    list.push_back(insurance::answerJson(a));
                 }
                 r->returnResults(list.dump());
             });

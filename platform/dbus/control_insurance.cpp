@@ -3,7 +3,9 @@
 #include <thread>
 #include <utility>
 
+#include "app/agent_requests.h"
 #include "base/runtime.h"
+#include "insurance/insurance_agent_requests.h"
 #include "insurance/insurance_recorder.h"
 #include "insurance/insurance_status.h"
 
@@ -11,7 +13,13 @@ namespace vell::dbus {
 
 namespace {
 insurance::InsuranceRecorder& recorder() { return insurance::InsuranceRecorder::shared(); }
-std::string statusJson() { return insurance::toJson(insurance::statusOf(recorder())).dump(); }
+// With the newest answers to agent requests, so whoever looks at the status also sees what
+// audio left the computer.
+std::string statusJson(app::Host& host) {
+    auto status = insurance::statusOf(recorder());
+    status.agentRequests = app::agentRequests(host.core()).recentAnswers();
+    return insurance::toJson(status).dump();
+}
 
 // The export writes wherever the caller said, which may be slow storage: it runs on a thread
 // of its own so the main executor never waits on it, and the call is answered with an error
@@ -44,17 +52,17 @@ void registerInsuranceControl(ControlContext& context) {
     auto* ctx = &context;
 
     object.registerMethod("InsuranceStatus").onInterface(I).implementedAs([ctx](sdbus::Result<std::string>&& result) {
-        ctx->onMain(std::move(result), [](auto& r) { r->returnResults(statusJson()); });
+        ctx->onMain(std::move(result), [ctx](auto& r) { r->returnResults(statusJson(ctx->host)); });
     });
     object.registerMethod("InsuranceEnable").onInterface(I).implementedAs([ctx](sdbus::Result<std::string>&& result) {
-        ctx->onMain(std::move(result), [](auto& r) {
+        ctx->onMain(std::move(result), [ctx](auto& r) {
             recorder().acceptPrivacyAndEnable();
             // The start finishes on the microphone queue; answer once it has, or after 3 s.
             auto answered = std::make_shared<bool>(false);
-            auto answer = [r, answered] {
+            auto answer = [host = &ctx->host, r, answered] {
                 if (*answered) return;
                 *answered = true;
-                r->returnResults(statusJson());
+                r->returnResults(statusJson(*host));
             };
             auto poll = std::make_shared<TimerHandle>();
             *poll = runtime::main().repeat(0.05, [answer, poll, started = runtime::clock().uptime()] {
@@ -66,9 +74,9 @@ void registerInsuranceControl(ControlContext& context) {
         });
     });
     object.registerMethod("InsuranceDisable").onInterface(I).implementedAs([ctx](sdbus::Result<std::string>&& result) {
-        ctx->onMain(std::move(result), [](auto& r) {
+        ctx->onMain(std::move(result), [ctx](auto& r) {
             recorder().disable();
-            r->returnResults(statusJson());
+            r->returnResults(statusJson(ctx->host));
         });
     });
     object.registerMethod("InsuranceSetWindow").onInterface(I).implementedAs(

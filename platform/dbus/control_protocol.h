@@ -27,7 +27,8 @@
 //   Quit ()                         stop and quit
 //   InsuranceStatus () -> s         {"enabled","privacyAccepted","listening","windowMinutes",
 //                                   "device","lastError","bufferedFrom","bufferedTo" (ms since
-//                                   1970),"bufferedSeconds","bytes","chunks"}
+//                                   1970),"bufferedSeconds","bytes","chunks","agentRequests"
+//                                   (the newest 5 of InsuranceRequests, same fields)}
 //   InsuranceEnable () -> s         accepts the privacy explanation, switches on, answers the
 //                                   status once the microphone start has finished (<= 3 s)
 //   InsuranceDisable () -> s        switches off and erases the buffer; the status
@@ -71,9 +72,11 @@
 //   RecoverStopPlaying ()           stops the preview; its file is removed
 //   RecoverCopy () -> s             copies the text: {"copied","confirmation","problem" (why
 //                                   nothing can be copied here, when so)}
-//   InsuranceRequests () -> s       the agent requests answered since the host started:
-//                                   [{"id","fromMs","toMs","status","recordingId"?,"error"?,
-//                                   "reported","answeredAtMs"}]
+//   InsuranceRequests () -> s       the agent requests answered since the host started (the
+//                                   newest 100): [{"id","fromMs","toMs","status",
+//                                   "recordingId"?,"error"?,"sentFromMs"?,"sentToMs"?,
+//                                   "sentSeconds"? (what an upload sent),"reported",
+//                                   "answeredAtMs"}]
 //   LiveAdvice () -> s              the running recording's live advice: {"sessionId","tiles",
 //                                   "message","segmentsSent","segmentsDropped","segmentsWaiting",
 //                                   "closed"}

@@ -3,6 +3,8 @@
 // queue over a pending list in memory with a scripted uploader.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <iterator>
 
@@ -180,6 +182,16 @@ TEST_F(AgentRequests, ASpanOutsideTheBufferIsEmptyAndAChunkEndingAtItsStartIsNot
     EXPECT_EQ(agent->answered.get()[0].status, "empty");
     EXPECT_TRUE(agent->answered.get()[0].reported);
     EXPECT_TRUE(pending.list.empty());
+    // A long run keeps the newest answers only; a status shows the newest few.
+    for (size_t i = 1; i <= kAnswersKept; ++i) {
+        ask(9'030, 9'060, "req_" + std::to_string(i + 1));
+        finishReport();
+    }
+    EXPECT_EQ(agent->answered.get().size(), kAnswersKept);
+    EXPECT_EQ(agent->answered.get().front().request.id, "req_2");
+    const auto recent = agent->recentAnswers();
+    ASSERT_EQ(recent.size(), kRecentAnswers);
+    EXPECT_EQ(recent.back().request.id, "req_" + std::to_string(kAnswersKept + 1));
 
     // The overlap is strict on both sides, open chunks are never taken, empty files neither.
     const auto a = chunk(9'100, 'b');
@@ -218,6 +230,8 @@ TEST_F(AgentRequests, TheSpanBecomesAPendingRecordingThatTheQueueSendsAndIsRepor
     EXPECT_EQ(count("poll"), 1);
     EXPECT_TRUE(reports.empty());
 
+    std::vector<AgentAnswer> told;
+    agent->onAnswer = [&](const AgentAnswer& a) { told.push_back(a); };
     uploader.calls[0].done(std::string("rec_42"));
     main.runPending();
     ASSERT_EQ(reports.size(), 1u);
@@ -227,6 +241,9 @@ TEST_F(AgentRequests, TheSpanBecomesAPendingRecordingThatTheQueueSendsAndIsRepor
     EXPECT_FALSE(agent->busy());
     ASSERT_EQ(agent->answered.get().size(), 1u);
     EXPECT_EQ(agent->answered.get()[0].recordingID, "rec_42");
+    // What left is named by the chunks sent, wider than the span asked.
+    EXPECT_EQ(agent->answered.get()[0].sent, (SentAudio{first.start, last.end, 60}));
+    EXPECT_EQ(told, agent->answered.get());
     main.advance(kAgentPollSeconds);
     EXPECT_EQ(count("poll"), 2);
 }
@@ -244,6 +261,7 @@ TEST_F(AgentRequests, EveryFailureIsReportedWithItsOwnSentence) {
     // The report does not arrive: kept as unreported, and the next tick asks again.
     finishReport(false);
     EXPECT_FALSE(agent->answered.get().back().reported);
+    EXPECT_FALSE(agent->answered.get().back().sent);
     EXPECT_FALSE(agent->busy());
 
     // The service took it but gave no id.
@@ -306,6 +324,65 @@ TEST_F(AgentRequests, AnUploadTheQueueNeverTriesIsReportedFailedAfterTheLimitAnd
     EXPECT_EQ(decodeAgentRequest(json{{"request", nullptr}}), std::nullopt);
     EXPECT_EQ(decodeAgentRequest(json{{"request", {{"id", "x"}, {"fromMs", 1.5}, {"toMs", 2}}}}),
               (AgentRequest{"x", 1.5, 2}));
+}
+
+// Local times in a fixed zone (UTC+2, no summer time) for the length of a test.
+class FixedZone {
+public:
+    FixedZone() {
+        if (const char* tz = std::getenv("TZ")) saved_ = tz;
+        ::setenv("TZ", "EET-2", 1);
+        ::tzset();
+    }
+    ~FixedZone() {
+        if (saved_) ::setenv("TZ", saved_->c_str(), 1);
+        else ::unsetenv("TZ");
+        ::tzset();
+    }
+
+private:
+    std::optional<std::string> saved_;
+};
+
+TEST(AgentAnswerText, TellsWhatLeftInBothLanguagesWithItsSpanInLocalTime) {
+    FixedZone zone;
+    const double ten = 1'800'000'000;  // 08:00 UTC, 10:00 local
+    struct Length {
+        double seconds;
+        const char *en, *es;
+    };
+    for (const auto& c : std::vector<Length>{{0.3, "1 second", "1 segundo"},
+                                             {45, "45 seconds", "45 segundos"},
+                                             {59.4, "59 seconds", "59 segundos"},
+                                             {59.6, "1 minute", "1 minuto"},
+                                             {89, "1 minute", "1 minuto"},
+                                             {90, "2 minutes", "2 minutos"},
+                                             {3'600, "60 minutes", "60 minutos"}}) {
+        EXPECT_EQ(spokenDuration(c.seconds, Language::English), c.en) << c.seconds;
+        EXPECT_EQ(spokenDuration(c.seconds, Language::Spanish), c.es) << c.seconds;
+    }
+
+    // Asked 10:02:40-10:03:50; the whole chunks 10:02-10:04 went.
+    AgentAnswer sent{{"req_1", ms(ten + 160), ms(ten + 230)}, "uploaded", "rec_1", std::nullopt, true, at(ten + 310),
+                     SentAudio{at(ten + 120), at(ten + 240), 120}};
+    EXPECT_EQ(sentNotice(sent, Language::English), "Vell sent 2 minutes of audio (10:02-10:04) to your assistant");
+    EXPECT_EQ(sentNotice(sent, Language::Spanish), "Vell envió 2 minutos de audio (10:02-10:04) a tu asistente");
+    EXPECT_EQ(answerLine(sent, Language::English), "Sent to your assistant: 10:02-10:04 (2 minutes), at 10:05");
+    EXPECT_EQ(answerLine(sent, Language::Spanish), "Enviado a tu asistente: 10:02-10:04 (2 minutos), a las 10:05");
+    // Nothing sent: the asked span, and that nothing went.
+    AgentAnswer empty{{"req_2", ms(ten - 3'600), ms(ten - 3'555)}, "empty", std::nullopt, std::nullopt, true, at(ten + 310), {}};
+    EXPECT_EQ(answerLine(empty, Language::English),
+              "Asked for by your assistant, nothing was kept then: 09:00-09:00 (45 seconds), at 10:05");
+    auto failed = empty;
+    failed.status = "failed";
+    failed.error = messages::kUploadFailed.str();
+    EXPECT_EQ(answerLine(failed, Language::Spanish),
+              "Pedido por tu asistente, falló la subida: 09:00-09:00 (45 segundos), a las 10:05");
+
+    // The host hands answers to front ends as JSON; they come back whole.
+    EXPECT_EQ(answerFromJson(answerJson(sent)), sent);
+    EXPECT_EQ(answerFromJson(answerJson(failed)), failed);
+    EXPECT_EQ(answerFromJson(json("garbage")).status, "");
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include "app/input_levels.h"
 #include "tests/tray/tray_rig.h"
 #include "tray/panel.h"
+#include "tray/still_backend.h"
 #include "tray/undo_panel.h"
 
 namespace vell::tray {
@@ -187,6 +188,22 @@ TEST(PanelTest, InsuranceModeAsksForThePrivacyExplanationBeforeSwitchingOn) {
     ASSERT_NE(onboarding, nullptr);
     EXPECT_TRUE(onboarding->isVisible());
     EXPECT_TRUE(child<QLabel>(onboarding, "privacy")->isVisible()) << "it opens at the privacy explanation";
+}
+
+// Audio an outside agent got stays listed after insurance mode is switched off.
+TEST(PanelTest, TheInsuranceSectionListsWhatWasSentToTheAssistant) {
+    setInterfaceLanguage(Language::English);
+    StillBackend backend;
+    Panel panel(backend);
+    EXPECT_TRUE(panel.findChild<QLabel*>("insuranceLabel")->isHidden());
+    insurance::AgentAnswer sent{{"req_1", 1'800'000'160'000, 1'800'000'230'000}, "uploaded", "rec_1", std::nullopt, true,
+                                WallTime{std::chrono::seconds(1'800'000'310)},
+                                insurance::SentAudio{WallTime{std::chrono::seconds(1'800'000'120)},
+                                                     WallTime{std::chrono::seconds(1'800'000'240)}, 120}};
+    backend.state_.agentRequests = {sent};
+    emit backend.changed();
+    EXPECT_FALSE(panel.findChild<QLabel*>("insuranceLabel")->isHidden());
+    EXPECT_EQ(textOf(&panel, "insuranceLabel").toStdString(), insurance::answerLine(sent, Language::English));
 }
 
 TEST(PanelTest, TheTrayMenuOffersTheShortList) {
