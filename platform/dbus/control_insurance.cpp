@@ -29,8 +29,11 @@ constexpr double kExportSeconds = 60;
 void exportOffMain(const std::shared_ptr<sdbus::Result<int32_t>>& r, insurance::InsuranceBufferStore store,
                    std::vector<insurance::InsuranceChunk> chunks, std::string path) {
     auto answered = std::make_shared<bool>(false);
-    auto limit = runtime::main().postAfter(kExportSeconds, [r, answered, path] {
-        if (std::exchange(*answered, true)) return;
+    // The limit holds the call weakly: a host that quits while the copy is stuck (a FIFO nobody
+    // reads) drops the pending timer after its bus connection, and the call must not outlive it.
+    auto limit = runtime::main().postAfter(kExportSeconds, [weak = std::weak_ptr(r), answered, path] {
+        auto r = weak.lock();
+        if (!r || std::exchange(*answered, true)) return;
         r->returnError(sdbus::Error(errors::kFailed, path + ": not written within " +
                                                          std::to_string(int(kExportSeconds)) + " s"));
     });
