@@ -18,7 +18,7 @@ insurance::BufferedAudioUpload& bufferedAudioUpload(CoreServices& core) {
         auto& recorder = insurance::InsuranceRecorder::shared();
         insurance::BufferedUploadParts parts;
         parts.concatenate = [&recorder](const std::vector<insurance::InsuranceChunk>& chunks, const std::filesystem::path& to) {
-            return recorder.store().concatenate(chunks, to);
+            return recorder.store().concatenate(chunks, to, insurance::InsuranceBufferStore::Creation::fresh);
         };
         parts.pending = &core.recorder();
         parts.uploads = &core.uploads();

@@ -193,7 +193,8 @@ void InsuranceBufferStore::prune(WallTime now, double windowSeconds, const std::
 }
 
 Expected<Unit, std::string> InsuranceBufferStore::concatenate(const std::vector<InsuranceChunk>& chunks,
-                                                              const fs::path& destination) const {
+                                                              const fs::path& destination, Creation creation) const {
+    const int exclusive = creation == Creation::fresh ? O_EXCL | O_NOFOLLOW : 0;
     // Opened without blocking (a FIFO with no reader would hold the caller until someone
     // reads it) and only when it is, or becomes, a regular file.
     struct Fd {
@@ -201,7 +202,7 @@ Expected<Unit, std::string> InsuranceBufferStore::concatenate(const std::vector<
         ~Fd() {
             if (fd >= 0) ::close(fd);
         }
-    } out{::open(destination.c_str(), O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, 0600)};
+    } out{::open(destination.c_str(), O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC | O_NOCTTY | exclusive, 0600)};
     const int fd = out.fd;
     if (fd < 0) return unexpected(destination.string() + ": cannot be written (" + std::strerror(errno) + ")");
     struct stat st {};

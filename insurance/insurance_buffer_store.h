@@ -62,9 +62,11 @@ public:
     // holds at most maxBytes; never touches `keep`.
     void prune(WallTime now, double windowSeconds, const std::optional<std::filesystem::path>& keep,
                std::int64_t maxBytes) const;
-    // The chunks' bytes, in the given order, into one file.
-    Expected<Unit, std::string> concatenate(const std::vector<InsuranceChunk>& chunks,
-                                            const std::filesystem::path& destination) const;
+    // The chunks' bytes, in the given order, into one file: a file the user named is replaced;
+    // a `fresh` one (Vell's own temporary files) is created new, never through a link.
+    enum class Creation { replace, fresh };
+    Expected<Unit, std::string> concatenate(const std::vector<InsuranceChunk>& chunks, const std::filesystem::path& destination,
+                                            Creation creation = Creation::replace) const;
     void removeAll() const;
 
 private:

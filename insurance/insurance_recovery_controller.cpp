@@ -39,7 +39,7 @@ RecoveryDependencies recoveryDependencies(InsuranceRecorder& recorder, const ser
     d.chunks = [&recorder] { return recorder.store().chunks(); };
     d.seal = [&recorder] { recorder.writer().seal(); };
     d.concatenate = [&recorder](const std::vector<InsuranceChunk>& chunks, const std::filesystem::path& to) {
-        return recorder.store().concatenate(chunks, to);
+        return recorder.store().concatenate(chunks, to, InsuranceBufferStore::Creation::fresh);
     };
     d.transcribe = [&client](const std::filesystem::path& file, std::function<void(std::string)> onDraft,
                              std::function<void(Expected<std::string, service::APIError>)> done) {

@@ -145,6 +145,15 @@ TEST_F(BufferStore, ConcatenateJoinsInTheGivenOrderAndReportsWhatItCannotRead) {
     EXPECT_FALSE(store.concatenate(missing, out));
     EXPECT_FALSE(store.concatenate(list, home.root() / "no" / "such" / "dir" / "x.aac"));
 
+    // Vell's own temporary file is made new: a link planted in its place is not written through.
+    const auto someones = home.tmp() / "someones.txt";
+    std::ofstream(someones) << "theirs";
+    fs::create_symlink(someones, home.tmp() / "preview.aac");
+    EXPECT_FALSE(store.concatenate(list, home.tmp() / "preview.aac", InsuranceBufferStore::Creation::fresh));
+    std::ifstream theirs(someones);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(theirs), {}), "theirs");
+    EXPECT_TRUE(store.concatenate(list, home.tmp() / "fresh.aac", InsuranceBufferStore::Creation::fresh));
+
     store.removeAll();
     EXPECT_FALSE(fs::exists(dir));
     store.removeAll();  // nothing there: still fine
