@@ -3,6 +3,7 @@
 // get the input through one) and the JSON parse every JSON-reading target starts from.
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -13,13 +14,16 @@
 
 namespace vell::fuzz {
 
-// One folder per process, made on first use, left for the system to clean (runs are short and
-// the files are overwritten every input).
+// One private folder (0700, a fresh name) per process, made on first use in $XDG_RUNTIME_DIR
+// (a memory file system, so the repairs' syncs cost nothing), else in the temporary folder;
+// left for the system to clean (the files are overwritten every input).
 inline const std::filesystem::path& scratch() {
     static const std::filesystem::path dir = [] {
-        auto base = std::filesystem::temp_directory_path() / ("vell-fuzz-" + std::to_string(::getpid()));
-        std::filesystem::create_directories(base);
-        return base;
+        const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+        const auto base = runtime && *runtime == '/' ? std::filesystem::path(runtime) : std::filesystem::temp_directory_path();
+        std::string pattern = (base / "vell-fuzz-XXXXXX").string();
+        if (!::mkdtemp(pattern.data())) std::abort();
+        return std::filesystem::path(pattern);
     }();
     return dir;
 }
